@@ -1,0 +1,7 @@
+#include "catalogue/numerics.hpp"
+
+namespace quillmark {
+
+void OperationNumerics::validate(std::span<const RoleDeclaration>) const {}
+
+} // namespace quillmark
