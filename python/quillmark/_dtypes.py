@@ -14,8 +14,9 @@ def to_complex32(array):
     """Round each part of a real or complex array to float16 and pack it as complex32."""
     source = np.asarray(array)
     out = np.empty(source.shape, dtype=complex32)
-    out["real"] = np.real(source).astype(np.float16)
-    out["imag"] = np.imag(source).astype(np.float16) if np.iscomplexobj(source) else 0
+    with np.errstate(over="ignore"):  # out-of-range parts become infinities, as in the native rounding
+        out["real"] = np.real(source).astype(np.float16)
+        out["imag"] = np.imag(source).astype(np.float16) if np.iscomplexobj(source) else 0
     return out
 
 
