@@ -44,9 +44,12 @@ struct LoopCompletion {
         }
         done.notify_all();
     }
-    void wait() {
+    // Hands the captured exception to the caller, so the last reference to the exception object
+    // stays on the caller's side even when a worker drops the completion state afterwards.
+    std::exception_ptr wait() {
         std::unique_lock lock(mutex);
         done.wait(lock, [&] { return outstanding.load(std::memory_order_acquire) == 0; });
+        return std::move(error);
     }
 };
 
@@ -253,9 +256,9 @@ void CpuRuntimeContext::parallel_for_chunks(std::uint64_t begin, std::uint64_t e
             break;
         }
     }
-    completion->wait();
+    std::exception_ptr chunk_error = completion->wait();
     if (enqueue_error) std::rethrow_exception(enqueue_error);
-    if (completion->error) std::rethrow_exception(completion->error);
+    if (chunk_error) std::rethrow_exception(chunk_error);
 }
 
 std::shared_ptr<const CpuRuntimeContext> runtime_for_operand_node(const std::shared_ptr<const CpuRuntimeContext>& runtime,
