@@ -31,7 +31,13 @@ struct CpuRuntimeOptions {
     std::vector<std::uint32_t> numa_nodes;
     std::vector<std::uint64_t> logical_cpus;
     std::shared_ptr<CpuWorkerBudget> budget;
+    // Logical CPU count of the topology; 0 asks std::thread::hardware_concurrency(). Lets tests
+    // model machines other than the one they run on.
+    std::uint64_t hardware_concurrency_override = 0;
 };
+
+// One node, id 0, holding CPUs 0..N-1 (N = the override, else the hardware concurrency, else 1).
+std::vector<CpuNumaNode> build_cpu_topology(std::uint64_t hardware_concurrency_override = 0);
 
 using ChunkBody = std::function<void(std::uint64_t, std::uint64_t)>;
 
@@ -49,14 +55,38 @@ public:
     const std::vector<CpuNumaNode>& topology() const noexcept;
     const std::vector<std::uint64_t>& selected_cpus() const noexcept;
     const std::shared_ptr<CpuWorkerBudget>& budget() const noexcept;
+    const std::vector<std::uint32_t>& requested_numa_nodes() const noexcept;
+    const std::vector<std::uint64_t>& requested_logical_cpus() const noexcept;
 
     // Splits [begin, end) into contiguous chunks run on the worker pool; the caller only waits.
     // Runs serially for small work, one thread, or when called from inside a chunk.
+    // The first exception thrown by a chunk is rethrown once every chunk has finished.
     void parallel_for_chunks(std::uint64_t begin, std::uint64_t end, std::uint64_t work, const ChunkBody& body) const;
 
+    // Runs a whole execution on the calling thread under a serial pin scope, so strict pinning
+    // refuses it up front; the task's own loops fan out through parallel_for_chunks.
+    void run(const std::function<void()>& task) const;
+
 private:
+    CpuWorkerPool& worker_pool() const;
+
     struct State;
     std::unique_ptr<State> state_;
 };
+
+// Guard taken before CPU work runs on the calling thread. Nothing is pinned on this platform, so
+// under strict pinning its construction throws instead.
+class CpuSerialPinScope {
+public:
+    explicit CpuSerialPinScope(const CpuRuntimeContext& context);
+    CpuSerialPinScope(const CpuSerialPinScope&) = delete;
+    CpuSerialPinScope& operator=(const CpuSerialPinScope&) = delete;
+};
+
+// The context a CPU process step runs on for an operand placed on `node` (negative: no node):
+// `runtime` itself, or a context derived for that node (sharing `runtime`'s worker budget), or
+// an std::invalid_argument when a strict context cannot honour the node or the node does not exist.
+std::shared_ptr<const CpuRuntimeContext> runtime_for_operand_node(const std::shared_ptr<const CpuRuntimeContext>& runtime,
+                                                                  std::int32_t node);
 
 } // namespace quillmark
