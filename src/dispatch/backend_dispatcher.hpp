@@ -1,0 +1,93 @@
+#pragma once
+// Adaptation registry and dispatcher: choosing one implementation per execution and wrapping its
+// process with the layout adaptations the caller's operands need.
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <vector>
+
+#include "core/operand_types.hpp"
+#include "dispatch/backend_process.hpp"
+#include "dispatch/backend_registry.hpp"
+
+namespace quillmark {
+
+// Steps one adaptation contributes: `before` run ahead of the kernel, `after` behind it.
+struct AdaptationSteps {
+    std::vector<std::unique_ptr<BackendProcessStep>> before;
+    std::vector<std::unique_ptr<BackendProcessStep>> after;
+};
+
+struct BackendAdapter {
+    using Predicate = std::function<bool(const BackendOperandKey& requested, const BackendOperandKey& registered)>;
+    // `position` is the operand's position in the execution bindings (inputs, then outputs).
+    using Builder = std::function<AdaptationSteps(std::size_t position, const OperandDescriptor& descriptor,
+                                                  const BackendOperandKey& requested,
+                                                  const BackendOperandKey& registered)>;
+    Predicate can_adapt;
+    Builder build;
+};
+
+class BackendAdaptationRegistry {
+public:
+    // Throws std::invalid_argument "BackendAdaptationRegistry - adapter predicate and builder must be set".
+    void add_input_adapter(BackendAdapter adapter);
+    void add_output_adapter(BackendAdapter adapter);
+
+    std::span<const BackendAdapter> input_adapters() const noexcept { return inputs_; }
+    std::span<const BackendAdapter> output_adapters() const noexcept { return outputs_; }
+    // The first adapter whose predicate accepts (requested, registered), or nullptr.
+    const BackendAdapter* find_input(const BackendOperandKey& requested, const BackendOperandKey& registered) const;
+    const BackendAdapter* find_output(const BackendOperandKey& requested, const BackendOperandKey& registered) const;
+
+private:
+    std::vector<BackendAdapter> inputs_;
+    std::vector<BackendAdapter> outputs_;
+};
+
+// A read-only view over a sealed registry and an adaptation registry that outlive it.
+class BackendDispatcher {
+public:
+    struct Choice {
+        BackendKind backend;
+        BackendMatch match;
+    };
+
+    // Throws std::invalid_argument "BackendDispatcher - backend catalogue must be sealed".
+    BackendDispatcher(const BackendRegistry& registry, const BackendAdaptationRegistry& adaptations);
+
+    const BackendRegistry& registry() const noexcept { return *registry_; }
+    const BackendAdaptationRegistry& adaptations() const noexcept { return *adaptations_; }
+
+    // Cheapest registration over the backend kinds; ties go to cpu_scalar, then cpu_simd.
+    // Throws DispatchError no_backend_available when no kind has a candidate.
+    Choice choose(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
+                  std::span<const BackendOperandKey> outputs) const;
+
+    // Chooses, materialises, plans and adapts the process for one execution. Descriptors are
+    // given in role order; bindings positions are inputs first, then outputs.
+    BackendProcess dispatch(std::uint32_t handle, std::span<const OperandDescriptor> inputs,
+                            std::span<const OperandDescriptor> outputs) const;
+
+    // Input adaptation steps go in front of the process (kept in build order).
+    void adapt_input(BackendProcess& process, std::span<const OperandDescriptor> descriptors,
+                     std::span<const BackendOperandKey> requested,
+                     std::span<const BackendOperandKey> registered) const;
+    // Only run for a chosen cuda backend: checks the descriptor-level input keys against the
+    // registration with the input adapters.
+    void adapt_descriptor_input(BackendProcess& process, std::span<const OperandDescriptor> descriptors,
+                                std::span<const BackendOperandKey> registered) const;
+    // Output adaptations: their preparation steps go in front, their restore steps at the back.
+    // `first_position` is the bindings position of the first output (the input count).
+    void adapt_output(BackendProcess& process, std::size_t first_position,
+                      std::span<const OperandDescriptor> descriptors, std::span<const BackendOperandKey> requested,
+                      std::span<const BackendOperandKey> registered) const;
+
+private:
+    const BackendRegistry* registry_;
+    const BackendAdaptationRegistry* adaptations_;
+};
+
+} // namespace quillmark
