@@ -1,5 +1,7 @@
 #include "dispatch/backend_registry.hpp"
 
+#include "catalogue/numerics.hpp"
+
 #include <algorithm>
 #include <limits>
 #include <stdexcept>
@@ -228,8 +230,11 @@ BackendRegistry& BackendRegistry::operator=(const BackendRegistry& other) {
 }
 
 std::shared_ptr<const ImplementationNumerics> BackendRegistry::resolve_numerics(
-    const BackendRegistryKey& /*key*/, std::shared_ptr<const ImplementationNumerics> numerics) {
-    return numerics;
+    const BackendRegistryKey& key, std::shared_ptr<const ImplementationNumerics> numerics) {
+    // The precision text names the dtypes the caller stores and the kernel computes in: those of
+    // the first input, or of the first output for operations without inputs.
+    const BackendOperandKey& operand = key.inputs().empty() ? key.outputs().front() : key.inputs().front();
+    return std::make_shared<const ImplementationNumerics>(numerics->resolved(operand.storage_type(), operand.compute_type()));
 }
 
 void BackendRegistry::register_backend(BackendRegistryKey key, BackendMaterialiser materialiser,
@@ -249,8 +254,9 @@ void BackendRegistry::seal(const OperationRegistry& catalogue) {
     if (!catalogue.sealed()) throw std::logic_error("BackendRegistry::seal - operation catalogue must be sealed first");
     Index index;
     for (const auto& [key, entry] : registrations_) {
-        const std::uint32_t handle = catalogue.lookup(key.operation()).handle();
-        index[handle].emplace_back(&key, &entry);
+        const OperationSpec& spec = catalogue.lookup(key.operation());
+        if (entry.numerics()) entry.numerics()->validate(spec);
+        index[spec.handle()].emplace_back(&key, &entry);
     }
     index_ = std::move(index);
     sealed_ = true;

@@ -1,0 +1,39 @@
+import numpy as np
+import pytest
+
+quillmark = pytest.importorskip("quillmark")
+
+FLOATING = [np.float32, np.float64, np.complex64, np.complex128]
+TOLERANCE = {np.float32: 2e-4, np.float64: 1e-10, np.complex64: 2e-4, np.complex128: 1e-10}
+
+
+def random_array(rng, shape, dtype):
+    dtype = np.dtype(dtype)
+    values = rng.standard_normal(shape)
+    if dtype.kind == "c":
+        values = values + 1j * rng.standard_normal(shape)
+    return values.astype(dtype)
+
+
+def real_dtype(dtype):
+    return np.empty(0, dtype).real.dtype
+
+
+@pytest.fixture(scope="session")
+def ctx():
+    if not hasattr(quillmark, "Context"):
+        pytest.skip("Context is not available in this build")
+    return quillmark.Context()
+
+
+@pytest.fixture
+def rng():
+    return np.random.default_rng(1234)
+
+
+def run(ctx, operation, inputs, outputs, compute_dtypes=None):
+    """Bind inputs as Input0.., outputs as Output0.. on the host and execute."""
+    bindings = {f"Input{i}": a for i, a in enumerate(inputs)}
+    bindings.update({f"Output{j}": a for j, a in enumerate(outputs)})
+    locations = {role: "host" for role in bindings}
+    return ctx.execute(operation, bindings, locations, compute_dtypes or {})
