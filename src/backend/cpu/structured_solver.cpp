@@ -1,0 +1,674 @@
+#include "backend/cpu/structured_solver.hpp"
+
+#include <algorithm>
+#include <cmath>
+#include <limits>
+#include <numbers>
+#include <numeric>
+#include <stdexcept>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/errors.hpp"
+
+namespace quillmark::cpu {
+
+namespace {
+
+template <class T> struct IsComplex : std::false_type {};
+template <class R> struct IsComplex<std::complex<R>> : std::true_type {};
+template <class C> inline constexpr bool kComplex = IsComplex<C>::value;
+
+// Single-precision Jacobi, slogdet and Cholesky work on a double-precision copy.
+template <class C> struct WidenOf {
+    using type = C;
+};
+template <> struct WidenOf<float> {
+    using type = double;
+};
+template <> struct WidenOf<std::complex<float>> {
+    using type = std::complex<double>;
+};
+template <class C> using Widened = typename WidenOf<C>::type;
+
+constexpr const char* kLibrary = "CPU";
+
+template <class C> inline bool is_finite(const C& v) noexcept {
+    if constexpr (kComplex<C>)
+        return std::isfinite(v.real()) && std::isfinite(v.imag());
+    else
+        return std::isfinite(v);
+}
+
+template <class C> inline RealOf<C> real_part(const C& v) noexcept {
+    if constexpr (kComplex<C>)
+        return v.real();
+    else
+        return v;
+}
+
+template <class C> inline C conj_of(const C& v) noexcept {
+    if constexpr (kComplex<C>)
+        return std::conj(v);
+    else
+        return v;
+}
+
+// Plain product (no NaN recovery path) so the update loops stay branch-free.
+template <class C> inline C mul(const C& a, const C& b) noexcept {
+    if constexpr (kComplex<C>)
+        return C(a.real() * b.real() - a.imag() * b.imag(), a.real() * b.imag() + a.imag() * b.real());
+    else
+        return a * b;
+}
+
+template <class To, class From> inline To convert(const From& v) noexcept {
+    if constexpr (kComplex<To>)
+        return To(static_cast<RealOf<To>>(real_part(v)), static_cast<RealOf<To>>(std::imag(v)));
+    else
+        return static_cast<To>(v);
+}
+
+// Magnitude used to rank pivot candidates; a complex modulus that overflows is taken of the
+// halved value and ranks above every unscaled key.
+template <class R> struct PivotKey {
+    R magnitude = 0;
+    bool scaled = false;
+};
+
+template <class C> inline PivotKey<RealOf<C>> pivot_key(const C& v) noexcept {
+    using R = RealOf<C>;
+    if constexpr (kComplex<C>) {
+        const R m = std::abs(v);
+        if (!std::isfinite(m))
+            return {std::abs(v * R(0.5)), true};
+        return {m, false};
+    } else {
+        return {std::fabs(v), false};
+    }
+}
+
+template <class R> inline bool ranks_above(const PivotKey<R>& a, const PivotKey<R>& b) noexcept {
+    if (a.scaled != b.scaled)
+        return a.scaled;
+    return a.magnitude > b.magnitude;
+}
+
+template <class R> inline bool is_zero_key(const PivotKey<R>& k) noexcept {
+    return !k.scaled && k.magnitude == 0;
+}
+
+// ln|v| without overflow of the complex modulus.
+template <class C> inline RealOf<C> log_abs(const C& v) noexcept {
+    using R = RealOf<C>;
+    if constexpr (kComplex<C>) {
+        const R m = std::abs(v);
+        if (std::isinf(m) && is_finite(v))
+            return std::log(std::abs(v * R(0.5))) + std::numbers::ln2_v<R>;
+        return std::log(m);
+    } else {
+        return std::log(std::fabs(v));
+    }
+}
+
+// v / |v| for a non-zero finite v, robust against overflow and underflow of the modulus.
+template <class R> inline std::complex<R> unit_phase(const std::complex<R>& v) noexcept {
+    const R m = std::max(std::fabs(v.real()), std::fabs(v.imag()));
+    const std::complex<R> w(v.real() / m, v.imag() / m);
+    return w / std::abs(w);
+}
+
+struct Strides {
+    std::uint64_t row;
+    std::uint64_t col;
+};
+inline Strides strides_of(const MatrixGeometry& g) noexcept {
+    return g.layout == MatrixLayout::column_major ? Strides{1, g.rows} : Strides{g.cols, 1};
+}
+
+inline void require_square(const MatrixGeometry& g, const char* message) {
+    if (g.rows != g.cols)
+        throw std::invalid_argument(message);
+}
+
+inline std::int32_t status_of(std::uint64_t value) noexcept {
+    return static_cast<std::int32_t>(
+        std::min<std::uint64_t>(value, std::numeric_limits<std::int32_t>::max()));
+}
+
+// Private row-major copy in the working type W.
+template <class W, class C> std::vector<W> row_major_copy(const C* a, const MatrixGeometry& g) {
+    const std::uint64_t n = g.rows;
+    std::vector<W> w(n * n);
+    const Strides st = strides_of(g);
+    for (std::uint64_t i = 0; i < n; ++i)
+        for (std::uint64_t j = 0; j < n; ++j)
+            w[i * n + j] = convert<W>(a[i * st.row + j * st.col]);
+    return w;
+}
+
+template <class C> double tolerance_for(std::uint64_t n) {
+    if constexpr (std::is_same_v<RealOf<C>, float>) {
+        return static_cast<double>(static_cast<float>(n) * std::numeric_limits<float>::epsilon());
+    } else {
+        return static_cast<double>(n) * std::numeric_limits<double>::epsilon();
+    }
+}
+
+// The input check in the widened working precision of C.
+template <class C>
+void validate_input(const C* a, const MatrixGeometry& g, bool check_symmetry, double tolerance,
+                    std::string_view operation) {
+    using W = Widened<C>;
+    using RW = RealOf<W>;
+    const std::uint64_t n = g.rows;
+    const Strides st = strides_of(g);
+    for (std::uint64_t i = 0; i < n; ++i)
+        for (std::uint64_t j = 0; j < n; ++j)
+            if (!is_finite(a[i * st.row + j * st.col]))
+                throw std::invalid_argument(std::string(operation) +
+                                            " - input must contain only finite entries");
+    if (!check_symmetry)
+        return;
+    for (std::uint64_t i = 0; i < n; ++i) {
+        for (std::uint64_t j = 0; j <= i; ++j) {
+            const W x = convert<W>(a[i * st.row + j * st.col]);
+            const W y = convert<W>(a[j * st.row + i * st.col]);
+            RW m;
+            RW diff;
+            if constexpr (kComplex<W>) {
+                m = std::max(
+                    {std::fabs(x.real()), std::fabs(x.imag()), std::fabs(y.real()), std::fabs(y.imag())});
+                if (m == 0)
+                    continue;
+                diff =
+                    std::max(std::fabs(x.real() / m - y.real() / m), std::fabs(x.imag() / m + y.imag() / m));
+            } else {
+                m = std::max(std::fabs(x), std::fabs(y));
+                if (m == 0)
+                    continue;
+                diff = std::fabs(x / m - y / m);
+            }
+            if (diff > tolerance)
+                throw std::invalid_argument(std::string(operation) +
+                                            " - input must be symmetric/Hermitian at (" + std::to_string(i) +
+                                            ", " + std::to_string(j) + ")");
+        }
+    }
+}
+
+// Row-major working copy of the Hermitian matrix defined by the lower triangle and the real
+// diagonal.
+template <class W, class C> std::vector<W> hermitian_copy(const C* a, const MatrixGeometry& g) {
+    const std::uint64_t n = g.rows;
+    const Strides st = strides_of(g);
+    std::vector<W> w(n * n);
+    for (std::uint64_t i = 0; i < n; ++i) {
+        for (std::uint64_t j = 0; j < i; ++j) {
+            const W v = convert<W>(a[i * st.row + j * st.col]);
+            w[i * n + j] = v;
+            w[j * n + i] = conj_of(v);
+        }
+        w[i * n + i] = W(static_cast<RealOf<W>>(real_part(a[i * (st.row + st.col)])));
+    }
+    return w;
+}
+
+constexpr std::uint64_t kMaximumSweeps = 64;
+
+// Cyclic Jacobi on the row-major Hermitian working copy w. Returns the diagonal after
+// convergence; vt (when non-null) receives the eigenvectors transposed (row p = vector p).
+template <class W>
+std::vector<RealOf<W>> jacobi(std::vector<W>& w, std::uint64_t n, double tolerance, std::vector<W>* vt) {
+    using RW = RealOf<W>;
+    const RW tol = static_cast<RW>(tolerance);
+    if (vt) {
+        vt->assign(n * n, W(0));
+        for (std::uint64_t i = 0; i < n; ++i)
+            (*vt)[i * n + i] = W(1);
+    }
+    auto negligible = [&](std::uint64_t p, std::uint64_t q) {
+        const W apq = w[p * n + q];
+        if (apq == W(0))
+            return true;
+        const RW dp = std::sqrt(std::fabs(real_part(w[p * n + p])));
+        const RW dq = std::sqrt(std::fabs(real_part(w[q * n + q])));
+        if (dp == 0 || dq == 0)
+            return false;
+        return std::abs(apq) / std::max(dp, dq) / std::min(dp, dq) <= tol;
+    };
+    for (std::uint64_t sweep = 0;; ++sweep) {
+        bool converged = true;
+        for (std::uint64_t p = 0; p + 1 < n && converged; ++p)
+            for (std::uint64_t q = p + 1; q < n; ++q)
+                if (!negligible(p, q)) {
+                    converged = false;
+                    break;
+                }
+        if (converged)
+            break;
+        if (sweep == kMaximumSweeps)
+            throw SolverError(kLibrary, static_cast<std::int32_t>(kMaximumSweeps),
+                              "Jacobi sweep limit reached", "quillmark.eigh",
+                              "eigh/eigvalsh - Jacobi iteration did not converge for order " +
+                                  std::to_string(n),
+                              ErrorReason::non_convergence);
+        for (std::uint64_t p = 0; p + 1 < n; ++p) {
+            for (std::uint64_t q = p + 1; q < n; ++q) {
+                if (negligible(p, q))
+                    continue;
+                const W apq = w[p * n + q];
+                const RW app = real_part(w[p * n + p]);
+                const RW aqq = real_part(w[q * n + q]);
+                const RW scale = std::max({std::abs(apq), std::fabs(app), std::fabs(aqq)});
+                const W g = apq / scale;
+                const RW ga = std::abs(g);
+                if (ga == 0) {
+                    w[p * n + q] = W(0);
+                    w[q * n + p] = W(0);
+                    continue;
+                }
+                const RW theta = (aqq / scale) * RW(0.5) - (app / scale) * RW(0.5);
+                const RW r = std::hypot(theta, ga);
+                const RW t = std::copysign(ga / (r + std::fabs(theta)), theta);
+                const RW c = RW(1) / std::hypot(RW(1), t);
+                const W s = (c * t) * (g / ga);
+                const W sc = conj_of(s);
+                const RW delta = scale * t * ga;
+                w[p * n + p] = W(app - delta);
+                w[q * n + q] = W(aqq + delta);
+                w[p * n + q] = W(0);
+                w[q * n + p] = W(0);
+                // Columns p and q get U = [[c, s], [-conj(s), c]]; rows mirror them so the
+                // working matrix stays exactly Hermitian.
+                for (std::uint64_t k = 0; k < n; ++k) {
+                    if (k == p || k == q)
+                        continue;
+                    const W akp = w[k * n + p];
+                    const W akq = w[k * n + q];
+                    const W nkp = akp * c - mul(akq, sc);
+                    const W nkq = akq * c + mul(akp, s);
+                    w[k * n + p] = nkp;
+                    w[k * n + q] = nkq;
+                    w[p * n + k] = conj_of(nkp);
+                    w[q * n + k] = conj_of(nkq);
+                }
+                if (vt) {
+                    W* vp = vt->data() + p * n;
+                    W* vq = vt->data() + q * n;
+                    for (std::uint64_t k = 0; k < n; ++k) {
+                        const W a = vp[k];
+                        const W b = vq[k];
+                        vp[k] = a * c - mul(b, sc);
+                        vq[k] = b * c + mul(a, s);
+                    }
+                }
+            }
+        }
+        for (std::uint64_t i = 0; i < n; ++i)
+            if (!std::isfinite(real_part(w[i * n + i])))
+                throw std::runtime_error("eigh/eigvalsh - eigenvalue overflow");
+    }
+    std::vector<RW> d(n);
+    for (std::uint64_t i = 0; i < n; ++i)
+        d[i] = real_part(w[i * n + i]);
+    return d;
+}
+
+template <class C>
+void hermitian_eigen(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* vectors,
+                     const MatrixGeometry* vector_geometry, std::string_view operation) {
+    using W = Widened<C>;
+    using R = RealOf<C>;
+    require_square(g, "eigh/eigvalsh - input must be square");
+    const std::uint64_t n = g.rows;
+    if (vector_geometry && (vector_geometry->rows != n || vector_geometry->cols != n))
+        throw std::invalid_argument("eigh - eigenvector shape mismatch");
+    const double tol = tolerance_for<C>(n);
+    validate_input(a, g, true, tol, operation);
+    std::vector<W> w = hermitian_copy<W>(a, g);
+    std::vector<W> vt;
+    const std::vector<RealOf<W>> d = jacobi(w, n, tol, vector_geometry ? &vt : nullptr);
+
+    std::vector<R> result(n);
+    for (std::uint64_t i = 0; i < n; ++i) {
+        result[i] = static_cast<R>(d[i]);
+        if (!std::isfinite(result[i]))
+            throw std::runtime_error("eigh/eigvalsh - eigenvalue overflow");
+    }
+    std::vector<std::uint64_t> perm(n);
+    std::iota(perm.begin(), perm.end(), std::uint64_t{0});
+    std::stable_sort(perm.begin(), perm.end(), [&](std::uint64_t x, std::uint64_t y) { return d[x] < d[y]; });
+    for (std::uint64_t i = 0; i < n; ++i)
+        values[i] = result[perm[i]];
+    if (vector_geometry) {
+        for (std::uint64_t i = 0; i < n; ++i) {
+            const W* column = vt.data() + perm[i] * n;
+            for (std::uint64_t k = 0; k < n; ++k)
+                vectors[vector_geometry->index(k, i)] = convert<C>(column[k]);
+        }
+    }
+}
+
+} // namespace
+
+template <class C> std::int64_t lu_factor(C* a, const MatrixGeometry& g, std::int64_t* pivots) {
+    require_square(g, "LU factorisation - matrix must be square");
+    const std::uint64_t n = g.rows;
+    if (n > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
+        throw std::overflow_error("size exceeds destination integer range");
+    const Strides st = strides_of(g);
+    std::int64_t swaps = 0;
+    for (std::uint64_t k = 0; k < n; ++k) {
+        std::uint64_t p = k;
+        PivotKey<RealOf<C>> best{};
+        for (std::uint64_t i = k; i < n; ++i) {
+            const C v = a[i * st.row + k * st.col];
+            if (!is_finite(v))
+                throw std::invalid_argument("LU factorisation - non-finite pivot");
+            const auto key = pivot_key(v);
+            if (i == k || ranks_above(key, best)) {
+                best = key;
+                p = i;
+            }
+        }
+        if (is_zero_key(best))
+            throw SolverError(kLibrary, status_of(k), "zero LU pivot", "quillmark.lu_factor",
+                              "LU factorisation - singular matrix at pivot " + std::to_string(k),
+                              ErrorReason::singular);
+        pivots[k] = static_cast<std::int64_t>(p + 1);
+        if (p != k) {
+            for (std::uint64_t j = 0; j < n; ++j)
+                std::swap(a[k * st.row + j * st.col], a[p * st.row + j * st.col]);
+            ++swaps;
+        }
+        const C pivot = a[k * (st.row + st.col)];
+        for (std::uint64_t i = k + 1; i < n; ++i) {
+            C& e = a[i * st.row + k * st.col];
+            const C m = e / pivot;
+            if (e != C(0) && m == C(0))
+                throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.lu_factor",
+                                  "LU multiplier range cannot be preserved", ErrorReason::solver_failure);
+            e = m;
+        }
+        // Trailing update, ordered so the inner loop runs along contiguous memory.
+        if (st.row == 1) {
+            for (std::uint64_t j = k + 1; j < n; ++j) {
+                const C t = a[k + j * st.col];
+                C* column = a + j * st.col;
+                const C* multipliers = a + k * st.col;
+                for (std::uint64_t i = k + 1; i < n; ++i)
+                    column[i] -= mul(multipliers[i], t);
+            }
+        } else {
+            const C* pivot_row = a + k * st.row;
+            for (std::uint64_t i = k + 1; i < n; ++i) {
+                C* row = a + i * st.row;
+                const C m = row[k];
+                for (std::uint64_t j = k + 1; j < n; ++j)
+                    row[j] -= mul(m, pivot_row[j]);
+            }
+        }
+    }
+    return swaps;
+}
+
+template <class C>
+void lu_solve(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t x_stride) {
+    require_square(g, "solve - LU factors must be square");
+    const std::uint64_t n = g.rows;
+    for (std::uint64_t i = 0; i < n; ++i)
+        if (pivots[i] < 1 || static_cast<std::uint64_t>(pivots[i]) > n)
+            throw std::invalid_argument("solve - invalid LU pivot");
+    const Strides st = strides_of(g);
+    for (std::uint64_t i = 0; i < n; ++i) {
+        const std::uint64_t p = static_cast<std::uint64_t>(pivots[i]) - 1;
+        if (p != i)
+            std::swap(x[i * x_stride], x[p * x_stride]);
+    }
+    for (std::uint64_t i = 0; i < n; ++i) {
+        C sum(0);
+        for (std::uint64_t j = 0; j < i; ++j)
+            sum += mul(a[i * st.row + j * st.col], x[j * x_stride]);
+        x[i * x_stride] -= sum;
+    }
+    for (std::uint64_t i = n; i-- > 0;) {
+        C sum(0);
+        for (std::uint64_t j = i + 1; j < n; ++j)
+            sum += mul(a[i * st.row + j * st.col], x[j * x_stride]);
+        x[i * x_stride] = (x[i * x_stride] - sum) / a[i * (st.row + st.col)];
+    }
+}
+
+template <class C>
+std::complex<RealOf<C>> lu_logdet(const C* a, const MatrixGeometry& g, std::int64_t swaps) {
+    using R = RealOf<C>;
+    require_square(g, "logdet - LU factors must be square");
+    const std::uint64_t n = g.rows;
+    const std::uint64_t diagonal_stride = g.rows + 1;
+    R sum = 0;
+    if constexpr (kComplex<C>) {
+        std::complex<R> phase = (swaps & 1) ? R(-1) : R(1);
+        for (std::uint64_t k = 0; k < n; ++k) {
+            const C u = a[k * diagonal_stride];
+            sum += log_abs(u);
+            if (u != C(0) && is_finite(u)) {
+                phase *= unit_phase(u);
+                phase /= std::abs(phase);
+            }
+        }
+        // A product on the real axis takes its principal value exactly (+pi, never -pi).
+        const R angle = phase.imag() == 0 ? (phase.real() < 0 ? std::numbers::pi_v<R> : R(0))
+                                          : std::atan2(phase.imag(), phase.real());
+        return {sum, angle};
+    } else {
+        std::int64_t parity = swaps & 1;
+        for (std::uint64_t k = 0; k < n; ++k) {
+            const C u = a[k * diagonal_stride];
+            sum += std::log(std::fabs(u));
+            if (std::signbit(u))
+                parity ^= 1;
+        }
+        return {sum, parity ? std::numbers::pi_v<R> : R(0)};
+    }
+}
+
+template <class W> RealOf<W> normalise_determinant(W* data, std::uint64_t n, std::string_view operation) {
+    using R = RealOf<W>;
+    if (n == 0)
+        return 0;
+    constexpr int kNormalExponent = std::numeric_limits<R>::min_exponent - 1;       // -1022, -126
+    constexpr int kLiftExponent = kNormalExponent + std::numeric_limits<R>::digits; // -969, -102
+    constexpr int kOverflowExponent = std::numeric_limits<R>::max_exponent;         // 1024, 128
+    bool off_diagonal = false;
+    R smallest = std::numeric_limits<R>::infinity();
+    R largest = 0;
+    auto track = [&](R part) {
+        const R m = std::fabs(part);
+        if (m == 0 || std::isnan(m))
+            return;
+        if (m < smallest)
+            smallest = m;
+        if (m > largest)
+            largest = m;
+    };
+    for (std::uint64_t i = 0; i < n; ++i) {
+        for (std::uint64_t j = 0; j < n; ++j) {
+            const W v = data[i * n + j];
+            if (i != j && v != W(0))
+                off_diagonal = true;
+            if constexpr (kComplex<W>) {
+                track(v.real());
+                track(v.imag());
+            } else {
+                track(v);
+            }
+        }
+    }
+    if (!off_diagonal || !(smallest < std::numeric_limits<R>::min()))
+        return 0;
+    const std::int64_t e_max = std::ilogb(largest);
+    const std::int64_t e_min = std::ilogb(smallest);
+    std::int64_t s = 0;
+    if (e_min < kNormalExponent) {
+        s = std::max<std::int64_t>(kLiftExponent - e_min, -e_max);
+        if (s % 2 != 0)
+            s += 1;
+        if (e_max + s >= kOverflowExponent)
+            throw SolverError(kLibrary, -1, "determinant scaling would overflow", std::string(operation),
+                              std::string(operation) + " - subnormal factorisation range cannot be preserved",
+                              ErrorReason::solver_failure);
+    }
+    if (s == 0)
+        return 0;
+    const int exponent = static_cast<int>(s);
+    for (std::uint64_t i = 0; i < n * n; ++i) {
+        if constexpr (kComplex<W>)
+            data[i] = W(std::scalbn(data[i].real(), exponent), std::scalbn(data[i].imag(), exponent));
+        else
+            data[i] = std::scalbn(data[i], exponent);
+    }
+    return std::numbers::ln2_v<R> * static_cast<R>(s) * static_cast<R>(n);
+}
+
+template <class C> SignedLogDeterminant<C> slogdet(const C* a, const MatrixGeometry& g) {
+    using W = Widened<C>;
+    using RW = RealOf<W>;
+    using R = RealOf<C>;
+    require_square(g, "slogdet/logdet_positive_definite - input must be square");
+    const std::uint64_t n = g.rows;
+    std::vector<W> w = row_major_copy<W>(a, g);
+    const RW correction = normalise_determinant(w.data(), n, "quillmark.slogdet");
+    if (n == 0)
+        return {C(1), static_cast<R>(RW(0) - correction)};
+    W sign(1);
+    RW log_magnitude = 0;
+    for (std::uint64_t k = 0; k < n; ++k) {
+        std::uint64_t p = k;
+        PivotKey<RW> best{};
+        for (std::uint64_t i = k; i < n; ++i) {
+            const W v = w[i * n + k];
+            if (!is_finite(v))
+                throw std::runtime_error("slogdet - non-finite LU pivot");
+            const auto key = pivot_key(v);
+            if (i == k || ranks_above(key, best)) {
+                best = key;
+                p = i;
+            }
+        }
+        if (is_zero_key(best))
+            return {C(0), -std::numeric_limits<R>::infinity()};
+        W* row_k = w.data() + k * n;
+        if (p != k) {
+            std::swap_ranges(row_k + k, row_k + n, w.data() + p * n + k);
+            sign = -sign;
+        }
+        const W u = row_k[k];
+        log_magnitude += log_abs(u);
+        if constexpr (kComplex<W>) {
+            const W q = u / best.magnitude;
+            sign = mul(sign, q / std::abs(q));
+        } else {
+            if (u < 0)
+                sign = -sign;
+        }
+        for (std::uint64_t i = k + 1; i < n; ++i) {
+            W* row = w.data() + i * n;
+            const W e = row[k];
+            const W m = e / u;
+            if (e != W(0) && m == W(0))
+                throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.slogdet",
+                                  "slogdet - LU multiplier range cannot be preserved",
+                                  ErrorReason::solver_failure);
+            for (std::uint64_t j = k + 1; j < n; ++j)
+                row[j] -= mul(m, row_k[j]);
+        }
+    }
+    if constexpr (kComplex<W>)
+        sign /= std::abs(sign);
+    return {convert<C>(sign), static_cast<R>(log_magnitude - correction)};
+}
+
+template <class C> double hermitian_tolerance(std::uint64_t n) {
+    return tolerance_for<C>(n);
+}
+
+template <class C>
+void validate_hermitian_input(const C* a, const MatrixGeometry& g, bool check_symmetry,
+                              std::string_view operation) {
+    require_square(g, "eigh/eigvalsh - input must be square");
+    validate_input(a, g, check_symmetry, tolerance_for<C>(g.rows), operation);
+}
+
+template <class C>
+void eigh(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* vectors,
+          const MatrixGeometry& vector_geometry) {
+    hermitian_eigen(a, g, values, vectors, &vector_geometry, "quillmark.eigh");
+}
+
+template <class C> void eigvalsh(const C* a, const MatrixGeometry& g, RealOf<C>* values) {
+    hermitian_eigen<C>(a, g, values, nullptr, nullptr, "quillmark.eigvalsh");
+}
+
+template <class C> RealOf<C> logdet_positive_definite(const C* a, const MatrixGeometry& g) {
+    using W = Widened<C>;
+    using RW = RealOf<W>;
+    using R = RealOf<C>;
+    constexpr const char* kOperation = "quillmark.logdet_positive_definite";
+    require_square(g, "slogdet/logdet_positive_definite - input must be square");
+    const std::uint64_t n = g.rows;
+    validate_input(a, g, true, tolerance_for<C>(n), kOperation);
+    std::vector<W> w = row_major_copy<W>(a, g);
+    const RW correction = normalise_determinant(w.data(), n, kOperation);
+    if (n == 0)
+        return static_cast<R>(RW(0) - correction);
+    const RW eps = static_cast<RW>(std::numeric_limits<R>::epsilon());
+    RW sum = 0;
+    // L overwrites the lower triangle of the copy.
+    for (std::uint64_t j = 0; j < n; ++j) {
+        const W* row_j = w.data() + j * n;
+        const RW ajj = real_part(row_j[j]);
+        RW x = ajj;
+        for (std::uint64_t k = 0; k < j; ++k)
+            x -= std::norm(row_j[k]);
+        const RW tau = std::fabs(ajj) * eps * static_cast<RW>(4 * j + 1);
+        if (!std::isfinite(x) || x <= 0 || x <= tau)
+            throw SolverError(kLibrary, status_of(j + 1), "non-positive Cholesky pivot", kOperation,
+                              "logdet_positive_definite - matrix is not positive definite at pivot " +
+                                  std::to_string(j),
+                              ErrorReason::solver_failure);
+        const RW ljj = std::sqrt(x);
+        w[j * n + j] = W(ljj);
+        sum += std::log(x);
+        for (std::uint64_t i = j + 1; i < n; ++i) {
+            W* row_i = w.data() + i * n;
+            W s = row_i[j];
+            for (std::uint64_t k = 0; k < j; ++k)
+                s -= mul(row_i[k], conj_of(row_j[k]));
+            row_i[j] = s / ljj;
+        }
+    }
+    return static_cast<R>(sum - correction);
+}
+
+#define QUILLMARK_STRUCTURED_SOLVER(C)                                                                       \
+    template std::int64_t lu_factor<C>(C*, const MatrixGeometry&, std::int64_t*);                            \
+    template void lu_solve<C>(const C*, const MatrixGeometry&, const std::int64_t*, C*, std::uint64_t);      \
+    template std::complex<RealOf<C>> lu_logdet<C>(const C*, const MatrixGeometry&, std::int64_t);            \
+    template SignedLogDeterminant<C> slogdet<C>(const C*, const MatrixGeometry&);                            \
+    template RealOf<C> normalise_determinant<C>(C*, std::uint64_t, std::string_view);                        \
+    template double hermitian_tolerance<C>(std::uint64_t);                                                   \
+    template void validate_hermitian_input<C>(const C*, const MatrixGeometry&, bool, std::string_view);      \
+    template void eigh<C>(const C*, const MatrixGeometry&, RealOf<C>*, C*, const MatrixGeometry&);           \
+    template void eigvalsh<C>(const C*, const MatrixGeometry&, RealOf<C>*);                                  \
+    template RealOf<C> logdet_positive_definite<C>(const C*, const MatrixGeometry&);
+
+QUILLMARK_STRUCTURED_SOLVER(float)
+QUILLMARK_STRUCTURED_SOLVER(double)
+QUILLMARK_STRUCTURED_SOLVER(std::complex<float>)
+QUILLMARK_STRUCTURED_SOLVER(std::complex<double>)
+
+#undef QUILLMARK_STRUCTURED_SOLVER
+
+} // namespace quillmark::cpu
