@@ -24,6 +24,9 @@ public:
     // vector {n, 0}; matrix {rows, cols}; lu and eigen {order, 0}; scalar {0, 0}.
     virtual std::array<std::uint64_t, 2> extent() const noexcept = 0;
     virtual std::int32_t numa_node() const noexcept { return -1; }
+    // The element buffers in erased form, for layout adaptation and native plugins. Entities
+    // without host buffers keep the default, which offers none.
+    virtual const ErasedBufferAccess& erased_access() const noexcept;
 };
 
 class ScalarEntity : public OperandEntity {

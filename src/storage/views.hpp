@@ -51,10 +51,12 @@ template <class T> struct SplitScalarView {
 };
 
 // Packed LU factors, column-major n x n (S real, or interleaved complex), 1-based pivots, swaps.
+// A view of const S also holds its pivots and swap count as const.
 template <class S> struct LuView {
+    using index_type = std::conditional_t<std::is_const_v<S>, const std::int64_t, std::int64_t>;
     S* factors = nullptr;
-    std::int64_t* pivots = nullptr;
-    std::int64_t* swaps = nullptr;
+    index_type* pivots = nullptr;
+    index_type* swaps = nullptr;
     std::uint64_t order = 0;
 };
 
