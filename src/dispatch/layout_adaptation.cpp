@@ -1,5 +1,8 @@
 #include "dispatch/layout_adaptation.hpp"
 
+#include "storage/buffer_access.hpp"
+#include "storage/storage_factory.hpp"
+
 #include <algorithm>
 #include <stdexcept>
 #include <string>
@@ -297,8 +300,24 @@ void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination,
 }
 
 CpuLayoutStorage default_cpu_layout_storage() {
-    // Wired to the dense host storage factory and its erased buffer access at integration.
-    return {};
+    CpuLayoutStorage storage;
+    storage.make_temporary = [](const OperandDescriptor& d) {
+        return make_dense_host_storage(d.dtype, d.kind, d.extent, d.complex_layout, d.matrix_layout);
+    };
+    storage.buffers = [](const OperandEntity& entity, std::string_view label) {
+        const ErasedBufferAccess& access = entity.erased_access();
+        LayoutBuffers buffers;
+        if (access.buffer_count() == 0)
+            throw std::invalid_argument(std::string(label) + " - storage buffer type, alignment or count mismatch");
+        buffers.data = access.buffer(0).data;
+        if (entity.complex_layout() == ComplexLayout::split) {
+            if (access.buffer_count() < 2)
+                throw std::invalid_argument(std::string(label) + " - storage buffer type, alignment or count mismatch");
+            buffers.imag = access.buffer(1).data;
+        }
+        return buffers;
+    };
+    return storage;
 }
 
 void install_cpu_layout_adapters(BackendAdaptationRegistry& registry) {

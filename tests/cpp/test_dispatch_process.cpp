@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include "storage/access.hpp"
+#include "storage/borrowed_host_storage.hpp"
+
 #include <complex>
 #include <memory>
 #include <stdexcept>
@@ -475,25 +478,28 @@ TEST(CpuLayoutAdaptation, ConversionRejectsMismatchesAndUnsupportedCombinations)
     EXPECT_EQ(message_of<std::invalid_argument>([&] { convert_cpu_layout(col, split_row, storage.buffers); }), unsupported);
 }
 
-TEST(CpuLayoutAdaptation, UnwiredStorageFailsWhenTheStepsRun) {
+TEST(CpuLayoutAdaptation, DefaultStorageRoundTripsAnInterleavedOutput) {
     BackendAdaptationRegistry adapters;
     install_cpu_layout_adapters(adapters);
     ASSERT_EQ(adapters.input_adapters().size(), 1u);
     ASSERT_EQ(adapters.output_adapters().size(), 1u);
     const Key a = cvec(complex64, complex64, IL), b = cvec(complex64, complex64, SP);
-    OperandDescriptor d;
-    d.kind = OperandKind::vector;
+    std::vector<std::complex<float>> caller{{1, 2}, {3, 4}};
+    BorrowedDenseHostComplexInterleavedVector<PolicyC64> v(caller.data(), caller.size());
+    const OperandDescriptor d = describe_operand(v, output_role(0));
     AdaptationSteps steps = adapters.output_adapters()[0].build(0, d, a, b);
     ASSERT_EQ(steps.before.size(), 1u);
     ASSERT_EQ(steps.after.size(), 1u);
-    TestVector v(kC64, IL, MatrixLayout::none, {2, 0});
     BackendExecutionSession session;
     BackendExecutionBindings bindings;
     bindings.bind_write(v);
-    EXPECT_EQ(message_of<std::logic_error>([&] { steps.before[0]->execute(session, bindings); }),
-              "AdaptOperandStep::execute - construct not set");
-    EXPECT_EQ(message_of<std::logic_error>([&] { steps.after[0]->execute(session, bindings); }),
-              "RestoreAdaptedStep::execute - restore not set");
+    steps.before[0]->execute(session, bindings);
+    auto split = split_vector_view<float>(*bindings.mutable_operand(0));
+    EXPECT_EQ(split.re[1], 3.0f);
+    EXPECT_EQ(split.im[0], 2.0f);
+    split.im[1] = -8.0f; // what a kernel would write
+    steps.after[0]->execute(session, bindings);
+    EXPECT_EQ(caller[1], std::complex<float>(3, -8));
     AdaptVectorStep no_adapt(0, [](const VectorEntity&) { return std::unique_ptr<VectorEntity>(); }, {});
     EXPECT_EQ(message_of<std::logic_error>([&] { no_adapt.execute(session, bindings); }),
               "AdaptOperandStep::execute - adapt not set");
