@@ -12,6 +12,9 @@ struct NativeErrorTag : std::runtime_error {
 
 void bind_errors(nanobind::module_& m);
 void bind_module_functions(nanobind::module_& m);
+void bind_catalogue(nanobind::module_& m);  // _Catalogue, ContextBuilder
+void bind_context(nanobind::module_& m);    // Context
+void bind_structured(nanobind::module_& m); // LUOperand, EigenOperand, LUFactor
 // Clean-up after an execution must not raise; its failures are printed to stderr.
 void report_cleanup_failure(const std::exception* e) noexcept;
 

@@ -10,4 +10,7 @@ NB_MODULE(_native, m) {
     m.doc() = "Private native implementation for quillmark";
     quillmark::python::bind_errors(m);
     quillmark::python::bind_module_functions(m);
+    quillmark::python::bind_catalogue(m);
+    quillmark::python::bind_context(m);
+    quillmark::python::bind_structured(m);
 }
