@@ -13,13 +13,6 @@
 #include "backend/cpu/gemm_sources.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 
-// Serial stand-in, overridden by the runtime's definition when that is linked; the timings here
-// run with no context anyway.
-__attribute__((weak)) void quillmark::CpuRuntimeContext::parallel_for_chunks(std::uint64_t begin, std::uint64_t end,
-                                                                             std::uint64_t, const ChunkBody& body) const {
-    if (end > begin) body(begin, end);
-}
-
 using namespace quillmark;
 using namespace quillmark::cpu;
 

@@ -15,13 +15,6 @@
 #include "backend/cpu/gemm_sources.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 
-// Serial stand-in so the kernels link before the runtime is; the runtime's definition overrides
-// it. These tests pass no context.
-__attribute__((weak)) void quillmark::CpuRuntimeContext::parallel_for_chunks(std::uint64_t begin, std::uint64_t end,
-                                                                             std::uint64_t, const ChunkBody& body) const {
-    if (end > begin) body(begin, end);
-}
-
 using namespace quillmark;
 using namespace quillmark::cpu;
 
@@ -637,3 +630,33 @@ TEST(GemmMicroKernels, DoubleKernelsAgreeWithReference) { check_micro_kernels<do
 TEST(GemmMicroKernels, FloatKernelsAgreeWithReference) { check_micro_kernels<float>(); }
 
 } // namespace
+
+// The parallel paths must give the serial answers: reductions by their fixed blocking, products
+// element by element.
+TEST(DenseKernelsParallel, WorkerPoolMatchesSerial) {
+    CpuRuntimeOptions options;
+    options.hardware_concurrency_override = 5; // four workers
+    options.min_parallel_work = 1;
+    const CpuRuntimeContext runtime(std::move(options));
+    const u64 n = 203, len = 100000;
+    std::vector<double> a(n * n), b(n * n), serial(n * n), parallel(n * n), x(len);
+    for (u64 i = 0; i < n * n; ++i) {
+        a[i] = std::sin(0.37 * double(i));
+        b[i] = std::cos(0.11 * double(i));
+    }
+    for (u64 i = 0; i < len; ++i) x[i] = 1.0 / double(i + 1);
+    auto view = [&](std::vector<double>& v) {
+        DenseMatrixView<double> m;
+        m.rows = n;
+        m.cols = n;
+        m.data = v.data();
+        return m;
+    };
+    FloatingKernels<PolicyF64>::matmul(view(a), view(b), view(serial), nullptr);
+    FloatingKernels<PolicyF64>::matmul(view(a), view(b), view(parallel), &runtime);
+    EXPECT_EQ(serial, parallel);
+    double s1 = 0, s2 = 0;
+    FloatingKernels<PolicyF64>::sum({x.data(), len}, {&s1}, nullptr);
+    FloatingKernels<PolicyF64>::sum({x.data(), len}, {&s2}, &runtime);
+    EXPECT_EQ(s1, s2);
+}
