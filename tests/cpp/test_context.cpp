@@ -1,6 +1,8 @@
 // Builder -> context -> executor -> process, end to end over borrowed host storage.
 #include <gtest/gtest.h>
 
+#include "test_support.hpp"
+
 #include <complex>
 #include <numbers>
 #include <vector>
@@ -13,17 +15,9 @@
 #include "storage/dense_host_storage.hpp"
 
 using namespace quillmark;
+using quillmark::testing::message_of;
 
 namespace {
-
-template <class E, class F> std::string message_of(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
 
 const std::shared_ptr<const SealedCatalogue>& builtin_catalogue() {
     static const auto catalogue = QuillmarkContextBuilder().build();
