@@ -2,80 +2,45 @@
 #include <immintrin.h>
 
 #include "backend/cpu/gemm_microkernels.hpp"
+#include "backend/cpu/gemm_tile.hpp"
 
 namespace quillmark::cpu {
 namespace {
 
-template <int MR, int NV>
-inline void tile_f64(std::uint64_t kc, const double* a, const double* b, double* c, std::uint64_t ldc,
-                     bool accumulate) noexcept {
-    __m512d acc[MR][NV];
-#pragma GCC unroll 16
-    for (int i = 0; i < MR; ++i)
-#pragma GCC unroll 4
-        for (int v = 0; v < NV; ++v) acc[i][v] = _mm512_setzero_pd();
-    for (std::uint64_t p = 0; p < kc; ++p) {
-        __m512d bv[NV];
-#pragma GCC unroll 4
-        for (int v = 0; v < NV; ++v) bv[v] = _mm512_loadu_pd(b + 8 * v);
-#pragma GCC unroll 16
-        for (int i = 0; i < MR; ++i) {
-            const __m512d ai = _mm512_set1_pd(a[i]);
-#pragma GCC unroll 4
-            for (int v = 0; v < NV; ++v) acc[i][v] = _mm512_fmadd_pd(ai, bv[v], acc[i][v]);
-        }
-        a += MR;
-        b += 8 * NV;
-    }
-#pragma GCC unroll 16
-    for (int i = 0; i < MR; ++i)
-#pragma GCC unroll 4
-        for (int v = 0; v < NV; ++v) {
-            double* out = c + i * ldc + 8 * v;
-            _mm512_storeu_pd(out, accumulate ? _mm512_add_pd(_mm512_loadu_pd(out), acc[i][v]) : acc[i][v]);
-        }
-}
+struct Avx512F64 {
+    using scalar = double;
+    using vector = __m512d;
+    static constexpr int lanes = 8;
+    static vector zero() noexcept { return _mm512_setzero_pd(); }
+    static vector load(const double* p) noexcept { return _mm512_loadu_pd(p); }
+    static vector broadcast(const double* p) noexcept { return _mm512_set1_pd(*p); }
+    static vector fma(vector a, vector b, vector c) noexcept { return _mm512_fmadd_pd(a, b, c); }
+    static vector add(vector a, vector b) noexcept { return _mm512_add_pd(a, b); }
+    static void store(double* p, vector v) noexcept { _mm512_storeu_pd(p, v); }
+};
 
-template <int MR, int NV>
-inline void tile_f32(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
-                     bool accumulate) noexcept {
-    __m512 acc[MR][NV];
-#pragma GCC unroll 16
-    for (int i = 0; i < MR; ++i)
-#pragma GCC unroll 4
-        for (int v = 0; v < NV; ++v) acc[i][v] = _mm512_setzero_ps();
-    for (std::uint64_t p = 0; p < kc; ++p) {
-        __m512 bv[NV];
-#pragma GCC unroll 4
-        for (int v = 0; v < NV; ++v) bv[v] = _mm512_loadu_ps(b + 16 * v);
-#pragma GCC unroll 16
-        for (int i = 0; i < MR; ++i) {
-            const __m512 ai = _mm512_set1_ps(a[i]);
-#pragma GCC unroll 4
-            for (int v = 0; v < NV; ++v) acc[i][v] = _mm512_fmadd_ps(ai, bv[v], acc[i][v]);
-        }
-        a += MR;
-        b += 16 * NV;
-    }
-#pragma GCC unroll 16
-    for (int i = 0; i < MR; ++i)
-#pragma GCC unroll 4
-        for (int v = 0; v < NV; ++v) {
-            float* out = c + i * ldc + 16 * v;
-            _mm512_storeu_ps(out, accumulate ? _mm512_add_ps(_mm512_loadu_ps(out), acc[i][v]) : acc[i][v]);
-        }
-}
+struct Avx512F32 {
+    using scalar = float;
+    using vector = __m512;
+    static constexpr int lanes = 16;
+    static vector zero() noexcept { return _mm512_setzero_ps(); }
+    static vector load(const float* p) noexcept { return _mm512_loadu_ps(p); }
+    static vector broadcast(const float* p) noexcept { return _mm512_set1_ps(*p); }
+    static vector fma(vector a, vector b, vector c) noexcept { return _mm512_fmadd_ps(a, b, c); }
+    static vector add(vector a, vector b) noexcept { return _mm512_add_ps(a, b); }
+    static void store(float* p, vector v) noexcept { _mm512_storeu_ps(p, v); }
+};
 
 } // namespace
 
 void gemm_microkernel_f64_avx512(std::uint64_t kc, const double* a, const double* b, double* c, std::uint64_t ldc,
                                  bool accumulate) noexcept {
-    tile_f64<kAvx512GemmF64Mr, kAvx512GemmF64Nr / 8>(kc, a, b, c, ldc, accumulate);
+    gemm_tile<Avx512F64, kAvx512GemmF64Mr, kAvx512GemmF64Nr / Avx512F64::lanes>(kc, a, b, c, ldc, accumulate);
 }
 
 void gemm_microkernel_f32_avx512(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
                                  bool accumulate) noexcept {
-    tile_f32<kAvx512GemmF32Mr, kAvx512GemmF32Nr / 16>(kc, a, b, c, ldc, accumulate);
+    gemm_tile<Avx512F32, kAvx512GemmF32Mr, kAvx512GemmF32Nr / Avx512F32::lanes>(kc, a, b, c, ldc, accumulate);
 }
 
 } // namespace quillmark::cpu
