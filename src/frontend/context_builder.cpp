@@ -12,7 +12,12 @@
 namespace quillmark {
 namespace {
 
-std::string quoted(const OperationId& id) { return "'" + id.to_string() + "'"; }
+std::string quoted(const OperationId& id) {
+    std::string text = id.to_string();
+    text.insert(text.begin(), '\'');
+    text.push_back('\'');
+    return text;
+}
 
 } // namespace
 

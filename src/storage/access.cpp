@@ -66,7 +66,7 @@ DenseRealScalarAccess<T>::DenseRealScalarAccess(OperandEntity& entity, std::stri
 
 template <class T>
 DenseComplexSplitScalarAccess<T>::DenseComplexSplitScalarAccess(OperandEntity& entity, std::string_view label)
-    : buffers_(require(entity, OperandKind::scalar, ComplexLayout::split,
+    : buffers_(require(entity, OperandKind::scalar, ComplexLayout::none,
                        ScalarTraits<split_complex_t<T>>::type, label),
                1, label) {
     // The view reaches the imaginary part as the element after the real one.

@@ -46,7 +46,7 @@ BorrowedDenseHostRealMatrix<P>::BorrowedDenseHostRealMatrix(storage_type* data, 
 
 template <class P>
 BorrowedDenseHostComplexSplitScalar<P>::BorrowedDenseHostComplexSplitScalar(component_type* data)
-    : SplitBufferEntity<ScalarEntity, component_type>(policy_dtype<P>(), ComplexLayout::split,
+    : SplitBufferEntity<ScalarEntity, component_type>(policy_dtype<P>(), ComplexLayout::none,
                                                       MatrixLayout::none, {}) {
     require_data(data, 1, "BorrowedDenseHostComplexSplitScalar");
     this->attach(data, data + 1, 1);

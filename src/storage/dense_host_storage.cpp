@@ -180,7 +180,7 @@ template <class P> BoundComplexScalarEntity<P>::BoundComplexScalarEntity()
     : BoundComplexScalarEntity(storage_type{}) {}
 
 template <class P> BoundComplexScalarEntity<P>::BoundComplexScalarEntity(storage_type value)
-    : SplitBufferEntity<ScalarEntity, component_type>(policy_dtype<P>(), ComplexLayout::split,
+    : SplitBufferEntity<ScalarEntity, component_type>(policy_dtype<P>(), ComplexLayout::none,
                                                       MatrixLayout::none, {}),
       parts_{real_part(value), imag_part(value)} {
     this->attach(&parts_[0], &parts_[1], 1);

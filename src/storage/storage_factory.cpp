@@ -63,7 +63,8 @@ Family select_family(const DataTypeDescriptor& dtype, ScalarCategory category, O
     switch (kind) {
     case OperandKind::scalar:
         if (!complex && cl == ComplexLayout::none) return Family::real_scalar;
-        if (complex && cl == ComplexLayout::split) return Family::split_scalar;
+        // A complex scalar is two adjacent components; it carries no complex layout.
+        if (complex && (cl == ComplexLayout::none || cl == ComplexLayout::split)) return Family::split_scalar;
         fail("host scalar - unsupported layout for policy");
     case OperandKind::vector:
         if (!complex && cl == ComplexLayout::none) return Family::real_vector;

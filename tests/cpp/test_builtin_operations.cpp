@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_support.hpp"
+
 #include <functional>
 #include <map>
 #include <string>
@@ -9,18 +11,10 @@
 #include "catalogue/numerics.hpp"
 
 using namespace quillmark;
+using quillmark::testing::message_of;
 using B = BuiltinOperation;
 
 namespace {
-
-std::string message_of(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
 
 OperandDescriptor operand(OperandKind kind, std::uint64_t a = 0, std::uint64_t b = 0) {
     OperandDescriptor d;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_support.hpp"
+
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,20 +14,12 @@
 #include "dispatch/layout_adaptation.hpp"
 
 using namespace quillmark;
+using quillmark::testing::message_of;
 
 namespace {
 
 using Key = BackendOperandKey;
 using enum ScalarType;
-
-template <class E, class F> std::string message_of(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e.what();
-    }
-    return "<no exception>";
-}
 
 template <class F> std::optional<DispatchError> dispatch_error_of(F&& f) {
     try {

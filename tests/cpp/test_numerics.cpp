@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include "test_support.hpp"
+
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -10,17 +12,9 @@
 #include "catalogue/symbolic_expression.hpp"
 
 using namespace quillmark;
+using quillmark::testing::message_of;
 
 namespace {
-
-std::string message_of(const std::function<void()>& f) {
-    try {
-        f();
-    } catch (const std::exception& e) {
-        return e.what();
-    }
-    return "";
-}
 
 constexpr OperandRole in0 = 0, in1 = 1, out0 = kOutputRoleBit, out1 = kOutputRoleBit | 1;
 

@@ -106,7 +106,7 @@ INSTANTIATE_TEST_SUITE_P(
                                 ST::complex64,
                                 OK::scalar,
                                 {},
-                                CL::split,
+                                CL::none,
                                 ML::none,
                                 {1, 1},
                                 {BufferRole::real, BufferRole::imaginary}},

@@ -194,3 +194,66 @@ def test_general_eigen(ctx, rng, dtype):
     run(ctx, "quillmark.principal_eigenvector@1", [s], [v])
     w, vecs = np.linalg.eigh(s)
     close(abs(np.vdot(vecs[:, -1], v)), 1.0, dtype)
+
+
+LOW_PRECISION = ["bfloat16", "float16", "complex32"]
+
+
+def low_precision_array(rng, shape, name):
+    import ml_dtypes
+    from quillmark._dtypes import complex32, to_complex32
+
+    if name == "complex32":
+        return to_complex32(rng.standard_normal(shape) + 1j * rng.standard_normal(shape))
+    dtype = ml_dtypes.bfloat16 if name == "bfloat16" else np.float16
+    return rng.standard_normal(shape).astype(dtype)
+
+
+def widen(a):
+    from quillmark._dtypes import complex32, from_complex32
+
+    return from_complex32(a) if a.dtype == complex32 else a.astype(np.float32)
+
+
+def rounded(values, like):
+    from quillmark._dtypes import complex32, to_complex32
+
+    return to_complex32(values) if like.dtype == complex32 else np.asarray(values).astype(like.dtype)
+
+
+@pytest.mark.parametrize("name", LOW_PRECISION)
+def test_low_precision_rounds_once(ctx, rng, name):
+    x, y = low_precision_array(rng, 33, name), low_precision_array(rng, 33, name)
+    out = np.zeros_like(x)
+    run(ctx, "quillmark.add@1", [x, y], [out])
+    np.testing.assert_array_equal(widen(out), widen(rounded(widen(x) + widen(y), x)))
+
+    a, b = low_precision_array(rng, (6, 5), name), low_precision_array(rng, (5, 4), name)
+    prod = np.zeros_like(a, shape=(6, 4))
+    run(ctx, "quillmark.matmul@1", [a, b], [prod])
+    want = widen(rounded(widen(a).astype(np.complex128) @ widen(b), a))
+    np.testing.assert_allclose(widen(prod), want, rtol=1e-2, atol=1e-2)
+
+    m = low_precision_array(rng, (5, 5), name)
+    h = rounded(widen(m) + widen(m).conj().T, m)
+    values = np.zeros(5, np.float16 if name != "bfloat16" else h.dtype)
+    run(ctx, "quillmark.eigvalsh@1", [h], [values])
+    np.testing.assert_allclose(values.astype(np.float64), np.linalg.eigvalsh(widen(h)), rtol=2e-2, atol=2e-2)
+
+
+def test_int32_wraps(ctx):
+    big = np.array([2**31 - 1, -(2**31), 7], np.int32)
+    out = np.zeros(3, np.int32)
+    run(ctx, "quillmark.add@1", [big, np.array([1, -1, 1], np.int32)], [out])
+    assert out.tolist() == [-(2**31), 2**31 - 1, 8]
+
+    a = np.arange(12, dtype=np.int32).reshape(3, 4)
+    prod = np.zeros((3, 3), np.int32)
+    run(ctx, "quillmark.matmul@1", [a, a.T.copy()], [prod])
+    assert np.array_equal(prod, a @ a.T)
+    total = np.zeros((), np.int32)
+    run(ctx, "quillmark.trace@1", [a], [total])
+    assert total == np.trace(a)
+    flag = np.zeros((), bool)
+    run(ctx, "quillmark.vector_equal@1", [big, big.copy()], [flag])
+    assert flag

@@ -1,7 +1,643 @@
 #include "backend/cpu/cpu_kernel_registration.hpp"
 
-namespace quillmark {
+#include <cmath>
+#include <complex>
+#include <stdexcept>
+#include <type_traits>
+#include <vector>
 
-void register_cpu_backends(BackendRegistry&, const RegistrationProvenance&) {}
+#include "backend/cpu/fallback_complex_eigen_solver.hpp"
+#include "backend/cpu/floating_point_kernels.hpp"
+#include "backend/cpu/structured_solver.hpp"
+#include "catalogue/builtin_operations.hpp"
+#include "catalogue/numerics.hpp"
+#include "catalogue/symbolic_expression.hpp"
+#include "dispatch/backend_process.hpp"
+#include "storage/access.hpp"
+
+namespace quillmark {
+namespace {
+
+using Op = BuiltinOperation;
+using Kernel = LaunchCpuKernelStep::Kernel;
+using Numerics = std::shared_ptr<const ImplementationNumerics>;
+constexpr std::string_view kLabel = "CPU floating kernel";
+
+// ---------------------------------------------------------------------------------------------
+// Dtypes of the operands around a policy.
+
+ScalarType real_of(ScalarType t) {
+    switch (t) {
+    case ScalarType::complex32: return ScalarType::float16;
+    case ScalarType::complex64: return ScalarType::float32;
+    case ScalarType::complex128: return ScalarType::float64;
+    default: return t;
+    }
+}
+
+ScalarType complex_of(ScalarType t) {
+    switch (t) {
+    case ScalarType::float16: return ScalarType::complex32;
+    case ScalarType::bfloat16:
+    case ScalarType::float32: return ScalarType::complex64;
+    case ScalarType::float64: return ScalarType::complex128;
+    default: return t;
+    }
+}
+
+BackendOperandKey key_of(OperandKind kind, ScalarType storage, ScalarType compute, ComplexLayout complex,
+                         MatrixLayout layout) {
+    OperandDescriptor d;
+    d.kind = kind;
+    d.dtype = DataTypeDescriptor(storage, compute);
+    d.complex_layout = complex;
+    d.matrix_layout = layout;
+    return operand_key(d);
+}
+
+template <class P> struct Policy {
+    using S = typename P::storage_type;
+    using C = typename P::compute_type;
+    using T = typename cpu::StorageComponent<S>::type;
+    using R = cpu::RealOf<C>;
+    static constexpr bool complex = cpu::is_complex_policy<P>;
+    static constexpr bool integer = cpu::is_integer_policy<P>;
+    static constexpr bool reduced = !std::is_same_v<S, C> && !integer;
+    // The scalar backend holds complex vectors and matrices as split planes.
+    static constexpr ComplexLayout layout = complex ? ComplexLayout::split : ComplexLayout::none;
+    using K = cpu::FloatingKernels<P, layout>;
+    using Ops = cpu::KernelOperands<P, layout>;
+    // Storage of real results (norm, eigenvalues, log-magnitudes) and of eigen results.
+    using RealStorage = std::conditional_t<complex, T, S>;
+    using EigenStorage = std::conditional_t<std::is_same_v<S, Float16> || std::is_same_v<S, Complex32>, Complex32,
+                                            std::complex<R>>;
+
+    static constexpr ScalarType s = P::storage_scalar;
+    static constexpr ScalarType c = P::compute_scalar;
+    static BackendOperandKey vector() { return key_of(OperandKind::vector, s, c, layout, MatrixLayout::none); }
+    static BackendOperandKey matrix() { return key_of(OperandKind::matrix, s, c, layout, MatrixLayout::row_major); }
+    static BackendOperandKey scalar() { return key_of(OperandKind::scalar, s, c, ComplexLayout::none, MatrixLayout::none); }
+    static BackendOperandKey real_scalar() {
+        return key_of(OperandKind::scalar, real_of(s), real_of(c), ComplexLayout::none, MatrixLayout::none);
+    }
+    static BackendOperandKey real_vector() {
+        return key_of(OperandKind::vector, real_of(s), real_of(c), ComplexLayout::none, MatrixLayout::none);
+    }
+    static BackendOperandKey lu() {
+        return key_of(OperandKind::lu, s, c, complex ? ComplexLayout::interleaved : ComplexLayout::none,
+                      MatrixLayout::column_major);
+    }
+    static BackendOperandKey eigen() {
+        return key_of(OperandKind::eigen, complex_of(s), complex_of(c), ComplexLayout::interleaved,
+                      MatrixLayout::column_major);
+    }
+    // logdet of an LU holds the principal complex logarithm in the compute precision.
+    static BackendOperandKey log_scalar() {
+        const ScalarType t = complex_of(real_of(c));
+        return key_of(OperandKind::scalar, t, t, ComplexLayout::none, MatrixLayout::none);
+    }
+};
+
+BackendOperandKey flag_key() {
+    return key_of(OperandKind::scalar, ScalarType::int32, ScalarType::int32, ComplexLayout::none, MatrixLayout::none);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Operands of one execution, fetched once per call as typed views.
+
+OperandEntity& input(BackendExecutionBindings& b, std::size_t position) {
+    return const_cast<OperandEntity&>(b.operand(position)); // kernels only read their inputs
+}
+
+OperandEntity& output(BackendExecutionBindings& b, std::size_t position) {
+    OperandEntity* entity = b.mutable_operand(position);
+    if (!entity) throw std::invalid_argument("CPU floating kernel - mutable operand required");
+    return *entity;
+}
+
+template <class P> typename Policy<P>::Ops::Vector vec(OperandEntity& e) {
+    if constexpr (Policy<P>::complex) return split_vector_view<typename Policy<P>::T>(e, kLabel);
+    else return dense_vector_view<typename Policy<P>::S>(e, kLabel);
+}
+template <class P> typename Policy<P>::Ops::Matrix mat(OperandEntity& e) {
+    if constexpr (Policy<P>::complex) return split_matrix_view<typename Policy<P>::T>(e, kLabel);
+    else return dense_matrix_view<typename Policy<P>::S>(e, kLabel);
+}
+template <class P> typename Policy<P>::Ops::Scalar sca(OperandEntity& e) {
+    if constexpr (Policy<P>::complex) return split_scalar_view<typename Policy<P>::T>(e, kLabel);
+    else return scalar_view<typename Policy<P>::S>(e, kLabel);
+}
+template <class P> ScalarView<typename Policy<P>::RealStorage> real_sca(OperandEntity& e) {
+    return scalar_view<typename Policy<P>::RealStorage>(e, kLabel);
+}
+cpu::FlagView flag(OperandEntity& e) { return scalar_view<std::int32_t>(e, kLabel); }
+
+// A matrix operand in the compute type: the storage itself when it already is, else a copy.
+template <class P> struct ComputeMatrix {
+    using C = typename Policy<P>::C;
+    std::vector<C> owned;
+    const C* data = nullptr;
+    MatrixGeometry geometry;
+};
+
+template <class P> ComputeMatrix<P> load_matrix(OperandEntity& e) {
+    using C = typename Policy<P>::C;
+    ComputeMatrix<P> m;
+    auto view = mat<P>(e);
+    m.geometry = view;
+    const std::uint64_t count = view.count();
+    if constexpr (!Policy<P>::complex && std::is_same_v<typename Policy<P>::S, C>) {
+        m.data = view.data;
+    } else {
+        m.owned.resize(count);
+        for (std::uint64_t i = 0; i < count; ++i) {
+            if constexpr (Policy<P>::complex) m.owned[i] = load_split<C>(view.re, view.im, i);
+            else m.owned[i] = load_element<C>(view.data, i);
+        }
+        m.data = m.owned.data();
+    }
+    return m;
+}
+
+template <class P> std::vector<typename Policy<P>::C> load_vector(OperandEntity& e) {
+    using C = typename Policy<P>::C;
+    auto view = vec<P>(e);
+    std::vector<C> out(view.size);
+    for (std::uint64_t i = 0; i < view.size; ++i) {
+        if constexpr (Policy<P>::complex) out[i] = load_split<C>(view.re, view.im, i);
+        else out[i] = load_element<C>(view.data, i);
+    }
+    return out;
+}
+
+template <class P> void store_vector(OperandEntity& e, const typename Policy<P>::C* values) {
+    auto view = vec<P>(e);
+    for (std::uint64_t i = 0; i < view.size; ++i) {
+        if constexpr (Policy<P>::complex) store_split(view.re, view.im, i, values[i]);
+        else store_element<typename Policy<P>::S>(view.data, i, values[i]);
+    }
+}
+
+// Writes a row-major compute matrix into a matrix operand of the policy.
+template <class P> void store_matrix(OperandEntity& e, const typename Policy<P>::C* values) {
+    auto view = mat<P>(e);
+    for (std::uint64_t i = 0; i < view.rows; ++i)
+        for (std::uint64_t j = 0; j < view.cols; ++j) {
+            const auto& v = values[i * view.cols + j];
+            const std::uint64_t k = view.index(i, j);
+            if constexpr (Policy<P>::complex) store_split(view.re, view.im, k, v);
+            else store_element<typename Policy<P>::S>(view.data, k, v);
+        }
+}
+
+template <class P> void store_scalar(OperandEntity& e, const typename Policy<P>::C& value) {
+    auto view = sca<P>(e);
+    if constexpr (Policy<P>::complex) {
+        store_element<typename Policy<P>::T>(view.data, 0, value.real());
+        store_element<typename Policy<P>::T>(view.data, 1, value.imag());
+    } else {
+        store_element<typename Policy<P>::S>(view.data, 0, value);
+    }
+}
+
+template <class P> void store_real_scalar(OperandEntity& e, typename Policy<P>::R value) {
+    store_element<typename Policy<P>::RealStorage>(real_sca<P>(e).data, 0, value);
+}
+
+// Eigenvalues of a Hermitian matrix, refused before any write when the result dtype cannot hold them.
+template <class P> void store_eigenvalues(OperandEntity& e, const std::vector<typename Policy<P>::R>& values) {
+    using RS = typename Policy<P>::RealStorage;
+    auto view = dense_vector_view<RS>(e, kLabel);
+    for (auto v : values) {
+        RS stored{};
+        store_element<RS>(&stored, 0, v);
+        if (std::isfinite(v) && !std::isfinite(load_element<typename Policy<P>::R>(&stored, 0)))
+            throw std::runtime_error("eigh/eigvalsh - eigenvalue is outside the finite result dtype range");
+    }
+    for (std::uint64_t i = 0; i < view.size; ++i) store_element<RS>(view.data, i, values[i]);
+}
+
+// ---------------------------------------------------------------------------------------------
+// Structured kernels: LU family, Hermitian family, general eigen.
+
+template <class P> Kernel lu_factor_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        using S = typename Policy<P>::S;
+        using C = typename Policy<P>::C;
+        LuView<S> lu = lu_view<S>(output(b, 0), kLabel);
+        const MatrixGeometry g{lu.order, lu.order, MatrixLayout::column_major};
+        if constexpr (std::is_same_v<S, C>) {
+            *lu.swaps = cpu::lu_factor<C>(lu.factors, g, lu.pivots);
+        } else {
+            std::vector<C> work(g.count());
+            for (std::uint64_t i = 0; i < work.size(); ++i) work[i] = load_element<C>(lu.factors, i);
+            const std::int64_t swaps = cpu::lu_factor<C>(work.data(), g, lu.pivots);
+            for (std::uint64_t i = 0; i < work.size(); ++i) store_element<S>(lu.factors, i, work[i]);
+            *lu.swaps = swaps;
+        }
+    };
+}
+
+// The LU factors in the compute type, borrowed when the storage already is.
+template <class P> struct ComputeFactors {
+    using C = typename Policy<P>::C;
+    std::vector<C> owned;
+    const C* data = nullptr;
+    LuView<const typename Policy<P>::S> view;
+    MatrixGeometry geometry;
+};
+
+template <class P> ComputeFactors<P> load_factors(OperandEntity& e) {
+    using S = typename Policy<P>::S;
+    using C = typename Policy<P>::C;
+    ComputeFactors<P> f;
+    f.view = lu_view<S>(static_cast<const OperandEntity&>(e), kLabel);
+    f.geometry = {f.view.order, f.view.order, MatrixLayout::column_major};
+    if constexpr (std::is_same_v<S, C>) {
+        f.data = f.view.factors;
+    } else {
+        f.owned.resize(f.geometry.count());
+        for (std::uint64_t i = 0; i < f.owned.size(); ++i) f.owned[i] = load_element<C>(f.view.factors, i);
+        f.data = f.owned.data();
+    }
+    return f;
+}
+
+template <class P> Kernel solve_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        ComputeFactors<P> f = load_factors<P>(input(b, 0));
+        OperandEntity& rhs = output(b, 1);
+        auto x = load_vector<P>(rhs);
+        cpu::lu_solve(f.data, f.geometry, f.view.pivots, x.data());
+        store_vector<P>(rhs, x.data());
+    };
+}
+
+template <class P> Kernel logdet_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        using R = typename Policy<P>::R;
+        ComputeFactors<P> f = load_factors<P>(input(b, 0));
+        const std::complex<R> value = cpu::lu_logdet(f.data, f.geometry, *f.view.swaps);
+        auto out = split_scalar_view<R>(output(b, 1), kLabel);
+        out.data[0] = value.real();
+        out.data[1] = value.imag();
+    };
+}
+
+template <class P> Kernel slogdet_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
+        const auto result = cpu::slogdet(a.data, a.geometry);
+        store_scalar<P>(output(b, 1), result.sign);
+        store_real_scalar<P>(output(b, 2), result.log_magnitude);
+    };
+}
+
+template <class P> Kernel logdet_positive_definite_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
+        store_real_scalar<P>(output(b, 1), cpu::logdet_positive_definite(a.data, a.geometry));
+    };
+}
+
+template <class P, bool WithVectors> Kernel hermitian_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        using C = typename Policy<P>::C;
+        ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
+        const std::uint64_t n = a.geometry.rows;
+        std::vector<typename Policy<P>::R> values(n);
+        if constexpr (WithVectors) {
+            std::vector<C> vectors(n * n);
+            cpu::eigh(a.data, a.geometry, values.data(), vectors.data(), MatrixGeometry{n, n, MatrixLayout::row_major});
+            store_eigenvalues<P>(output(b, 1), values);
+            store_matrix<P>(output(b, 2), vectors.data());
+        } else {
+            cpu::eigvalsh(a.data, a.geometry, values.data());
+            store_eigenvalues<P>(output(b, 1), values);
+        }
+    };
+}
+
+template <class P> Kernel eig_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        using E = typename Policy<P>::EigenStorage;
+        using Z = std::complex<typename Policy<P>::R>;
+        ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
+        EigenView<E> out = eigen_view<E>(output(b, 1), kLabel);
+        const std::uint64_t n = out.order;
+        if (n != a.geometry.rows) throw std::invalid_argument("CPU floating kernel - operand shape mismatch");
+        if constexpr (std::is_same_v<E, Z>) {
+            std::vector<Z> scratch(out.vectors ? 0 : n * n);
+            cpu::eig(a.data, a.geometry, out.values, out.vectors ? out.vectors : scratch.data(), out.layout);
+        } else {
+            std::vector<Z> values(n), vectors(n * n);
+            cpu::eig(a.data, a.geometry, values.data(), vectors.data(), out.layout);
+            for (std::uint64_t i = 0; i < n; ++i) out.values[i] = E(values[i]);
+            if (out.vectors)
+                for (std::uint64_t i = 0; i < n * n; ++i) out.vectors[i] = E(vectors[i]);
+        }
+    };
+}
+
+template <class P> Kernel principal_eigenvector_kernel() {
+    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
+        std::vector<typename Policy<P>::C> v(a.geometry.rows);
+        cpu::principal_eigenvector(a.data, a.geometry, v.data());
+        store_vector<P>(output(b, 1), v.data());
+    };
+}
+
+// ---------------------------------------------------------------------------------------------
+// Implementation records.
+
+SymbolicExpression in_dim(std::uint32_t index, std::uint32_t axis) { return dim(input_role(index), axis); }
+SymbolicExpression out_dim(std::uint32_t index, std::uint32_t axis) { return dim(output_role(index), axis); }
+SymbolicExpression cube(SymbolicExpression n) {
+    return SymbolicExpression::make_operator(ExpressionKind::power, {std::move(n), lit(3)});
+}
+SymbolicExpression square(SymbolicExpression n) {
+    return SymbolicExpression::make_operator(ExpressionKind::power, {std::move(n), lit(2)});
+}
+
+struct Record {
+    const char* algorithm;
+    Stability stability;
+    SymbolicExpression work;
+    SymbolicExpression space = lit(0);
+    ReductionOrder order = ReductionOrder::not_applicable;
+    std::vector<std::string> notes = {};
+};
+
+template <class P> Numerics generic_record(Record r) {
+    ImplementationNumerics n;
+    n.algorithm = r.algorithm;
+    n.stability = r.stability;
+    n.complexity.work = std::move(r.work);
+    n.complexity.auxiliary_space = std::move(r.space);
+    n.precision.mode = Policy<P>::reduced ? PrecisionMode::widened : PrecisionMode::native;
+    n.precision.accumulation_dtype = std::string(scalar_name(P::compute_scalar));
+    n.precision.reduction_order = r.order;
+    n.notes = std::move(r.notes);
+    return std::make_shared<const ImplementationNumerics>(std::move(n));
+}
+
+template <class P> bool single_precision() { return std::is_same_v<typename Policy<P>::R, float>; }
+
+// LU family: native, or mixed for the reduced-storage policies.
+template <class P> Numerics lu_record(const char* algorithm, SymbolicExpression work, SymbolicExpression space) {
+    ImplementationNumerics n;
+    n.algorithm = algorithm;
+    n.stability = Stability::backward_stable;
+    n.complexity.work = std::move(work);
+    n.complexity.auxiliary_space = std::move(space);
+    n.precision.mode = Policy<P>::reduced ? PrecisionMode::mixed : PrecisionMode::native;
+    n.precision.accumulation_dtype = std::string(scalar_name(P::compute_scalar));
+    n.precision.reduction_order = ReductionOrder::sequential;
+    return std::make_shared<const ImplementationNumerics>(std::move(n));
+}
+
+// Jacobi, slogdet and Cholesky: single precision accumulates in double.
+template <class P>
+Numerics widened_record(const char* algorithm, SymbolicExpression work, SymbolicExpression space,
+                        std::vector<std::string> notes = {}, std::vector<AlgorithmParameter> parameters = {}) {
+    ImplementationNumerics n;
+    n.algorithm = algorithm;
+    n.stability = Stability::backward_stable;
+    n.complexity.work = std::move(work);
+    n.complexity.auxiliary_space = std::move(space);
+    const bool single = single_precision<P>();
+    n.precision.mode = single ? PrecisionMode::widened : PrecisionMode::native;
+    n.precision.accumulation_dtype = single ? (Policy<P>::complex ? "complex128" : "float64")
+                                            : std::string(scalar_name(P::compute_scalar));
+    n.precision.reduction_order = ReductionOrder::sequential;
+    n.parameters = std::move(parameters);
+    n.notes = std::move(notes);
+    return std::make_shared<const ImplementationNumerics>(std::move(n));
+}
+
+template <class P> Numerics eigen_record(const char* algorithm) {
+    const bool single = single_precision<P>();
+    // Double defaults are the single ones scaled by the epsilon ratio 2^-29.
+    const double convergence = static_cast<double>(1e-4f);
+    const double residual = 0.001;
+    const double scale = single ? 1.0 : std::ldexp(1.0, -29);
+    ImplementationNumerics n;
+    n.algorithm = algorithm;
+    n.stability = Stability::not_guaranteed;
+    n.complexity.work = product_of({lit(10), cube(in_dim(0, 0))});
+    n.complexity.auxiliary_space = product_of({lit(3), square(in_dim(0, 0))});
+    n.precision.mode = single ? PrecisionMode::mixed : PrecisionMode::native;
+    n.precision.accumulation_dtype = "complex128";
+    n.precision.reduction_order = ReductionOrder::sequential;
+    n.parameters = {
+        {"maximum_iterations", std::int64_t{256}, "Per active dimension."},
+        {"convergence_tolerance", convergence * scale, "Relative deflation tolerance."},
+        {"residual_tolerance", residual * scale, "Normalised right-eigenpair residual."},
+    };
+    n.notes = {"Real inputs are embedded in complex working storage; output precision follows the signature."};
+    return std::make_shared<const ImplementationNumerics>(std::move(n));
+}
+
+// ---------------------------------------------------------------------------------------------
+// Registration.
+
+class Registrar {
+public:
+    Registrar(BackendRegistry& registry, const RegistrationProvenance& provenance)
+        : registry_(registry), provenance_(provenance) {}
+
+    void add(Op op, std::vector<BackendOperandKey> inputs, std::vector<BackendOperandKey> outputs, Kernel kernel,
+             Numerics numerics) {
+        registry_.register_backend(
+            BackendRegistryKey(BackendKind::cpu_scalar, builtin_operation_id(op), std::move(inputs), std::move(outputs)),
+            cpu_kernel_materialiser(BackendKind::cpu_scalar, std::move(kernel)), provenance_, std::move(numerics));
+    }
+
+private:
+    BackendRegistry& registry_;
+    const RegistrationProvenance& provenance_;
+};
+
+// The operations that the int32 policy serves too.
+template <class P> void register_common(Registrar& r) {
+    using K = typename Policy<P>::K;
+    using Pol = Policy<P>;
+    const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar();
+    const Stability arithmetic = Pol::integer ? Stability::exact : Stability::backward_stable;
+    const SymbolicExpression length = in_dim(0, 0);
+    auto binary = [&](Op op, void (*f)(const typename Pol::Ops::Vector&, const typename Pol::Ops::Vector&,
+                                       const typename Pol::Ops::Vector&, const CpuRuntimeContext*)) {
+        r.add(op, {v, v}, {v},
+              [f](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+                  f(vec<P>(input(b, 0)), vec<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
+              },
+              generic_record<P>({"cpu.elementwise", arithmetic, length}));
+    };
+    binary(Op::multiply, &K::multiply);
+    binary(Op::add, &K::add);
+    binary(Op::subtract, &K::subtract);
+
+    r.add(Op::sum, {v}, {s},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::sum(vec<P>(input(b, 0)), sca<P>(output(b, 1)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.blocked_pairwise_reduction", arithmetic, length, lit(0), ReductionOrder::pairwise}));
+    r.add(Op::scale, {v, s}, {v},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::scale(vec<P>(input(b, 0)), sca<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.elementwise", arithmetic, length}));
+    r.add(Op::transpose, {m}, {m},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::transpose(mat<P>(input(b, 0)), mat<P>(output(b, 1)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})}));
+    r.add(Op::matmul, {m, m}, {m},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::matmul(mat<P>(input(b, 0)), mat<P>(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.classical_gemm", arithmetic, product_of({lit(2), in_dim(0, 0), in_dim(0, 1), in_dim(1, 1)}),
+                             sum_of({product_of({in_dim(0, 0), in_dim(0, 1)}), product_of({in_dim(1, 0), in_dim(1, 1)})}),
+                             ReductionOrder::sequential}));
+    r.add(Op::matvec, {m, v}, {v},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::matvec(mat<P>(input(b, 0)), vec<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.classical_gemv", arithmetic, product_of({lit(2), in_dim(0, 0), in_dim(0, 1)}), lit(0),
+                             ReductionOrder::pairwise}));
+    r.add(Op::kron, {m, m}, {m},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::kron(mat<P>(input(b, 0)), mat<P>(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.kronecker_product", arithmetic, product_of({out_dim(0, 0), out_dim(0, 1)})}));
+    r.add(Op::inner, {v, v}, {s},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::inner(vec<P>(input(b, 0)), vec<P>(input(b, 1)), sca<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.blocked_pairwise_reduction", arithmetic, product_of({lit(2), length}), lit(0),
+                             ReductionOrder::pairwise}));
+    r.add(Op::outer, {v, v}, {m},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::outer(vec<P>(input(b, 0)), vec<P>(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.outer_product", arithmetic, product_of({in_dim(0, 0), in_dim(1, 0)})}));
+    r.add(Op::trace, {m}, {s},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::trace(mat<P>(input(b, 0)), sca<P>(output(b, 1)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.blocked_pairwise_reduction", arithmetic,
+                             SymbolicExpression::make_operator(ExpressionKind::minimum, {in_dim(0, 0), in_dim(0, 1)}),
+                             lit(0), ReductionOrder::pairwise}));
+    r.add(Op::eye, {}, {m},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) { K::eye(mat<P>(output(b, 0)), ctx.runtime()); },
+          generic_record<P>({"cpu.identity_fill", Stability::exact, square(out_dim(0, 0))}));
+    r.add(Op::vector_equal, {v, v}, {flag_key()},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::vector_equal(vec<P>(input(b, 0)), vec<P>(input(b, 1)), flag(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.componentwise_comparison", Stability::exact, length}));
+}
+
+template <class P> void register_floating(Registrar& r) {
+    using K = typename Policy<P>::K;
+    using Pol = Policy<P>;
+    register_common<P>(r);
+    const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar();
+    const SymbolicExpression length = in_dim(0, 0), order = in_dim(0, 0);
+    const Stability bs = Stability::backward_stable;
+
+    r.add(Op::sqrt, {v}, {v},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::sqrt(vec<P>(input(b, 0)), vec<P>(output(b, 1)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.elementwise", bs, length}));
+    r.add(Op::conjugate, {}, {v},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) { K::conjugate(vec<P>(output(b, 0)), ctx.runtime()); },
+          generic_record<P>({"cpu.elementwise", Stability::exact, out_dim(0, 0)}));
+    r.add(Op::norm, {v}, {Pol::real_scalar()},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::norm(vec<P>(input(b, 0)), real_sca<P>(output(b, 1)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.scaled_euclidean_norm", bs, length, lit(0), ReductionOrder::pairwise}));
+    r.add(Op::divide, {v, s}, {v},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::divide(vec<P>(input(b, 0)), sca<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.elementwise", bs, length}));
+    r.add(Op::adjoint, {m}, {m},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::adjoint(mat<P>(input(b, 0)), mat<P>(output(b, 1)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})}));
+    auto partial = [&](Op op, void (*f)(const typename Pol::Ops::Matrix&, const typename Pol::Ops::Matrix&,
+                                        const CpuRuntimeContext*)) {
+        r.add(op, {m}, {m},
+              [f](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+                  f(mat<P>(input(b, 0)), mat<P>(output(b, 1)), ctx.runtime());
+              },
+              generic_record<P>({"cpu.partial_trace", bs, product_of({in_dim(0, 0), out_dim(0, 0)}), lit(0),
+                                 ReductionOrder::sequential}));
+    };
+    partial(Op::partial_trace_left, &K::partial_trace_left);
+    partial(Op::partial_trace_right, &K::partial_trace_right);
+    r.add(Op::matrix_power, {m, flag_key()}, {m},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::matrix_power(mat<P>(input(b, 0)), flag(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.classical_gemm", bs,
+                             product_of({lit(2), cube(order),
+                                         SymbolicExpression::make_operator(
+                                             ExpressionKind::log2, {sum_of({SymbolicExpression::operand_value(input_role(1)), lit(1)})})}),
+                             product_of({lit(3), square(order)}), ReductionOrder::sequential,
+                             {"Intermediate matrices use the compute dtype; only the final output is rounded."}}));
+    r.add(Op::is_unitary, {m}, {flag_key()},
+          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
+              K::is_unitary(mat<P>(input(b, 0)), flag(output(b, 1)), ctx.runtime());
+          },
+          generic_record<P>({"cpu.unitarity_check", bs, product_of({lit(2), cube(order)}), square(order),
+                             ReductionOrder::sequential}));
+
+    const SymbolicExpression n_lu = out_dim(0, 0), n_in = in_dim(0, 0);
+    const SymbolicExpression lu_work = SymbolicExpression::make_operator(
+        ExpressionKind::divide, {product_of({lit(2), cube(n_lu)}), lit(3)});
+    r.add(Op::lu_factor, {}, {Pol::lu()}, lu_factor_kernel<P>(),
+          lu_record<P>("cpu.partial_pivoting_lu", lu_work, Pol::reduced ? square(n_lu) : lit(0)));
+    r.add(Op::solve, {Pol::lu()}, {v}, solve_kernel<P>(),
+          lu_record<P>("cpu.triangular_substitution", product_of({lit(2), square(n_in)}), n_in));
+    r.add(Op::logdet, {Pol::lu()}, {Pol::log_scalar()}, logdet_kernel<P>(),
+          lu_record<P>("cpu.lu_logdet", n_in, lit(0)));
+
+    const SymbolicExpression dense_lu =
+        SymbolicExpression::make_operator(ExpressionKind::divide, {product_of({lit(2), cube(order)}), lit(3)});
+    r.add(Op::slogdet, {m}, {s, Pol::real_scalar()}, slogdet_kernel<P>(),
+          widened_record<P>("cpu.partial_pivoting_slogdet", dense_lu, square(order)));
+    r.add(Op::logdet_positive_definite, {m}, {Pol::real_scalar()}, logdet_positive_definite_kernel<P>(),
+          widened_record<P>("cpu.cholesky_logdet",
+                            SymbolicExpression::make_operator(ExpressionKind::divide, {cube(order), lit(3)}),
+                            square(order)));
+    const std::vector<AlgorithmParameter> sweeps = {
+        {"maximum_sweeps", std::int64_t{64}, "Cyclic Jacobi sweep limit, configured at build time."}};
+    const std::vector<std::string> jacobi_note = {
+        "Input is copied before factorisation; real inputs use real working storage."};
+    const SymbolicExpression jacobi_work = product_of({sym("sweeps"), lit(4), cube(order)});
+    r.add(Op::eigh, {m}, {Pol::real_vector(), m}, hermitian_kernel<P, true>(),
+          widened_record<P>("cpu.hermitian_jacobi", jacobi_work, product_of({lit(2), square(order)}), jacobi_note,
+                            sweeps));
+    r.add(Op::eigvalsh, {m}, {Pol::real_vector()}, hermitian_kernel<P, false>(),
+          widened_record<P>("cpu.hermitian_jacobi", jacobi_work, square(order), jacobi_note, sweeps));
+
+    r.add(Op::eig, {m}, {Pol::eigen()}, eig_kernel<P>(), eigen_record<P>("cpu.balanced_shifted_qr"));
+    r.add(Op::principal_eigenvector, {m}, {v}, principal_eigenvector_kernel<P>(),
+          eigen_record<P>("cpu.balanced_shifted_qr.principal_selection"));
+}
+
+} // namespace
+
+void register_cpu_backends(BackendRegistry& registry, const RegistrationProvenance& provenance) {
+    Registrar r(registry, provenance);
+    for_each_floating_policy([&](auto policy) { register_floating<decltype(policy)>(r); });
+    register_common<PolicyI32>(r);
+}
 
 } // namespace quillmark

@@ -1,0 +1,95 @@
+"""Times quillmark operation families against NumPy in the same run and prints throughput ratios.
+
+NumPy's BLAS is limited to the thread count quillmark uses (one CPU is held back for the caller),
+so both sides run on equal resources. Run: python bench/bench_ops.py [--sizes 256 1024]
+"""
+import argparse
+import os
+import sys
+import time
+
+
+def _threads():
+    cpus = os.cpu_count() or 1
+    return max(cpus - 1, 1)
+
+
+# Must be set before NumPy loads its BLAS.
+for _var in ("OPENBLAS_NUM_THREADS", "OMP_NUM_THREADS", "MKL_NUM_THREADS"):
+    os.environ[_var] = str(_threads())
+os.environ.pop("OPENBLAS_CORETYPE", None)
+os.environ.pop("OPENBLAS_L2_SIZE", None)
+
+import numpy as np  # noqa: E402
+
+import quillmark  # noqa: E402
+
+
+def best_time(fn, budget=0.6, min_runs=3):
+    fn()
+    runs, best, start = 0, float("inf"), time.perf_counter()
+    while runs < min_runs or time.perf_counter() - start < budget:
+        t = time.perf_counter()
+        fn()
+        best = min(best, time.perf_counter() - t)
+        runs += 1
+    return best
+
+
+def cases(n, dtype, rng):
+    def arr(*shape):
+        a = rng.standard_normal(shape)
+        if np.dtype(dtype).kind == "c":
+            a = a + 1j * rng.standard_normal(shape)
+        return a.astype(dtype)
+
+    a, b = arr(n, n), arr(n, n)
+    v, w = arr(n * n), arr(n * n)
+    x = arr(n)
+    spd = (a @ a.conj().T + n * np.eye(n)).astype(dtype)
+    out_m = np.empty((n, n), dtype)
+    out_v = np.empty(n * n, dtype)
+    out_x = np.empty(n, dtype)
+    real = np.empty(0, dtype).real.dtype
+    scalar = np.zeros((), dtype)
+    yield "matmul", ("quillmark.matmul@1", [a, b], [out_m]), lambda: a @ b
+    yield "matvec", ("quillmark.matvec@1", [a, x], [out_x]), lambda: a @ x
+    yield "add", ("quillmark.add@1", [v, w], [out_v]), lambda: np.add(v, w, out=out_v)
+    yield "multiply", ("quillmark.multiply@1", [v, w], [out_v]), lambda: np.multiply(v, w, out=out_v)
+    yield "sum", ("quillmark.sum@1", [v], [scalar]), lambda: v.sum()
+    yield "norm", ("quillmark.norm@1", [v], [np.zeros((), real)]), lambda: np.linalg.norm(v)
+    yield "transpose", ("quillmark.transpose@1", [a], [out_m]), lambda: np.copyto(out_m, a.T)
+    if n <= 256:
+        yield "slogdet", ("quillmark.slogdet@1", [a], [np.zeros((), dtype), np.zeros((), real)]), \
+            lambda: np.linalg.slogdet(a)
+        yield "eigh", ("quillmark.eigh@1", [spd], [np.empty(n, real), np.empty((n, n), dtype)]), \
+            lambda: np.linalg.eigh(spd)
+        yield "logdet_pd", ("quillmark.logdet_positive_definite@1", [spd], [np.zeros((), real)]), \
+            lambda: np.linalg.cholesky(spd)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--sizes", type=int, nargs="+", default=[256, 1024])
+    parser.add_argument("--dtypes", nargs="+", default=["float64", "float32", "complex64", "complex128"])
+    args = parser.parse_args()
+    ctx = quillmark.Context()
+    rng = np.random.default_rng(0)
+    print(f"quillmark {quillmark.build_info()['cpu_simd']}, {ctx.thread_count} thread(s); "
+          f"NumPy BLAS threads {_threads()}")
+    print(f"{'n':>5} {'dtype':>10} {'operation':>10} {'quillmark ms':>13} {'numpy ms':>10} {'ratio':>7}")
+    for n in args.sizes:
+        for dtype in args.dtypes:
+            for name, (op, ins, outs), reference in cases(n, dtype, rng):
+                bindings = {f"Input{i}": a for i, a in enumerate(ins)}
+                bindings.update({f"Output{j}": a for j, a in enumerate(outs)})
+                locations = {k: "host" for k in bindings}
+                ours = best_time(lambda: ctx.execute(op, bindings, locations))
+                theirs = best_time(reference)
+                # ratio > 1 means quillmark is faster
+                print(f"{n:>5} {dtype:>10} {name:>10} {ours * 1e3:>13.3f} {theirs * 1e3:>10.3f} {theirs / ours:>7.2f}")
+            sys.stdout.flush()
+
+
+if __name__ == "__main__":
+    main()

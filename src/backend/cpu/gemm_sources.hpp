@@ -1,0 +1,135 @@
+#pragma once
+// Packers feeding the real GEMM driver from typed storage. A complex product C = A B runs as the
+// real product C'' = A'' B'' with
+//   A''(i, 2p + t) = (Re, Im)[t] of A(i, p)                      (interleaved A read as real),
+//   B''(2p + s, 2j + t) = [[Re, Im], [-Im, Re]][s][t] of B(p, j),
+// so that C''(i, 2j + t) is (Re, Im)[t] of C(i, j): the result comes out interleaved.
+#include <algorithm>
+#include <complex>
+#include <cstdint>
+#include <type_traits>
+
+#include "backend/cpu/gemm.hpp"
+#include "storage/views.hpp"
+
+namespace quillmark::cpu {
+
+template <class R, class S> inline R load_compute(const S* p, std::uint64_t i) noexcept {
+    if constexpr (std::is_same_v<S, std::int32_t>) return static_cast<R>(p[i]); // wraps into uint32_t
+    else return load_element<R>(p, i);
+}
+
+// Real element (line, depth) at p[line * ls + depth * ds].
+template <class S, class R> struct RealPanelSource {
+    const S* p = nullptr;
+    std::uint64_t ls = 0;
+    std::uint64_t ds = 0;
+
+    static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
+                     std::uint64_t depth, std::uint64_t width) {
+        const auto& s = *static_cast<const RealPanelSource*>(self);
+        for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
+            const std::uint64_t w = std::min(width, lines - q);
+            if (s.ls == 1) {
+                for (std::uint64_t d = 0; d < depth; ++d) {
+                    const S* src = s.p + (d0 + d) * s.ds + l0 + q;
+                    R* o = dst + d * width;
+                    for (std::uint64_t l = 0; l < w; ++l) o[l] = load_compute<R>(src, l);
+                    for (std::uint64_t l = w; l < width; ++l) o[l] = R{};
+                }
+                continue;
+            }
+            for (std::uint64_t l = 0; l < w; ++l) {
+                const S* src = s.p + (l0 + q + l) * s.ls + d0 * s.ds;
+                if (s.ds == 1)
+                    for (std::uint64_t d = 0; d < depth; ++d) dst[d * width + l] = load_compute<R>(src, d);
+                else
+                    for (std::uint64_t d = 0; d < depth; ++d) dst[d * width + l] = load_compute<R>(src, d * s.ds);
+            }
+            if (w < width)
+                for (std::uint64_t d = 0; d < depth; ++d) std::fill(dst + d * width + w, dst + (d + 1) * width, R{});
+        }
+    }
+    GemmPacker<R> packer() const { return {&pack, this}; }
+};
+
+// Complex element (line, depth) of split planes.
+template <class T, class R> struct SplitComplexLoader {
+    const T* re = nullptr;
+    const T* im = nullptr;
+    std::uint64_t ls = 0;
+    std::uint64_t ds = 0;
+    void at(std::uint64_t l, std::uint64_t d, R& r, R& i) const noexcept {
+        const std::uint64_t x = l * ls + d * ds;
+        r = load_element<R>(re, x);
+        i = load_element<R>(im, x);
+    }
+};
+
+// Complex element (line, depth) of interleaved storage S.
+template <class S, class R> struct InterleavedComplexLoader {
+    const S* p = nullptr;
+    std::uint64_t ls = 0;
+    std::uint64_t ds = 0;
+    void at(std::uint64_t l, std::uint64_t d, R& r, R& i) const noexcept {
+        const std::complex<R> z = load_element<std::complex<R>>(p, l * ls + d * ds);
+        r = z.real();
+        i = z.imag();
+    }
+};
+
+// A'' of the embedding (optionally of conj(A)); depth offsets and counts are even.
+template <class Loader, class R> struct ComplexLeftSource {
+    Loader ld;
+    bool conjugate = false;
+
+    static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
+                     std::uint64_t depth, std::uint64_t width) {
+        const auto& s = *static_cast<const ComplexLeftSource*>(self);
+        const R sign = s.conjugate ? R(-1) : R(1);
+        for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
+            const std::uint64_t w = std::min(width, lines - q);
+            for (std::uint64_t l = 0; l < w; ++l) {
+                for (std::uint64_t x = 0; x < depth; x += 2) {
+                    R re, im;
+                    s.ld.at(l0 + q + l, (d0 + x) / 2, re, im);
+                    dst[x * width + l] = re;
+                    dst[(x + 1) * width + l] = sign * im;
+                }
+            }
+            if (w < width)
+                for (std::uint64_t d = 0; d < depth; ++d) std::fill(dst + d * width + w, dst + (d + 1) * width, R{});
+        }
+    }
+    GemmPacker<R> packer() const { return {&pack, this}; }
+};
+
+// B'' of the embedding, lines 2j + t; line offsets, counts and the panel width are even.
+template <class Loader, class R> struct ComplexRightSource {
+    Loader ld;
+
+    static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
+                     std::uint64_t depth, std::uint64_t width) {
+        const auto& s = *static_cast<const ComplexRightSource*>(self);
+        for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
+            const std::uint64_t w = std::min(width, lines - q);
+            for (std::uint64_t col = 0; col < w; col += 2) {
+                const std::uint64_t j = (l0 + q + col) / 2;
+                for (std::uint64_t x = 0; x < depth; x += 2) {
+                    R re, im;
+                    s.ld.at(j, (d0 + x) / 2, re, im);
+                    R* o = dst + x * width + col;
+                    o[0] = re;
+                    o[1] = im;
+                    o[width] = -im;
+                    o[width + 1] = re;
+                }
+            }
+            if (w < width)
+                for (std::uint64_t d = 0; d < depth; ++d) std::fill(dst + d * width + w, dst + (d + 1) * width, R{});
+        }
+    }
+    GemmPacker<R> packer() const { return {&pack, this}; }
+};
+
+} // namespace quillmark::cpu
