@@ -19,9 +19,12 @@ namespace {
 using namespace nb::literals;
 
 CpuPolicy parse_policy(const std::string& word, const char* message) {
-    if (word == "disabled") return CpuPolicy::disabled;
-    if (word == "auto") return CpuPolicy::auto_;
-    if (word == "strict") return CpuPolicy::strict;
+    if (word == "disabled")
+        return CpuPolicy::disabled;
+    if (word == "auto")
+        return CpuPolicy::auto_;
+    if (word == "strict")
+        return CpuPolicy::strict;
     throw std::invalid_argument(message);
 }
 
@@ -37,7 +40,8 @@ void init_context(NativeContext* self, std::uint64_t thread_count, std::uint64_t
     options.min_parallel_work = min_parallel_work;
     auto sealed = catalogue ? catalogue->sealed : builtin_catalogue();
     auto context = std::make_shared<const QuillmarkContext>(std::move(sealed), std::move(options));
-    if (cuda_device >= 0) throw std::runtime_error("Context - this Quillmark wheel has no CUDA backend");
+    if (cuda_device >= 0)
+        throw std::runtime_error("Context - this Quillmark wheel has no CUDA backend");
     new (self) NativeContext{std::move(context), min_parallel_work, cuda_device};
 }
 
@@ -55,7 +59,9 @@ struct Marshalled {
     std::size_t count = 0;
 };
 
-std::invalid_argument failure(const std::string& text) { return std::invalid_argument("Context.execute - " + text); }
+std::invalid_argument failure(const std::string& text) {
+    return std::invalid_argument("Context.execute - " + text);
+}
 
 OperandKind kind_of_rank(std::size_t rank) noexcept {
     return rank == 0 ? OperandKind::scalar : rank == 1 ? OperandKind::vector : OperandKind::matrix;
@@ -64,8 +70,10 @@ OperandKind kind_of_rank(std::size_t rank) noexcept {
 // The matrix layout a contiguous array is read in; vectors and scalars carry none.
 MatrixLayout array_layout(const ArrayFacts& facts) {
     if (facts.ndim == 2) {
-        if (facts.c_contiguous) return MatrixLayout::row_major;
-        if (facts.f_contiguous) return MatrixLayout::column_major;
+        if (facts.c_contiguous)
+            return MatrixLayout::row_major;
+        if (facts.f_contiguous)
+            return MatrixLayout::column_major;
     } else if (facts.ndim < 2 && facts.c_contiguous) {
         return MatrixLayout::none;
     }
@@ -73,58 +81,74 @@ MatrixLayout array_layout(const ArrayFacts& facts) {
 }
 
 std::array<std::uint64_t, 2> array_extent(const ArrayFacts& facts) {
-    if (facts.ndim == 0) return {0, 0};
-    if (facts.ndim == 1) return {facts.shape[0], 0};
+    if (facts.ndim == 0)
+        return {0, 0};
+    if (facts.ndim == 1)
+        return {facts.shape[0], 0};
     return facts.shape;
 }
 
 void check_rank(const ArrayFacts& facts, OperandKind kind) {
-    if (facts.ndim > 2) throw failure("array binding rank must be zero, one or two");
+    if (facts.ndim > 2)
+        throw failure("array binding rank must be zero, one or two");
     switch (kind) {
     case OperandKind::scalar:
-        if (facts.ndim != 0) throw failure("scalar binding must have rank zero");
+        if (facts.ndim != 0)
+            throw failure("scalar binding must have rank zero");
         break;
     case OperandKind::vector:
-        if (facts.ndim != 1) throw failure("vector binding must have rank one");
+        if (facts.ndim != 1)
+            throw failure("vector binding must have rank one");
         break;
     case OperandKind::matrix:
-        if (facts.ndim != 2) throw failure("matrix binding must have rank two");
+        if (facts.ndim != 2)
+            throw failure("matrix binding must have rank two");
         break;
-    default: throw failure("structured binding requires LUOperand or EigenOperand");
+    default:
+        throw failure("structured binding requires LUOperand or EigenOperand");
     }
 }
 
 std::invalid_argument uncompiled(const std::string& compute, const std::string& storage) {
-    return failure("uncompiled storage/compute dtype policy (compute=" + compute + "); array storage dtypes: " +
-                   storage);
+    return failure("uncompiled storage/compute dtype policy (compute=" + compute +
+                   "); array storage dtypes: " + storage);
 }
 
 StructuredOperand* structured_operand(nb::handle object) {
-    if (nb::isinstance<NativeLUOperand>(object)) return nb::inst_ptr<NativeLUOperand>(object);
-    if (nb::isinstance<NativeEigenOperand>(object)) return nb::inst_ptr<NativeEigenOperand>(object);
+    if (nb::isinstance<NativeLUOperand>(object))
+        return nb::inst_ptr<NativeLUOperand>(object);
+    if (nb::isinstance<NativeEigenOperand>(object))
+        return nb::inst_ptr<NativeEigenOperand>(object);
     return nullptr;
 }
 
 void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity) {
-    if (role.access == OperandAccess::read) out.bindings.bind(role.role, static_cast<const OperandEntity&>(entity));
-    else out.bindings.bind(role.role, entity);
+    if (role.access == OperandAccess::read)
+        out.bindings.bind(role.role, static_cast<const OperandEntity&>(entity));
+    else
+        out.bindings.bind(role.role, entity);
 }
 
 void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const nb::dict& locations,
                   const nb::dict& compute_dtypes, Marshalled& out) {
     const std::string name = role_text(role.role);
-    PyObject* bound = PyDict_GetItemString(bindings.ptr(), name.c_str());
-    if (!bound) throw failure("missing binding " + name);
-    PyObject* location = PyDict_GetItemString(locations.ptr(), name.c_str());
-    if (!location) throw failure("missing location for " + name);
+    const nb::str key(name.c_str(), name.size());
+    PyObject* bound = PyDict_GetItem(bindings.ptr(), key.ptr());
+    if (!bound)
+        throw failure("missing binding " + name);
+    PyObject* location = PyDict_GetItem(locations.ptr(), key.ptr());
+    if (!location)
+        throw failure("missing location for " + name);
     const std::string where = PyUnicode_Check(location) ? nb::cast<std::string>(nb::handle(location)) : "";
-    if (where != "host" && where != "cuda") throw failure("invalid location for " + name);
+    if (where != "host" && where != "cuda")
+        throw failure("invalid location for " + name);
     const bool cuda = where == "cuda";
-    PyObject* compute = PyDict_GetItemString(compute_dtypes.ptr(), name.c_str());
+    PyObject* compute = PyDict_GetItem(compute_dtypes.ptr(), key.ptr());
 
     const nb::handle object(bound);
     out.keep.push_back(nb::borrow(object));
-    if (is_output_role(role.role)) out.outputs.push_back(nb::borrow(object));
+    if (is_output_role(role.role))
+        out.outputs.push_back(nb::borrow(object));
     const bool writes = role.access != OperandAccess::read;
 
     // Structured roles. A role without a declared kind takes the kind of what is bound to it.
@@ -133,45 +157,56 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
     const bool lu_role = role.kind ? *role.kind == OperandKind::lu : is_lu;
     const bool eigen_role = role.kind ? *role.kind == OperandKind::eigen : is_eigen;
     if (eigen_role) {
-        if (cuda) throw failure("CUDA eigen binding requires CudaEigenOperand");
-        if (!is_eigen) throw failure("host eigen binding requires EigenOperand");
+        if (cuda)
+            throw failure("CUDA eigen binding requires CudaEigenOperand");
+        if (!is_eigen)
+            throw failure("host eigen binding requires EigenOperand");
     }
     if ((is_lu || is_eigen || lu_role || eigen_role) && compute)
         throw failure("structured operand compute dtype is fixed at construction");
     if (lu_role) {
-        if (!is_lu) throw failure("LU binding requires LUOperand");
-        if (cuda) throw failure("LUOperand must use host residency");
+        if (!is_lu)
+            throw failure("LU binding requires LUOperand");
+        if (cuda)
+            throw failure("LUOperand must use host residency");
     }
     if (lu_role || eigen_role) {
         bind(out, role, *structured_operand(object)->entity);
         ++out.count;
         return;
     }
-    if (cuda) throw failure("CUDA binding requires a CUDA-enabled build");
+    if (cuda)
+        throw failure("CUDA binding requires a CUDA-enabled build");
 
     // Arrays.
-    if (!is_ndarray(object)) throw std::invalid_argument("host binding requires a NumPy ndarray");
+    if (!is_ndarray(object))
+        throw std::invalid_argument("host binding requires a NumPy ndarray");
     const ArrayFacts facts = inspect_array(object);
-    if (facts.ndim > 2) throw failure("array binding rank must be zero, one or two");
+    if (facts.ndim > 2)
+        throw failure("array binding rank must be zero, one or two");
     const OperandKind kind = role.kind.value_or(kind_of_rank(facts.ndim));
     check_rank(facts, kind);
 
     std::string compute_name;
     if (compute) {
-        if (!PyUnicode_Check(compute)) throw nb::type_error("Context.execute - compute dtypes must be strings");
+        if (!PyUnicode_Check(compute))
+            throw nb::type_error("Context.execute - compute dtypes must be strings");
         compute_name = nb::cast<std::string>(nb::handle(compute));
     } else if (facts.is_bool) {
         compute_name = "int32";
     } else {
-        compute_name = facts.storage ? std::string(scalar_name(default_compute(*facts.storage))) : facts.dtype_name;
+        compute_name =
+            facts.storage ? std::string(scalar_name(default_compute(*facts.storage))) : facts.dtype_name;
     }
 
     if (facts.is_bool) {
         // The kernel writes an int32 scalar; the array receives value != 0 after the run.
         if (!is_output_role(role.role) || kind != OperandKind::scalar)
             throw failure("bool arrays are supported only for scalar outputs");
-        if (compute_name != "int32") throw failure("bool outputs require int32 compute dtype");
-        if (!facts.writeable) throw failure("bool scalar bindings must be writable");
+        if (compute_name != "int32")
+            throw failure("bool outputs require int32 compute dtype");
+        if (!facts.writeable)
+            throw failure("bool scalar bindings must be writable");
         auto* target = static_cast<std::uint8_t*>(array_data(facts, out.keep));
         auto scalar = std::make_unique<BoundRealScalarEntity<PolicyI32>>(*target != 0 ? 1 : 0);
         out.bools.push_back({target, scalar.get()});
@@ -187,12 +222,15 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
 
     if (facts.low_precision()) {
         if (!facts.c_contiguous || !facts.aligned || !facts.native || (writes && !facts.writeable))
-            throw std::invalid_argument("low-precision binding requires aligned, native-endian contiguous storage "
-                                        "and writable output");
+            throw std::invalid_argument(
+                "low-precision binding requires aligned, native-endian contiguous storage "
+                "and writable output");
     }
     const MatrixLayout layout = array_layout(facts);
-    if (!facts.aligned || !facts.native) throw failure("array binding must be aligned and native-endian");
-    if (writes && !facts.writeable) throw failure("output binding must be writable");
+    if (!facts.aligned || !facts.native)
+        throw failure("array binding must be aligned and native-endian");
+    if (writes && !facts.writeable)
+        throw failure("output binding must be writable");
 
     void* data = array_data(facts, out.keep);
     auto entity = borrow_storage(*facts.storage, kind, data, array_extent(facts), layout);
@@ -209,32 +247,42 @@ nb::object execute(const NativeContext& self, const std::string& operation, cons
     if (nb::len(bindings) != roles.size() || nb::len(locations) != roles.size())
         throw failure("binding count does not match operation");
     for (auto [key, value] : compute_dtypes)
-        if (!bindings.contains(key)) throw failure("compute dtype role has no binding");
+        if (!bindings.contains(key))
+            throw failure("compute dtype role has no binding");
 
     Marshalled marshalled;
-    for (const RoleDeclaration& role : roles) marshal_role(role, bindings, locations, compute_dtypes, marshalled);
-    if (marshalled.count != roles.size()) throw std::logic_error("Context.execute - failed to marshal every binding");
+    for (const RoleDeclaration& role : roles)
+        marshal_role(role, bindings, locations, compute_dtypes, marshalled);
+    if (marshalled.count != roles.size())
+        throw std::logic_error("Context.execute - failed to marshal every binding");
 
     {
         nb::gil_scoped_release release;
         QuillmarkExecutor(*self.context).execute(marshalled.bindings, id);
-        for (const auto& result : marshalled.bools) *result.target = result.value->value() != 0 ? 1 : 0;
+        for (const auto& result : marshalled.bools)
+            *result.target = result.value->value() != 0 ? 1 : 0;
     }
 
-    if (marshalled.outputs.size() == 1) return marshalled.outputs.front();
+    if (marshalled.outputs.size() == 1)
+        return marshalled.outputs.front();
     nb::list outputs;
-    for (const nb::object& output : marshalled.outputs) outputs.append(output);
+    for (const nb::object& output : marshalled.outputs)
+        outputs.append(output);
     return nb::tuple(outputs);
 }
 
 // An input as dispatch would see it when bound to `role` for execution on the host.
 OperandDescriptor describe_input(nb::handle object, OperandRole role) {
-    if (StructuredOperand* structured = structured_operand(object)) return describe_operand(*structured->entity, role);
-    if (!is_ndarray(object)) throw std::invalid_argument("host binding requires a NumPy ndarray");
+    if (StructuredOperand* structured = structured_operand(object))
+        return describe_operand(*structured->entity, role);
+    if (!is_ndarray(object))
+        throw std::invalid_argument("host binding requires a NumPy ndarray");
     const ArrayFacts facts = inspect_array(object);
-    if (facts.ndim > 2) throw failure("array binding rank must be zero, one or two");
-    const std::string compute =
-        facts.is_bool ? "int32" : facts.storage ? std::string(scalar_name(default_compute(*facts.storage))) : facts.dtype_name;
+    if (facts.ndim > 2)
+        throw failure("array binding rank must be zero, one or two");
+    const std::string compute = facts.is_bool   ? "int32"
+                                : facts.storage ? std::string(scalar_name(default_compute(*facts.storage)))
+                                                : facts.dtype_name;
     if (!facts.storage || !is_compiled_policy(*facts.storage, default_compute(*facts.storage)))
         throw uncompiled(compute, facts.dtype_name);
     std::vector<nb::object> keep;
@@ -249,27 +297,35 @@ nb::tuple result_policy(const NativeContext& self, const std::string& operation,
     const OperationSpec& spec = self.context->lookup(id);
 
     std::vector<BackendOperandKey> keys;
-    for (std::size_t i = 0; i < nb::len(inputs); ++i) keys.push_back(operand_key(describe_input(inputs[i], input_role(i))));
+    for (std::size_t i = 0; i < nb::len(inputs); ++i)
+        keys.push_back(operand_key(describe_input(inputs[i], input_role(i))));
 
     DenseResultRequest request;
     switch (nb::len(output_shape)) {
-    case 0: request.kind = OperandKind::scalar; break;
-    case 1: request.kind = OperandKind::vector; break;
+    case 0:
+        request.kind = OperandKind::scalar;
+        break;
+    case 1:
+        request.kind = OperandKind::vector;
+        break;
     case 2:
         request.kind = OperandKind::matrix;
         request.layout = MatrixLayout::row_major;
         break;
-    default: throw std::invalid_argument("result policy - expected a dense scalar, vector or matrix");
+    default:
+        throw std::invalid_argument("result policy - expected a dense scalar, vector or matrix");
     }
     if (!output_dtype.empty()) {
         request.output_dtype = scalar_type_from_name(output_dtype);
-        if (!request.output_dtype) throw std::invalid_argument("scalar_metadata - unknown scalar type");
+        if (!request.output_dtype)
+            throw std::invalid_argument("scalar_metadata - unknown scalar type");
     }
     static constexpr BackendKind backends[] = {BackendKind::cpu_scalar, BackendKind::cpu_simd};
     const SealedCatalogue& catalogue = self.context->catalogue();
-    const DataTypeDescriptor policy =
-        catalogue.backends.infer_dense_result_policy(spec.handle(), backends, keys, request, catalogue.adaptations);
-    return nb::make_tuple(std::string(scalar_name(policy.storage())), std::string(scalar_name(policy.compute())));
+    const DataTypeDescriptor policy = catalogue.backends.infer_dense_result_policy(
+        spec.handle(), backends, keys, request, catalogue.adaptations);
+    return nb::make_tuple(std::string(scalar_name(policy.storage())),
+                          std::string(scalar_name(policy.compute())));
 }
 
 } // namespace
@@ -277,18 +333,20 @@ nb::tuple result_policy(const NativeContext& self, const std::string& operation,
 void bind_context(nb::module_& m) {
     nb::class_<NativeContext>(
         m, "Context",
-        "An execution context: the CPU runtime (threads, NUMA and pinning policies) over a sealed catalogue.\n\n"
-        "Contexts are read-only once made and may be shared between threads; each execution runs on the\n"
-        "calling thread with the interpreter lock released.")
-        .def("__init__", &init_context, "thread_count"_a = 0, "min_parallel_work"_a = 32768, "cuda_device"_a = -1,
-             "stream_pool_size"_a = 32, "external_stream"_a = nb::none(), "numa_policy"_a = "auto",
-             "pinning_policy"_a = "auto", "scheduling"_a = "auto", "cross_device"_a = "reject",
-             "catalogue"_a.none() = nb::none(),
+        "An execution context: the CPU runtime (threads, NUMA and pinning policies) over a\n"
+        "sealed catalogue.\n\n"
+        "Contexts are read-only once made and may be shared between threads; each execution\n"
+        "runs on the calling thread with the interpreter lock released.")
+        .def("__init__", &init_context, "thread_count"_a = 0, "min_parallel_work"_a = 32768,
+             "cuda_device"_a = -1, "stream_pool_size"_a = 32, "external_stream"_a = nb::none(),
+             "numa_policy"_a = "auto", "pinning_policy"_a = "auto", "scheduling"_a = "auto",
+             "cross_device"_a = "reject", "catalogue"_a.none() = nb::none(),
              "Create a context.\n\n"
-             "thread_count 0 lets the runtime choose; min_parallel_work is the smallest amount of work split\n"
-             "across threads; numa_policy and pinning_policy are 'disabled', 'auto' or 'strict'. A catalogue of\n"
-             "None uses the built-in catalogue. cuda_device, stream_pool_size, external_stream, scheduling and\n"
-             "cross_device belong to the CUDA path, which this build lacks: any cuda_device >= 0 is refused.")
+             "thread_count 0 lets the runtime choose; min_parallel_work is the smallest amount of\n"
+             "work split across threads; numa_policy and pinning_policy are 'disabled', 'auto' or\n"
+             "'strict'. A catalogue of None uses the built-in catalogue. cuda_device,\n"
+             "stream_pool_size, external_stream, scheduling and cross_device belong to the CUDA\n"
+             "path, which this build lacks: any cuda_device >= 0 is refused.")
         .def_prop_ro(
             "thread_count", [](const NativeContext& self) { return self.context->runtime()->thread_count(); },
             "The number of CPU threads in force.")
@@ -300,14 +358,21 @@ void bind_context(nb::module_& m) {
             "The CUDA device requested (-1: none).")
         .def(
             "synchronise", [](const NativeContext&) {},
-            "Wait for outstanding work. CPU executions complete before execute returns, so this returns at once.")
+            "Wait for outstanding work. CPU executions complete before execute returns, so\n"
+            "this returns at once.")
         .def("execute", &execute, "operation"_a, "bindings"_a, "locations"_a, "compute_dtypes"_a = nb::dict(),
+             nb::sig("def execute(self, operation: str, bindings: dict[str, typing.Any], "
+                     "locations: dict[str, str], compute_dtypes: dict[str, str] = {}) -> typing.Any"),
              "Run one catalogue operation.\n\n"
-             "bindings maps role names ('Input0', 'Output0', ...) to NumPy arrays (rank 0 for scalars) or\n"
-             "structured operands; locations maps every role to 'host' or 'cuda'; compute_dtypes optionally\n"
-             "names a compute dtype per array role. Arrays are used in place, never copied; outputs are written\n"
-             "into them. Returns the single output object, or a tuple of the outputs in role order.")
-        .def("_result_policy", &result_policy, "operation"_a, "inputs"_a, "output_shape"_a, "output_dtype"_a = "",
+             "bindings maps role names ('Input0', 'Output0', ...) to NumPy arrays (rank 0 for\n"
+             "scalars) or structured operands; locations maps every role to 'host' or 'cuda';\n"
+             "compute_dtypes optionally names a compute dtype per array role. Arrays are used in\n"
+             "place, never copied; outputs are written into them. Returns the single output\n"
+             "object, or a tuple of the outputs in role order.")
+        .def("_result_policy", &result_policy, "operation"_a, "inputs"_a, "output_shape"_a,
+             "output_dtype"_a = "",
+             nb::sig("def _result_policy(self, operation: str, inputs: list[typing.Any], "
+                     "output_shape: tuple[int, ...], output_dtype: str = '') -> tuple[str, str]"),
              "The (dtype, compute_dtype) names of the dense result that the registered implementations\n"
              "would produce for these inputs (in role order); len(output_shape) gives the result kind\n"
              "(0 scalar, 1 vector, 2 row-major matrix). An empty output_dtype leaves the dtype open.");

@@ -42,21 +42,27 @@ bool is_floating_storage(ScalarType type) noexcept {
 DataTypeDescriptor structured_policy(const std::string& dtype, const std::string& compute_dtype) {
     const std::optional<ScalarType> storage = scalar_type_from_name(dtype);
     std::optional<ScalarType> compute;
-    if (!compute_dtype.empty()) compute = scalar_type_from_name(compute_dtype);
-    else if (storage) compute = default_compute(*storage);
+    if (!compute_dtype.empty())
+        compute = scalar_type_from_name(compute_dtype);
+    else if (storage)
+        compute = default_compute(*storage);
     if (!storage || !compute || !is_compiled_policy(*storage, *compute))
         throw std::invalid_argument("structured operand - uncompiled storage/compute dtype policy");
     using enum ScalarType;
     if (*compute != float32 && *compute != float64 && *compute != complex64 && *compute != complex128)
-        throw std::invalid_argument("structured operand requires a float32/64 or complex64/128 factor policy");
+        throw std::invalid_argument(
+            "structured operand requires a float32/64 or complex64/128 factor policy");
     return DataTypeDescriptor(*storage, *compute);
 }
 
-void make_structured(StructuredOperand& operand, const DataTypeDescriptor& dtype, OperandKind kind, std::uint64_t n) {
-    const ComplexLayout complex = is_complex_type(dtype.storage()) ? ComplexLayout::interleaved : ComplexLayout::none;
+void make_structured(StructuredOperand& operand, const DataTypeDescriptor& dtype, OperandKind kind,
+                     std::uint64_t n) {
+    const ComplexLayout complex =
+        is_complex_type(dtype.storage()) ? ComplexLayout::interleaved : ComplexLayout::none;
     std::unique_ptr<OperandEntity> entity =
         make_dense_host_storage(dtype, kind, {n, 0}, complex, MatrixLayout::column_major);
-    if (!entity) throw std::bad_alloc();
+    if (!entity)
+        throw std::bad_alloc();
     operand.entity = std::move(entity);
     operand.storage = dtype.storage();
     operand.compute = dtype.compute();
@@ -74,23 +80,30 @@ void gather_column_major(std::byte* target, const std::byte* source, std::uint64
     for (std::uint64_t j = 0; j < n; ++j)
         for (std::uint64_t i = 0; i < n; ++i)
             std::memcpy(target + (i + j * n) * Size,
-                        source + (static_cast<std::int64_t>(i) * row_stride + static_cast<std::int64_t>(j) * col_stride) *
+                        source + (static_cast<std::int64_t>(i) * row_stride +
+                                  static_cast<std::int64_t>(j) * col_stride) *
                                      static_cast<std::int64_t>(Size),
                         Size);
 }
 
-void gather(std::size_t element, std::byte* target, const std::byte* source, std::uint64_t n, std::int64_t row_stride,
-            std::int64_t col_stride) {
+void gather(std::size_t element, std::byte* target, const std::byte* source, std::uint64_t n,
+            std::int64_t row_stride, std::int64_t col_stride) {
     switch (element) {
-    case 2: return gather_column_major<2>(target, source, n, row_stride, col_stride);
-    case 4: return gather_column_major<4>(target, source, n, row_stride, col_stride);
-    case 8: return gather_column_major<8>(target, source, n, row_stride, col_stride);
-    case 16: return gather_column_major<16>(target, source, n, row_stride, col_stride);
-    default: throw std::logic_error("LUOperand - unexpected element size");
+    case 2:
+        return gather_column_major<2>(target, source, n, row_stride, col_stride);
+    case 4:
+        return gather_column_major<4>(target, source, n, row_stride, col_stride);
+    case 8:
+        return gather_column_major<8>(target, source, n, row_stride, col_stride);
+    case 16:
+        return gather_column_major<16>(target, source, n, row_stride, col_stride);
+    default:
+        throw std::logic_error("LUOperand - unexpected element size");
     }
 }
 
-void lu_from_size(NativeLUOperand* self, std::uint64_t size, const std::string& dtype, const std::string& compute_dtype) {
+void lu_from_size(NativeLUOperand* self, std::uint64_t size, const std::string& dtype,
+                  const std::string& compute_dtype) {
     NativeLUOperand operand;
     make_structured(operand, structured_policy(dtype, compute_dtype), OperandKind::lu, size);
     new (self) NativeLUOperand(std::move(operand));
@@ -98,9 +111,11 @@ void lu_from_size(NativeLUOperand* self, std::uint64_t size, const std::string& 
 
 void lu_from_values(NativeLUOperand* self, nb::handle values, const std::string& dtype,
                     const std::string& compute_dtype) {
-    if (!is_ndarray(values)) throw nb::type_error("LUOperand - values must be a NumPy ndarray");
+    if (!is_ndarray(values))
+        throw nb::type_error("LUOperand - values must be a NumPy ndarray");
     ArrayFacts facts = inspect_array(values);
-    if (facts.ndim != 2 || facts.shape[0] != facts.shape[1]) throw std::invalid_argument("LUOperand - matrix must be square");
+    if (facts.ndim != 2 || facts.shape[0] != facts.shape[1])
+        throw std::invalid_argument("LUOperand - matrix must be square");
     if (!facts.storage || !is_floating_storage(*facts.storage))
         throw std::invalid_argument("LUOperand - matrix requires floating point storage");
     if (!dtype.empty() && dtype != facts.dtype_name)
@@ -121,8 +136,8 @@ void lu_from_values(NativeLUOperand* self, nb::handle values, const std::string&
     const std::uint64_t n = facts.shape[0];
     make_structured(operand, policy, OperandKind::lu, n);
     if (n != 0)
-        gather(element, static_cast<std::byte*>(buffer(operand, 0).data), static_cast<const std::byte*>(source.data()),
-               n, source.stride(0), source.stride(1));
+        gather(element, static_cast<std::byte*>(buffer(operand, 0).data),
+               static_cast<const std::byte*>(source.data()), n, source.stride(0), source.stride(1));
     new (self) NativeLUOperand(std::move(operand));
 }
 
@@ -133,11 +148,19 @@ void eigen_from_size(NativeEigenOperand* self, std::uint64_t size, const std::st
     new (self) NativeEigenOperand(std::move(operand));
 }
 
-std::string storage_name(const StructuredOperand& operand) { return std::string(scalar_name(operand.storage)); }
-std::string compute_name(const StructuredOperand& operand) { return std::string(scalar_name(operand.compute)); }
+std::string storage_name(const StructuredOperand& operand) {
+    return std::string(scalar_name(operand.storage));
+}
+std::string compute_name(const StructuredOperand& operand) {
+    return std::string(scalar_name(operand.compute));
+}
 // Properties take the bound class itself, not the unbound base.
-template <class T> std::string storage_name_of(const T& operand) { return storage_name(operand); }
-template <class T> std::string compute_name_of(const T& operand) { return compute_name(operand); }
+template <class T> std::string storage_name_of(const T& operand) {
+    return storage_name(operand);
+}
+template <class T> std::string compute_name_of(const T& operand) {
+    return compute_name(operand);
+}
 
 nb::object export_matrix(const StructuredOperand& operand, std::size_t index) {
     const BufferDescriptor b = buffer(operand, index);
@@ -145,9 +168,24 @@ nb::object export_matrix(const StructuredOperand& operand, std::size_t index) {
     return export_array(operand.storage, {n, n}, b.layout == MatrixLayout::column_major, b.data);
 }
 
+nb::object lu_pivots(const NativeLUOperand& self) {
+    return export_array(ScalarType::int64, {static_cast<std::size_t>(self.size)}, false,
+                        buffer(self, 1).data);
+}
+nb::object lu_factors(const NativeLUOperand& self) {
+    return export_matrix(self, 0);
+}
+nb::object eigen_values(const NativeEigenOperand& self) {
+    return export_array(self.storage, {static_cast<std::size_t>(self.size)}, false, buffer(self, 0).data);
+}
+nb::object eigen_vectors(const NativeEigenOperand& self) {
+    return export_matrix(self, 1);
+}
+
 // ---- LUFactor
 
-void run_released(const QuillmarkContext& context, const OperationBindings& bindings, const OperationId& operation) {
+void run_released(const QuillmarkContext& context, const OperationBindings& bindings,
+                  const OperationId& operation) {
     nb::gil_scoped_release release;
     QuillmarkExecutor(context).execute(bindings, operation);
 }
@@ -163,14 +201,20 @@ void init_lu_factor(NativeLUFactor* self, nb::handle a, const NativeContext& con
 }
 
 void solve(const NativeLUFactor& self, nb::handle rhs) {
-    if (!is_ndarray(rhs)) throw nb::type_error("solve - right-hand side must be a NumPy ndarray");
+    if (!is_ndarray(rhs))
+        throw nb::type_error("solve - right-hand side must be a NumPy ndarray");
     const ArrayFacts facts = inspect_array(rhs);
-    if (facts.storage != self.lu.storage) throw std::invalid_argument("solve - right-hand side dtype does not match factor");
-    if (facts.ndim != 1 && facts.ndim != 2) throw std::invalid_argument("solve - right-hand side must have rank one or two");
-    if (facts.shape[0] != self.lu.size) throw std::invalid_argument("solve - right-hand side size mismatch");
+    if (facts.storage != self.lu.storage)
+        throw std::invalid_argument("solve - right-hand side dtype does not match factor");
+    if (facts.ndim != 1 && facts.ndim != 2)
+        throw std::invalid_argument("solve - right-hand side must have rank one or two");
+    if (facts.shape[0] != self.lu.size)
+        throw std::invalid_argument("solve - right-hand side size mismatch");
     if (!facts.c_contiguous || !facts.aligned || !facts.native)
-        throw std::invalid_argument("solve - right-hand side must be aligned, native-endian and C-contiguous");
-    if (!facts.writeable) throw std::invalid_argument("solve - right-hand side must be writable");
+        throw std::invalid_argument(
+            "solve - right-hand side must be aligned, native-endian and C-contiguous");
+    if (!facts.writeable)
+        throw std::invalid_argument("solve - right-hand side must be writable");
 
     std::vector<nb::object> keep;
     auto* data = static_cast<std::byte*>(array_data(facts, keep));
@@ -189,7 +233,8 @@ void solve(const NativeLUFactor& self, nb::handle rhs) {
     }
     // Columns of a row-major right-hand side are strided; each is solved in a contiguous copy.
     std::vector<std::byte> column(n * element);
-    auto vector = borrow_storage(self.lu.storage, OperandKind::vector, column.data(), {n, 0}, MatrixLayout::none);
+    auto vector =
+        borrow_storage(self.lu.storage, OperandKind::vector, column.data(), {n, 0}, MatrixLayout::none);
     OperationBindings bindings;
     bindings.bind(input_role(0), static_cast<const OperandEntity&>(*self.lu.entity));
     bindings.bind(output_role(0), *vector);
@@ -228,23 +273,24 @@ void bind_structured(nb::module_& m) {
         .def("__init__", &lu_from_size, "size"_a, "dtype"_a = "complex64", "compute_dtype"_a = "",
              "An empty LU operand for an n x n matrix (n = size), to be filled by 'quillmark.lu_factor@1'.")
         .def("__init__", &lu_from_values, "values"_a, "dtype"_a = "", "compute_dtype"_a = "",
+             nb::sig("def __init__(self, values: numpy.ndarray, dtype: str = '', compute_dtype: str = '') -> "
+                     "None"),
              "An LU operand whose packed factors are copied from a square floating-point array. Pivots are\n"
              "left unset and the swap count is 0; the factors are not validated.")
         .def_prop_ro("dtype", &storage_name_of<NativeLUOperand>, "The storage dtype name.")
         .def_prop_ro("compute_dtype", &compute_name_of<NativeLUOperand>, "The compute dtype name.")
-        .def_prop_ro("size", [](const NativeLUOperand& self) { return self.size; }, "The order n.")
         .def_prop_ro(
-            "pivots",
-            [](const NativeLUOperand& self) {
-                return export_array(ScalarType::int64, {static_cast<std::size_t>(self.size)}, false,
-                                    buffer(self, 1).data);
-            },
-            "A copy of the n one-based pivots (int64).")
+            "size", [](const NativeLUOperand& self) { return self.size; }, "The order n.")
+        .def_prop_ro("pivots", &lu_pivots, nb::for_getter(nb::sig("def pivots(self) -> numpy.ndarray")),
+                     "A copy of the n one-based pivots (int64).")
         .def_prop_ro(
-            "factors", [](const NativeLUOperand& self) { return export_matrix(self, 0); },
+            "factors", &lu_factors, nb::for_getter(nb::sig("def factors(self) -> numpy.ndarray")),
             "A copy of the packed factors; factors[i, j] is element (i, j) of the n x n factor matrix.")
         .def_prop_ro(
-            "swaps", [](const NativeLUOperand& self) { return *static_cast<const std::int64_t*>(buffer(self, 2).data); },
+            "swaps",
+            [](const NativeLUOperand& self) {
+                return *static_cast<const std::int64_t*>(buffer(self, 2).data);
+            },
             "The number of row exchanges.");
 
     nb::class_<NativeEigenOperand>(
@@ -255,15 +301,12 @@ void bind_structured(nb::module_& m) {
              "An empty eigen operand for an n x n matrix (n = size) in a complex storage dtype.")
         .def_prop_ro("dtype", &storage_name_of<NativeEigenOperand>, "The storage dtype name.")
         .def_prop_ro("compute_dtype", &compute_name_of<NativeEigenOperand>, "The compute dtype name.")
-        .def_prop_ro("size", [](const NativeEigenOperand& self) { return self.size; }, "The order n.")
         .def_prop_ro(
-            "values",
-            [](const NativeEigenOperand& self) {
-                return export_array(self.storage, {static_cast<std::size_t>(self.size)}, false, buffer(self, 0).data);
-            },
-            "A copy of the n eigenvalues.")
+            "size", [](const NativeEigenOperand& self) { return self.size; }, "The order n.")
+        .def_prop_ro("values", &eigen_values, nb::for_getter(nb::sig("def values(self) -> numpy.ndarray")),
+                     "A copy of the n eigenvalues.")
         .def_prop_ro(
-            "vectors", [](const NativeEigenOperand& self) { return export_matrix(self, 1); },
+            "vectors", &eigen_vectors, nb::for_getter(nb::sig("def vectors(self) -> numpy.ndarray")),
             "A copy of the eigenvectors; vectors[:, i] is the unit-norm right eigenvector of values[i].");
 
     nb::class_<NativeLUFactor>(
@@ -271,13 +314,17 @@ void bind_structured(nb::module_& m) {
         "The LU factorisation of a square array, made at construction through a context, with solve and\n"
         "logdet on it.")
         .def("__init__", &init_lu_factor, "a"_a, "context"_a,
+             nb::sig("def __init__(self, a: numpy.ndarray, context: Context) -> None"),
              "Factorise the square array a with 'quillmark.lu_factor@1' on the given context.")
-        .def_prop_ro("size", [](const NativeLUFactor& self) { return self.lu.size; }, "The order n.")
-        .def_prop_ro("dtype", [](const NativeLUFactor& self) { return storage_name(self.lu); },
-                     "The storage dtype of the factorisation.")
-        .def_prop_ro("compute_dtype", [](const NativeLUFactor& self) { return compute_name(self.lu); },
-                     "The compute dtype of the factorisation.")
-        .def("solve", &solve, "rhs"_a,
+        .def_prop_ro(
+            "size", [](const NativeLUFactor& self) { return self.lu.size; }, "The order n.")
+        .def_prop_ro(
+            "dtype", [](const NativeLUFactor& self) { return storage_name(self.lu); },
+            "The storage dtype of the factorisation.")
+        .def_prop_ro(
+            "compute_dtype", [](const NativeLUFactor& self) { return compute_name(self.lu); },
+            "The compute dtype of the factorisation.")
+        .def("solve", &solve, "rhs"_a, nb::sig("def solve(self, rhs: numpy.ndarray) -> None"),
              "Solve A x = rhs in place: rhs (C-contiguous, shape (n,) or (n, k), the factor's dtype) is\n"
              "overwritten with x, column by column.")
         .def("logdet", &logdet,

@@ -1,0 +1,253 @@
+"""Context.execute: the checks on bindings, zero-copy marshalling, results and threads."""
+import threading
+
+import ml_dtypes
+import numpy as np
+import pytest
+
+from quillmark import _native
+from quillmark._dtypes import to_complex32
+
+HOST2 = {"Input0": "host", "Output0": "host"}
+HOST3 = {"Input0": "host", "Input1": "host", "Output0": "host"}
+
+
+def vec(n=3, dtype=np.float32):
+    return np.arange(1, n + 1, dtype=dtype)
+
+
+def read_only(a):
+    a.flags.writeable = False
+    return a
+
+
+# Each case: operation, bindings, locations, compute_dtypes, the error type and its exact message.
+REFUSED = {
+    "extra binding": ("quillmark.add@1", {"Input0": vec(), "Input1": vec(), "Output0": vec(), "Output1": vec()},
+                      HOST3, {}, ValueError, "Context.execute - binding count does not match operation"),
+    "location count": ("quillmark.add@1", {"Input0": vec(), "Input1": vec(), "Output0": vec()}, HOST2, {},
+                       ValueError, "Context.execute - binding count does not match operation"),
+    "compute role unbound": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, HOST2, {"Input1": "float32"},
+                             ValueError, "Context.execute - compute dtype role has no binding"),
+    "missing binding": ("quillmark.add@1", {"Input0": vec(), "Input9": vec(), "Output0": vec()}, HOST3, {},
+                        ValueError, "Context.execute - missing binding Input1"),
+    "missing location": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()},
+                         {"Input0": "host", "Output9": "host"}, {},
+                         ValueError, "Context.execute - missing location for Output0"),
+    "invalid location": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()},
+                         {"Input0": "device", "Output0": "host"}, {},
+                         ValueError, "Context.execute - invalid location for Input0"),
+    "location not a word": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, {"Input0": "host", "Output0": 1},
+                            {}, ValueError, "Context.execute - invalid location for Output0"),
+    "cuda eigen": ("quillmark.eig@1", {"Input0": np.eye(2), "Output0": _native.EigenOperand(2, "complex128")},
+                   {"Input0": "host", "Output0": "cuda"}, {},
+                   ValueError, "Context.execute - CUDA eigen binding requires CudaEigenOperand"),
+    "eigen array": ("quillmark.eig@1", {"Input0": np.eye(2), "Output0": np.zeros(2, np.complex128)}, HOST2, {},
+                    ValueError, "Context.execute - host eigen binding requires EigenOperand"),
+    "structured compute": ("quillmark.solve@1", {"Input0": _native.LUOperand(3, "float32"), "Output0": vec()},
+                           HOST2, {"Input0": "float32"},
+                           ValueError, "Context.execute - structured operand compute dtype is fixed at construction"),
+    "lu array": ("quillmark.solve@1", {"Input0": np.eye(3, dtype=np.float32), "Output0": vec()}, HOST2, {},
+                 ValueError, "Context.execute - LU binding requires LUOperand"),
+    "lu eigen": ("quillmark.logdet@1", {"Input0": _native.EigenOperand(3), "Output0": np.zeros((), np.complex64)},
+                 HOST2, {}, ValueError, "Context.execute - LU binding requires LUOperand"),
+    "lu cuda": ("quillmark.lu_factor@1", {"Output0": _native.LUOperand(3)}, {"Output0": "cuda"}, {},
+                ValueError, "Context.execute - LUOperand must use host residency"),
+    "cuda array": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, {"Input0": "host", "Output0": "cuda"},
+                   {}, ValueError, "Context.execute - CUDA binding requires a CUDA-enabled build"),
+    "list": ("quillmark.sqrt@1", {"Input0": [1.0, 2.0, 3.0], "Output0": vec()}, HOST2, {},
+             ValueError, "host binding requires a NumPy ndarray"),
+    "numpy scalar": ("quillmark.sum@1", {"Input0": vec(), "Output0": np.float32(0)}, HOST2, {},
+                     ValueError, "host binding requires a NumPy ndarray"),
+    "structured on array role": ("quillmark.sqrt@1", {"Input0": _native.LUOperand(3), "Output0": vec()}, HOST2, {},
+                                 ValueError, "host binding requires a NumPy ndarray"),
+    "rank three": ("quillmark.sqrt@1", {"Input0": np.zeros((1, 1, 3), np.float32), "Output0": vec()}, HOST2, {},
+                   ValueError, "Context.execute - array binding rank must be zero, one or two"),
+    "scalar rank": ("quillmark.sum@1", {"Input0": vec(), "Output0": np.zeros(1, np.float32)}, HOST2, {},
+                    ValueError, "Context.execute - scalar binding must have rank zero"),
+    "vector rank": ("quillmark.sqrt@1", {"Input0": np.zeros((3, 1), np.float32), "Output0": vec()}, HOST2, {},
+                    ValueError, "Context.execute - vector binding must have rank one"),
+    "matrix rank": ("quillmark.transpose@1", {"Input0": vec(), "Output0": np.zeros((3, 1), np.float32)}, HOST2, {},
+                    ValueError, "Context.execute - matrix binding must have rank two"),
+    "compute pair": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, HOST2, {"Input0": "float64"},
+                     ValueError,
+                     "Context.execute - uncompiled storage/compute dtype policy (compute=float64); "
+                     "array storage dtypes: float32"),
+    "int64 storage": ("quillmark.sqrt@1", {"Input0": vec(dtype=np.int64), "Output0": vec()}, HOST2, {},
+                      ValueError,
+                      "Context.execute - uncompiled storage/compute dtype policy (compute=int64); "
+                      "array storage dtypes: int64"),
+    "foreign dtype": ("quillmark.sqrt@1", {"Input0": vec(dtype=np.int8), "Output0": vec()}, HOST2, {},
+                      ValueError,
+                      "Context.execute - uncompiled storage/compute dtype policy (compute=int8); "
+                      "array storage dtypes: int8"),
+    "bool vector": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": np.zeros(3, bool)}, HOST2, {},
+                    ValueError, "Context.execute - bool arrays are supported only for scalar outputs"),
+    "bool input": ("quillmark.scale@1", {"Input0": vec(), "Input1": np.zeros((), bool), "Output0": vec()}, HOST3,
+                   {}, ValueError, "Context.execute - bool arrays are supported only for scalar outputs"),
+    "bool compute": ("quillmark.is_unitary@1", {"Input0": np.eye(2), "Output0": np.zeros((), bool)}, HOST2,
+                     {"Output0": "float64"}, ValueError, "Context.execute - bool outputs require int32 compute dtype"),
+    "bool read-only": ("quillmark.is_unitary@1", {"Input0": np.eye(2), "Output0": read_only(np.zeros((), bool))},
+                       HOST2, {}, ValueError, "Context.execute - bool scalar bindings must be writable"),
+    "bfloat16 strided": ("quillmark.sqrt@1", {"Input0": np.ones(6, ml_dtypes.bfloat16)[::2],
+                                              "Output0": np.ones(3, ml_dtypes.bfloat16)}, HOST2, {}, ValueError,
+                         "low-precision binding requires aligned, native-endian contiguous storage and writable output"),
+    "bfloat16 read-only": ("quillmark.sqrt@1", {"Input0": np.ones(3, ml_dtypes.bfloat16),
+                                                "Output0": read_only(np.ones(3, ml_dtypes.bfloat16))}, HOST2, {},
+                           ValueError, "low-precision binding requires aligned, native-endian contiguous storage "
+                                       "and writable output"),
+    "complex32 fortran": ("quillmark.transpose@1", {"Input0": np.asfortranarray(to_complex32(np.ones((2, 3)))),
+                                                    "Output0": to_complex32(np.ones((3, 2)))}, HOST2, {}, ValueError,
+                          "low-precision binding requires aligned, native-endian contiguous storage and writable "
+                          "output"),
+    "strided": ("quillmark.sqrt@1", {"Input0": np.ones(6, np.float32)[::2], "Output0": vec()}, HOST2, {},
+                ValueError, "Context.execute - array binding must be contiguous"),
+    "strided matrix": ("quillmark.transpose@1", {"Input0": np.ones((4, 4))[::2, ::2], "Output0": np.zeros((2, 2))},
+                       HOST2, {}, ValueError, "Context.execute - array binding must be contiguous"),
+    "byte order": ("quillmark.sqrt@1", {"Input0": vec(dtype=">f4"), "Output0": vec()}, HOST2, {},
+                   ValueError, "Context.execute - array binding must be aligned and native-endian"),
+    "read-only output": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": read_only(vec())}, HOST2, {},
+                         ValueError, "Context.execute - output binding must be writable"),
+    "read-only in place": ("quillmark.conjugate@1", {"Output0": read_only(vec())}, {"Output0": "host"}, {},
+                           ValueError, "Context.execute - output binding must be writable"),
+    "unknown operation": ("quillmark.nothing@1", {}, {}, {},
+                          IndexError, "QuillmarkContext - operation 'quillmark.nothing@1' is not registered"),
+    "other major": ("quillmark.sqrt@2", {}, {}, {},
+                    IndexError, "QuillmarkContext - operation 'quillmark.sqrt@2' is not registered"),
+    "malformed id": ("sqrt", {}, {}, {},
+                     ValueError, "OperationId::parse - expected canonical identifier 'name@major'"),
+    "shape rule": ("quillmark.add@1", {"Input0": vec(3), "Input1": vec(4), "Output0": vec(3)}, HOST3, {},
+                   ValueError, "OperationSpec - vector input size mismatch"),
+}
+
+
+def snapshot(bindings):
+    return {role: (obj.copy() if isinstance(obj, np.ndarray) else None) for role, obj in bindings.items()}
+
+
+@pytest.mark.parametrize("case", list(REFUSED), ids=list(REFUSED))
+def test_execute_refuses(ctx, case):
+    operation, bindings, locations, compute_dtypes, error, message = REFUSED[case]
+    before = snapshot(bindings)
+    with pytest.raises(error) as info:
+        ctx.execute(operation, bindings, locations, compute_dtypes)
+    assert str(info.value) == message
+    assert not isinstance(info.value, _native.NativeError)
+    for role, saved in before.items():
+        if saved is not None:
+            np.testing.assert_array_equal(bindings[role], saved)
+
+
+def test_real_column_major_matrix_reaches_dispatch(ctx):
+    a = np.asfortranarray(np.arange(6.0).reshape(2, 3))
+    out = np.zeros((3, 2))
+    with pytest.raises(_native.NativeError) as info:
+        ctx.execute("quillmark.transpose@1", {"Input0": a, "Output0": out}, HOST2)
+    assert info.value.reason == "no_backend_available"
+    assert not out.any()
+
+
+@pytest.mark.parametrize("dtype", [np.complex64, np.complex128])
+def test_column_major_complex_matrices_are_used_in_place(ctx, dtype):
+    a = np.asfortranarray((np.arange(6) + 1j * np.arange(6)[::-1]).reshape(2, 3).astype(dtype))
+    out = np.zeros((3, 2), dtype, order="F")
+    try:
+        assert ctx.execute("quillmark.adjoint@1", {"Input0": a, "Output0": out}, HOST2) is out
+    except _native.NativeError as e:
+        # Marshalling accepted the arrays; only an interleaved column-major implementation can take them.
+        assert e.reason == "no_backend_available" and not out.any()
+        pytest.skip("no interleaved column-major implementation is registered")
+    np.testing.assert_array_equal(out, a.conj().T)
+    assert out.flags.f_contiguous
+
+
+def test_outputs_are_written_in_place_without_copies(ctx):
+    backing = np.zeros(8)
+    out = backing[2:5]  # a contiguous view: results must land in the backing store
+    x = np.array([1.0, 4.0, 9.0])
+    ctx.execute("quillmark.sqrt@1", {"Input0": x, "Output0": out}, HOST2)
+    assert backing.tolist() == [0, 0, 1, 2, 3, 0, 0, 0]
+
+
+def test_two_outputs_return_a_tuple_of_the_bound_objects(ctx):
+    sign, logabs = np.zeros(()), np.zeros(())
+    result = ctx.execute("quillmark.slogdet@1", {"Input0": np.diag([2.0, -3.0]), "Output0": sign,
+                                                 "Output1": logabs},
+                         {"Input0": "host", "Output0": "host", "Output1": "host"})
+    assert isinstance(result, tuple) and len(result) == 2
+    assert result[0] is sign and result[1] is logabs
+    assert sign == -1 and logabs == pytest.approx(np.log(6.0))
+
+
+def test_structured_output_is_returned(ctx):
+    lu = _native.LUOperand(np.array([[0.0, 1.0], [2.0, 3.0]]))
+    assert ctx.execute("quillmark.lu_factor@1", {"Output0": lu}, {"Output0": "host"}) is lu
+    assert lu.swaps == 1 and lu.pivots.tolist() == [2, 2]
+
+
+@pytest.mark.parametrize("dtype", [bool, np.int32])
+def test_predicate_outputs(ctx, dtype):
+    flag = np.full((), 7, dtype)
+    ctx.execute("quillmark.is_unitary@1", {"Input0": np.eye(3), "Output0": flag}, HOST2)
+    assert flag.dtype == dtype and flag == 1
+    ctx.execute("quillmark.is_unitary@1", {"Input0": 2 * np.eye(3), "Output0": flag}, HOST2,
+                {"Output0": "int32"})
+    assert flag == 0
+
+
+def test_complex_scalar_input(ctx):
+    x = np.array([1 + 1j, 2], np.complex128)
+    s = np.array(2j, np.complex128)
+    out = np.zeros(2, np.complex128)
+    ctx.execute("quillmark.scale@1", {"Input0": x, "Input1": s, "Output0": out}, HOST3)
+    np.testing.assert_allclose(out, x * 2j)
+
+
+def test_explicit_default_compute_dtype_and_low_precision_pair(ctx):
+    x = np.array([1.0, 4.0], np.float16)
+    out = np.zeros(2, np.float16)
+    ctx.execute("quillmark.sqrt@1", {"Input0": x, "Output0": out}, HOST2, {"Input0": "float32", "Output0": "float32"})
+    assert out.tolist() == [1.0, 2.0]
+
+
+def test_many_threads_share_one_context(ctx):
+    rng = np.random.default_rng(7)
+    pairs = [(rng.standard_normal((48, 48)), rng.standard_normal((48, 48))) for _ in range(8)]
+    results = [None] * 8
+    errors = []
+    start = threading.Barrier(8)
+
+    def work(i):
+        try:
+            a, b = pairs[i]
+            start.wait()
+            for _ in range(20):
+                out = np.empty((48, 48))
+                ctx.execute("quillmark.matmul@1", {"Input0": a, "Input1": b, "Output0": out}, HOST3)
+                np.testing.assert_allclose(out, a @ b, rtol=1e-10, atol=1e-10)
+            results[i] = out
+        except BaseException as e:  # reported from the main thread
+            errors.append(e)
+
+    threads = [threading.Thread(target=work, args=(i,)) for i in range(8)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert not errors
+    assert all(r is not None for r in results)
+
+
+def test_lu_factor_threads(ctx):
+    rng = np.random.default_rng(3)
+    a = rng.standard_normal((20, 20)) + 20 * np.eye(20)
+    factor = _native.LUFactor(a, ctx)
+    rhs = [rng.standard_normal(20) for _ in range(8)]
+    solutions = [r.copy() for r in rhs]
+    threads = [threading.Thread(target=factor.solve, args=(x,)) for x in solutions]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    for r, x in zip(rhs, solutions):
+        np.testing.assert_allclose(a @ x, r, atol=1e-10)

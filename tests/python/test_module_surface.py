@@ -1,0 +1,305 @@
+"""Classes of quillmark._native: catalogue, builder, context, structured operands, LUFactor."""
+import ml_dtypes
+import numpy as np
+import pytest
+
+from quillmark import _native
+from quillmark._dtypes import complex32, to_complex32
+
+
+@pytest.fixture(scope="module")
+def catalogue():
+    return _native.ContextBuilder().build()
+
+
+# ---- ContextBuilder and _Catalogue
+
+
+def test_builder_builds_once():
+    builder = _native.ContextBuilder()
+    catalogue = builder.build()
+    assert isinstance(catalogue, _native._Catalogue)
+    with pytest.raises(RuntimeError, match="^ContextBuilder has already been built$"):
+        builder.build()
+    with pytest.raises(RuntimeError, match="^QuillmarkContextBuilder::load_plugin - builder has already been sealed$"):
+        builder.load_plugin("/nonexistent/plugin.so")
+
+
+def test_failed_plugin_leaves_builder_usable(tmp_path):
+    builder = _native.ContextBuilder()
+    missing = str(tmp_path / "missing.so")
+    with pytest.raises(ValueError, match="^failed to load native plugin '.*missing.so'$"):
+        builder.load_plugin(missing)
+    assert builder.build().contains_operation("quillmark.solve@1")
+
+
+def test_operations_in_registration_order(catalogue):
+    operations = catalogue.operations()
+    assert isinstance(operations, tuple) and len(operations) == 32
+    assert operations[0] == "quillmark.sqrt@1" and operations[-1] == "quillmark.logdet_positive_definite@1"
+    assert [catalogue.describe(op)["handle"] for op in operations] == list(range(1, 33))
+
+
+@pytest.mark.parametrize("operation, expected", [
+    ("quillmark.matmul@1", True),
+    ("quillmark.matmul@2", False),
+    ("quillmark.unknown@1", False),
+    ("not an identifier", False),
+])
+def test_contains_operation(catalogue, operation, expected):
+    assert catalogue.contains_operation(operation) is expected
+
+
+def test_describe_schema(catalogue):
+    d = catalogue.describe("quillmark.eigh@1")
+    assert list(d) == ["id", "handle", "roles", "numerics", "provenance", "implementations"]
+    assert d["id"] == "quillmark.eigh@1"
+    assert d["roles"] == [
+        {"role": 0, "access": "read", "kind": "matrix"},
+        {"role": 2**31, "access": "write", "kind": "vector"},
+        {"role": 2**31 + 1, "access": "write", "kind": "matrix"},
+    ]
+    assert list(d["numerics"]) == ["shapes", "constraints", "requirements", "notes"]
+    assert d["provenance"] == {"kind": "builtin", "version": "0.1.1"}
+    assert d["implementations"]
+    for implementation in d["implementations"]:
+        assert list(implementation) == ["backend", "operands", "numerics", "provenance"]
+        assert implementation["backend"] in ("cpu_scalar", "cpu_simd")
+        operands = implementation["operands"]
+        assert [o["role"] for o in operands] == [0, 2**31, 2**31 + 1]
+        assert [o["access"] for o in operands] == ["read", "write", "write"]
+        assert list(operands[0]) == ["role", "access", "kind", "dtype", "compute_dtype", "location",
+                                     "storage_format", "complex_layout", "matrix_layout"]
+        assert operands[1]["matrix_layout"] == "none"
+        numerics = implementation["numerics"]
+        assert list(numerics) == ["algorithm", "stability", "complexity", "precision", "parameters", "notes"]
+        assert set(numerics["precision"]) >= {"mode", "accumulation_dtype", "reduction_order"}
+
+
+def test_describe_lists_every_registered_policy(catalogue):
+    policies = {(o["dtype"], o["compute_dtype"])
+                for impl in catalogue.describe("quillmark.solve@1")["implementations"]
+                for o in impl["operands"][:1]}
+    assert {("float32", "float32"), ("float64", "float64"), ("complex64", "complex64"),
+            ("complex128", "complex128")} <= policies
+
+
+@pytest.mark.parametrize("operation, error, message", [
+    ("quillmark.matmul@7", IndexError, "^OperationRegistry - operation 'quillmark.matmul' is not registered$"),
+    ("matmul", ValueError, "^OperationId::parse - "),
+])
+def test_describe_refuses(catalogue, operation, error, message):
+    with pytest.raises(error, match=message):
+        catalogue.describe(operation)
+
+
+# ---- Context
+
+
+def test_context_defaults_and_properties(catalogue):
+    ctx = _native.Context(min_parallel_work=1000, catalogue=catalogue)
+    assert ctx.min_parallel_work == 1000 and ctx.cuda_device == -1 and ctx.thread_count >= 1
+    assert ctx.synchronise() is None
+    out = np.zeros(2)
+    assert ctx.execute("quillmark.add@1", {"Input0": np.ones(2), "Input1": np.ones(2), "Output0": out},
+                       {"Input0": "host", "Input1": "host", "Output0": "host"}) is out
+    assert out.tolist() == [2.0, 2.0]
+    for name in ("thread_count", "min_parallel_work", "cuda_device"):
+        with pytest.raises(AttributeError):
+            setattr(ctx, name, 1)
+
+
+@pytest.mark.parametrize("kwargs, error, message", [
+    ({"numa_policy": "Auto"}, ValueError, "^Context - invalid NUMA policy$"),
+    ({"numa_policy": "bogus", "pinning_policy": "bogus"}, ValueError, "^Context - invalid NUMA policy$"),
+    ({"pinning_policy": "AUTO"}, ValueError, "^Context - invalid thread-pinning policy$"),
+    ({"cuda_device": 0}, RuntimeError, "^Context - this Quillmark wheel has no CUDA backend$"),
+    # The runtime is made before the CUDA device is looked at.
+    ({"thread_count": 1 << 20, "cuda_device": 0}, ValueError, "^CpuRuntimeContext - requested CPU thread count"),
+    ({"thread_count": -1}, TypeError, None),
+])
+def test_context_constructor_checks(kwargs, error, message):
+    with pytest.raises(error, match=message):
+        _native.Context(**kwargs)
+
+
+@pytest.mark.parametrize("policy", ["disabled", "auto"])
+def test_context_accepts_policy_words(policy):
+    ctx = _native.Context(numa_policy=policy, pinning_policy=policy, scheduling="anything", cross_device="x",
+                          stream_pool_size=4, external_stream=1234)
+    assert ctx.thread_count >= 1
+
+
+def test_result_policy(ctx):
+    c64 = np.zeros(4, np.complex64)
+    assert ctx._result_policy("quillmark.norm@1", [c64], ()) == ("float32", "float32")
+    assert ctx._result_policy("quillmark.add@1", [c64, c64], (4,)) == ("complex64", "complex64")
+    m16 = np.zeros((3, 3), np.float16)
+    assert ctx._result_policy("quillmark.matmul@1", [m16, m16], (3, 3)) == ("float16", "float32")
+    assert ctx._result_policy("quillmark.eigvalsh@1", [np.zeros((3, 3))], (3,), "float64") == ("float64", "float64")
+    with pytest.raises(_native.NativeError) as info:
+        ctx._result_policy("quillmark.add@1", [c64, c64], (4,), "float64")
+    assert info.value.reason == "no_backend_available"
+    with pytest.raises(ValueError, match="^result policy - expected a dense scalar, vector or matrix$"):
+        ctx._result_policy("quillmark.add@1", [c64, c64], (1, 2, 3))
+
+
+# ---- LUOperand and EigenOperand
+
+
+def test_lu_operand_from_size():
+    lu = _native.LUOperand(3)
+    assert (lu.dtype, lu.compute_dtype, lu.size, lu.swaps) == ("complex64", "complex64", 3, 0)
+    assert lu.pivots.dtype == np.int64 and lu.pivots.tolist() == [0, 0, 0]
+    assert lu.factors.dtype == np.complex64 and lu.factors.shape == (3, 3)
+    half = _native.LUOperand(2, "bfloat16")
+    assert half.compute_dtype == "float32" and half.factors.dtype == ml_dtypes.bfloat16
+
+
+@pytest.mark.parametrize("order", ["C", "F"])
+@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.complex128, ml_dtypes.bfloat16, np.float16])
+def test_lu_operand_factors_keep_element_positions(order, dtype):
+    a = np.asarray(np.arange(12).reshape(3, 4)[:, :3] + 1, dtype=dtype, order=order)
+    lu = _native.LUOperand(a)
+    assert lu.dtype == np.dtype(dtype).name and lu.size == 3 and lu.swaps == 0
+    np.testing.assert_array_equal(lu.factors, a)
+    factors = lu.factors
+    factors[0, 0] = 99  # an exported copy, not a view of the operand
+    assert lu.factors[0, 0] == a[0, 0]
+
+
+def test_lu_operand_complex32_and_foreign_byte_order():
+    packed = to_complex32(np.array([[1 + 2j, 3], [4j, -1]]))
+    lu = _native.LUOperand(packed)
+    assert lu.dtype == "complex32" and lu.compute_dtype == "complex64" and lu.factors.dtype == complex32
+    np.testing.assert_array_equal(lu.factors, packed)
+    swapped = np.array([[1.0, 2.0], [3.0, 4.0]], dtype=">f8")
+    np.testing.assert_array_equal(_native.LUOperand(swapped).factors, swapped)
+
+
+def misaligned_matrix():
+    return np.frombuffer(bytes(8 * 9 + 4), np.float64, 9, offset=4).reshape(3, 3)
+
+
+@pytest.mark.parametrize("args, message", [
+    ((np.zeros((3, 4)),), "LUOperand - matrix must be square"),
+    ((np.zeros(3),), "LUOperand - matrix must be square"),
+    ((np.zeros((3, 3), np.int32),), "LUOperand - matrix requires floating point storage"),
+    ((np.zeros((2, 2), bool),), "LUOperand - matrix requires floating point storage"),
+    ((np.zeros((3, 3), np.float32), "float64"), "LUOperand - explicit dtype does not match array storage"),
+    ((misaligned_matrix(),), "LUOperand - input must be aligned"),
+    ((np.zeros((2, 2), np.float32), "", "float64"), "structured operand - uncompiled storage/compute dtype policy"),
+    ((3, "float99"), "structured operand - uncompiled storage/compute dtype policy"),
+    ((3, "int32"), "structured operand requires a float32/64 or complex64/128 factor policy"),
+    ((3, "float16", "float16"), "structured operand - uncompiled storage/compute dtype policy"),
+])
+def test_lu_operand_checks(args, message):
+    with pytest.raises(ValueError) as info:
+        _native.LUOperand(*args)
+    assert str(info.value) == message
+    assert not isinstance(info.value, _native.NativeError)
+
+
+def test_eigen_operand():
+    eig = _native.EigenOperand(4)
+    assert (eig.dtype, eig.compute_dtype, eig.size) == ("complex64", "complex64", 4)
+    assert eig.values.shape == (4,) and eig.vectors.shape == (4, 4)
+    assert _native.EigenOperand(2, "complex32").values.dtype == complex32
+    with pytest.raises(ValueError, match="^host eigenvalues - unsupported policy or layout$"):
+        _native.EigenOperand(2, "float32")
+    with pytest.raises(ValueError, match="^structured operand - uncompiled storage/compute dtype policy$"):
+        _native.EigenOperand(2, "complex64", "complex128")
+
+
+def test_eigen_vectors_are_columns(ctx):
+    a = np.array([[2.0, 1.0, 0.0], [0.0, 3.0, 1.0], [0.0, 0.0, 5.0]])
+    eig = _native.EigenOperand(3, "complex128")
+    ctx.execute("quillmark.eig@1", {"Input0": a, "Output0": eig}, {"Input0": "host", "Output0": "host"})
+    values, vectors = eig.values, eig.vectors
+    np.testing.assert_allclose(sorted(values.real), [2, 3, 5], atol=1e-10)
+    for i in range(3):
+        np.testing.assert_allclose(a @ vectors[:, i], values[i] * vectors[:, i], atol=1e-10)
+
+
+# ---- LUFactor
+
+
+@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.complex64, np.complex128])
+def test_lu_factor_solve_and_logdet(ctx, rng, dtype):
+    from conftest import random_array
+
+    a = random_array(rng, (6, 6), dtype)
+    factor = _native.LUFactor(a, ctx)
+    assert (factor.size, factor.dtype) == (6, np.dtype(dtype).name)
+    tol = 1e-3 if np.dtype(dtype) in (np.float32, np.complex64) else 1e-10
+    rhs = random_array(rng, 6, dtype)
+    x = rhs.copy()
+    assert factor.solve(x) is None
+    np.testing.assert_allclose(a @ x, rhs, rtol=tol, atol=tol)
+    block = random_array(rng, (6, 3), dtype)
+    xs = block.copy()
+    factor.solve(xs)
+    np.testing.assert_allclose(a @ xs, block, rtol=tol, atol=tol)
+
+    logdet = factor.logdet()
+    assert isinstance(logdet, complex)
+    np.testing.assert_allclose(np.exp(logdet), np.linalg.det(a.astype(np.complex128)), rtol=tol * 10)
+
+
+def test_lu_factor_logdet_of_negative_determinant(ctx):
+    logdet = _native.LUFactor(np.array([[0.0, 2.0], [3.0, 1.0]]), ctx).logdet()
+    assert logdet == pytest.approx(complex(np.log(6.0), np.pi))
+
+
+@pytest.mark.parametrize("rhs, error, message", [
+    (np.ones(3, np.float64), ValueError, "^solve - right-hand side dtype does not match factor$"),
+    (np.ones(4, np.float32), ValueError, "^solve - right-hand side size mismatch$"),
+    (np.ones((3, 4), np.float32)[:, ::2], ValueError, "C-contiguous"),
+    (np.ones((3, 2, 1), np.float32), ValueError, "rank one or two"),
+    ([1.0, 2.0, 3.0], TypeError, None),
+])
+def test_lu_factor_solve_refuses(ctx, rhs, error, message):
+    factor = _native.LUFactor(np.eye(3, dtype=np.float32) * 2, ctx)
+    before = np.array(rhs, copy=True)
+    with pytest.raises(error, match=message):
+        factor.solve(rhs)
+    np.testing.assert_array_equal(rhs, before)
+
+
+def test_lu_factor_solve_refuses_read_only(ctx):
+    rhs = np.ones(2)
+    rhs.flags.writeable = False
+    with pytest.raises(ValueError, match="writable"):
+        _native.LUFactor(np.eye(2), ctx).solve(rhs)
+
+
+# ---- Native errors from solvers
+
+
+def test_singular_lu_factor_raises_native_error(ctx):
+    with pytest.raises(_native.NativeError) as info:
+        _native.LUFactor(np.array([[1.0, 2.0, 3.0], [2.0, 4.0, 6.0], [1.0, 0.0, 1.0]]), ctx)
+    err = info.value
+    assert isinstance(err, RuntimeError)
+    assert (err.reason, err.library, err.operation) == ("singular", "CPU", "quillmark.lu_factor")
+    assert isinstance(err.native_status, int) and str(err.native_status) in str(err)
+    assert err.detail and not hasattr(err, "status_name")
+
+
+def test_failed_cholesky_pivot_raises_native_error(ctx):
+    out = np.zeros(())
+    with pytest.raises(_native.NativeError) as info:
+        ctx.execute("quillmark.logdet_positive_definite@1", {"Input0": np.array([[1.0, 2.0], [2.0, 1.0]]),
+                                                              "Output0": out},
+                    {"Input0": "host", "Output0": "host"})
+    err = info.value
+    assert err.operation == "quillmark.logdet_positive_definite" and err.library == "CPU"
+    assert err.reason == "solver_failure" and isinstance(err.native_status, int) and err.detail
+    assert out == 0
+
+
+def test_never_factorised_operand_fails_solve(ctx):
+    x = np.ones(2, np.complex64)
+    with pytest.raises(Exception, match="solve - invalid LU pivot"):
+        ctx.execute("quillmark.solve@1", {"Input0": _native.LUOperand(2), "Output0": x},
+                    {"Input0": "host", "Output0": "host"})
