@@ -75,7 +75,7 @@ public:
 
     // Recursive checks against the roles of an operation, std::invalid_argument on the first failure.
     void validate(std::span<const ExpressionRole> roles, ExpressionContext context) const;
-    // Roles from the specification, ranks from its numeric shapes when it has them.
+    // Roles from the OperationSpec, ranks from its numeric shapes when it has them.
     void validate(const OperationSpec& spec, ExpressionContext context) const;
 
     friend bool operator==(const SymbolicExpression& a, const SymbolicExpression& b) noexcept;
@@ -94,7 +94,7 @@ SymbolicExpression lit(std::int64_t value);
 SymbolicExpression sum_of(std::vector<SymbolicExpression> operands);
 SymbolicExpression product_of(std::vector<SymbolicExpression> operands);
 
-// The roles of a specification as validation sees them.
+// The roles of an OperationSpec as validation sees them.
 std::vector<ExpressionRole> expression_roles(const OperationSpec& spec);
 
 } // namespace quillmark

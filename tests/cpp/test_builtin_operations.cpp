@@ -150,7 +150,7 @@ TEST(BuiltinCatalogue, RegistersInTableOrderWithHandles) {
     EXPECT_EQ(builtin_operation_id(B::partial_trace_right).to_string(), "quillmark.partial_trace_right@1");
     EXPECT_EQ(registry.entry(ids[0]).provenance.version(), "0.1.1");
 
-    // The registered specification checks kinds first, then runs the shape rule.
+    // The registered OperationSpec checks kinds first, then runs the shape rule.
     const OperationSpec& add = registry.lookup(builtin_operation_id(B::add));
     auto call = std::vector<OperandDescriptor>{V(3), V(4), V(3)};
     call[1].role = 1;

@@ -218,7 +218,7 @@ INSTANTIATE_TEST_SUITE_P(
                      "OperationNumerics - requirement role is not declared"}),
     [](const auto& info) { return std::string(info.param.label); });
 
-TEST(OperationContract, SpecificationConstructionRunsIt) {
+TEST(OperationContract, OperationSpecConstructionRunsIt) {
     auto c = std::make_shared<OperationNumerics>(valid_contract());
     c->shapes[1].dimensions.pop_back();
     EXPECT_EQ(message_of([&] { OperationSpec(OperationId("x.y", 1), contract_roles(), {}, c); }),
