@@ -2,14 +2,10 @@
 
 #include "test_support.hpp"
 
-#include "storage/access.hpp"
-#include "storage/borrowed_host_storage.hpp"
-
 #include <complex>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <type_traits>
 #include <vector>
 
 #include "catalogue/operation_registry.hpp"
@@ -17,6 +13,9 @@
 #include "dispatch/backend_dispatcher.hpp"
 #include "dispatch/backend_process.hpp"
 #include "dispatch/layout_adaptation.hpp"
+#include "storage/access.hpp"
+#include "storage/borrowed_host_storage.hpp"
+#include "storage/storage_factory.hpp"
 
 using namespace quillmark;
 using quillmark::testing::message_of;
@@ -25,84 +24,59 @@ namespace {
 
 using Key = BackendOperandKey;
 using Log = std::vector<std::string>;
+using cf = std::complex<float>;
+using cd = std::complex<double>;
 using enum ScalarType;
+constexpr auto IL = ComplexLayout::interleaved;
+constexpr auto SP = ComplexLayout::split;
+constexpr auto RM = MatrixLayout::row_major;
+constexpr auto CM = MatrixLayout::column_major;
 
-class RecordingStep final : public BackendProcessStep {
-public:
-    RecordingStep(Log* log, std::string name, std::function<void(BackendExecutionBindings&)> action = {},
-                  bool* destroyed = nullptr)
-        : log_(log), name_(std::move(name)), action_(std::move(action)), destroyed_(destroyed) {}
+// Logs its name, then runs its action; reports its destruction when asked to.
+struct RecordingStep final : BackendProcessStep {
+    std::function<void(BackendExecutionBindings&)> action;
+    bool* destroyed = nullptr;
     ~RecordingStep() override {
-        if (destroyed_) *destroyed_ = true;
+        if (destroyed) *destroyed = true;
     }
-    void execute(BackendExecutionSession&, BackendExecutionBindings& bindings) override {
-        log_->push_back(name_);
-        if (action_) action_(bindings);
-    }
-
-private:
-    Log* log_;
-    std::string name_;
-    std::function<void(BackendExecutionBindings&)> action_;
-    bool* destroyed_;
+    void execute(BackendExecutionSession&, BackendExecutionBindings& b) override { action(b); }
 };
 
-std::unique_ptr<BackendProcessStep> step(Log* log, std::string name, std::function<void(BackendExecutionBindings&)> a = {}) {
-    return std::make_unique<RecordingStep>(log, std::move(name), std::move(a));
-}
-
-// Vector or matrix operand over plain byte buffers (a second plane for split data).
-template <class Base> class BufferEntity final : public Base {
-public:
-    static constexpr bool is_matrix = std::is_same_v<Base, MatrixEntity>;
-    BufferEntity(DataTypeDescriptor dtype, ComplexLayout complex, MatrixLayout layout, std::array<std::uint64_t, 2> extent)
-        : dtype_(dtype), complex_(complex), layout_(is_matrix ? layout : MatrixLayout::none), extent_(extent) {
-        const auto& meta = scalar_metadata(dtype.storage());
-        const std::uint64_t count = extent[0] * (is_matrix ? extent[1] : 1);
-        if (complex == ComplexLayout::split) {
-            const std::size_t plane = scalar_metadata(meta.component).element_size;
-            data.resize(count * plane);
-            imag.resize(count * plane);
-        } else {
-            data.resize(count * meta.element_size);
-        }
-    }
-    const DataTypeDescriptor& dtype() const noexcept override { return dtype_; }
-    ComplexLayout complex_layout() const noexcept override { return complex_; }
-    MatrixLayout matrix_layout() const noexcept override { return layout_; }
-    std::array<std::uint64_t, 2> extent() const noexcept override { return extent_; }
-    template <class T> T* as() const { return reinterpret_cast<T*>(data.data()); }
-    template <class T> T* imag_as() const { return reinterpret_cast<T*>(imag.data()); }
-
-    mutable std::vector<unsigned char> data;
-    mutable std::vector<unsigned char> imag;
-
-private:
-    DataTypeDescriptor dtype_;
-    ComplexLayout complex_;
-    MatrixLayout layout_;
-    std::array<std::uint64_t, 2> extent_;
-};
-using TestVector = BufferEntity<VectorEntity>;
-using TestMatrix = BufferEntity<MatrixEntity>;
-
-const DataTypeDescriptor kC64(complex64, complex64);
-
-CpuLayoutStorage test_storage(int* temporaries = nullptr) {
-    CpuLayoutStorage s;
-    s.make_temporary = [temporaries](const OperandDescriptor& d) -> std::unique_ptr<OperandEntity> {
-        if (temporaries) ++*temporaries;
-        if (d.kind == OperandKind::vector)
-            return std::make_unique<TestVector>(d.dtype, d.complex_layout, d.matrix_layout, d.extent);
-        return std::make_unique<TestMatrix>(d.dtype, d.complex_layout, d.matrix_layout, d.extent);
-    };
-    s.buffers = [](const OperandEntity& e, std::string_view) {
-        if (auto* v = dynamic_cast<const TestVector*>(&e)) return LayoutBuffers{v->data.data(), v->imag.data()};
-        auto& m = dynamic_cast<const TestMatrix&>(e);
-        return LayoutBuffers{m.data.data(), m.imag.data()};
+std::unique_ptr<RecordingStep> step(Log* log, std::string name, std::function<void(BackendExecutionBindings&)> a = {}) {
+    auto s = std::make_unique<RecordingStep>();
+    s->action = [log, name = std::move(name), a = std::move(a)](BackendExecutionBindings& b) {
+        log->push_back(name);
+        if (a) a(b);
     };
     return s;
 }
+
+// Runs `p` on fresh bindings (with `bind` applied) in `session`.
+void run(BackendProcess& p, BackendExecutionSession& session, bool fail_fast = true,
+         const std::function<void(BackendExecutionBindings&)>& bind = {}) {
+    BackendExecutionBindings bindings;
+    if (bind) bind(bindings);
+    p.execute(session, bindings, fail_fast);
+}
+
+std::unique_ptr<OperandEntity> dense(ScalarType s, ScalarType c, std::array<std::uint64_t, 2> extent, ComplexLayout cl,
+                                     MatrixLayout ml = MatrixLayout::none) {
+    const OperandKind kind = ml == MatrixLayout::none ? OperandKind::vector : OperandKind::matrix;
+    return make_dense_host_storage(DataTypeDescriptor(s, c), kind, extent, cl, ml, std::nullopt);
+}
+
+// A sealed catalogue with one vector operation taking `inputs` inputs and one output.
+struct VectorCatalogue {
+    OperationRegistry registry;
+    OperationId op{"test.op", 1};
+    explicit VectorCatalogue(int inputs) {
+        std::vector<RoleDeclaration> roles;
+        for (int i = 0; i < inputs; ++i) roles.push_back({input_role(i), OperandAccess::read, OperandKind::vector});
+        roles.push_back({output_role(0), OperandAccess::write, OperandKind::vector});
+        registry.register_operation(OperationSpec(op, roles), RegistrationProvenance());
+        registry.seal();
+    }
+};
 
 } // namespace
 
@@ -120,46 +94,38 @@ TEST_P(ProcessFailure, SecondStepStopsTheRunAndLeavesTheSession) {
     BackendExecutionBindings bindings;
     EXPECT_EQ(message_of<std::runtime_error>([&] { p.execute(session, bindings, fail_fast); }), "boom");
     EXPECT_FALSE(session.active());
-    if (fail_fast) {
-        EXPECT_EQ(log, (Log{"1", "2"}));
-        EXPECT_TRUE(bindings.has_deferred_work());
-    } else {
-        EXPECT_EQ(log, (Log{"1", "2", "deferred"}));
-        EXPECT_FALSE(bindings.has_deferred_work());
-    }
+    // Fail-fast leaves deferred work to the caller; otherwise it runs before the failure surfaces.
+    EXPECT_EQ(log, fail_fast ? (Log{"1", "2"}) : (Log{"1", "2", "deferred"}));
+    EXPECT_EQ(bindings.has_deferred_work(), fail_fast);
 }
 INSTANTIATE_TEST_SUITE_P(FailFast, ProcessFailure, ::testing::Bool());
 
-TEST(BackendProcess, DeferredFailureReplacesTheStepFailure) {
+TEST(BackendProcess, DeferredWorkRunsAfterTheStepsAndItsFailureWins) {
     Log log;
-    BackendProcess p;
-    p.push_back(step(&log, "1", [](BackendExecutionBindings& b) {
-        b.defer([] { throw std::invalid_argument("cleanup"); });
-    }));
-    p.push_back(step(&log, "2", [](BackendExecutionBindings&) { throw std::runtime_error("boom"); }));
     BackendExecutionSession session;
-    BackendExecutionBindings bindings;
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { p.execute(session, bindings, false); }), "cleanup");
+    BackendProcess ok;
+    ok.push_back(step(&log, "a", [&](BackendExecutionBindings& b) { b.defer([&] { log.push_back("later"); }); }));
+    ok.push_back(step(&log, "b"));
+    run(ok, session, false);
+    EXPECT_EQ(log, (Log{"a", "b", "later"}));
 
-    // Success with deferred work still completes it.
-    BackendProcess q;
-    q.push_back(step(&log, "only", [&](BackendExecutionBindings& b) { b.defer([&] { log.push_back("later"); }); }));
-    q.execute(session, bindings, false);
-    EXPECT_EQ(log.back(), "later");
+    BackendProcess failing;
+    failing.push_back(
+        step(&log, "1", [](BackendExecutionBindings& b) { b.defer([] { throw std::invalid_argument("cleanup"); }); }));
+    failing.push_back(step(&log, "2", [](BackendExecutionBindings&) { throw std::runtime_error("boom"); }));
+    EXPECT_EQ(message_of<std::invalid_argument>([&] { run(failing, session, false); }), "cleanup");
 }
 
 TEST(BackendProcess, NestedExecutionInOneSessionIsRefused) {
     Log log;
     BackendExecutionSession session;
-    BackendExecutionBindings bindings;
     BackendProcess inner;
     BackendProcess outer;
     outer.push_back(step(&log, "outer", [&](BackendExecutionBindings& b) { inner.execute(session, b, true); }));
-    EXPECT_EQ(message_of<std::logic_error>([&] { outer.execute(session, bindings, true); }),
+    EXPECT_EQ(message_of<std::logic_error>([&] { run(outer, session); }),
               "BackendExecutionSession - nested process execution is unsupported");
     EXPECT_FALSE(session.active());
-    BackendProcess empty;
-    EXPECT_NO_THROW(empty.execute(session, bindings, false));
+    EXPECT_NO_THROW(run(inner, session));
 }
 
 struct PlanCase {
@@ -173,22 +139,22 @@ class ExecutionPlanRules : public ::testing::TestWithParam<PlanCase> {};
 TEST_P(ExecutionPlanRules, ValidatesInOrder) {
     const auto& c = GetParam();
     BackendProcess p;
-    const auto got = message_of<std::invalid_argument>([&] { p.set_execution_plan({c.target, c.device, c.options, {}}); });
-    EXPECT_EQ(got, c.error ? c.error : "");
+    EXPECT_EQ(message_of<std::invalid_argument>([&] { p.set_execution_plan({c.target, c.device, c.options, {}}); }),
+              c.error ? c.error : "");
     EXPECT_EQ(p.plan().has_value(), c.error == nullptr);
 }
 constexpr const char* kDeviceMsg = "BackendProcess::set_execution_plan - CUDA device id must be non-negative";
 constexpr const char* kCpuMsg = "BackendProcess::set_execution_plan - CPU plan cannot specify CUDA execution options";
-INSTANTIATE_TEST_SUITE_P(Plans, ExecutionPlanRules,
-                         ::testing::Values(PlanCase{"cpu_with_device", BackendKind::cpu_scalar, 0, 0, kCpuMsg},
-                                           PlanCase{"cpu_with_options", BackendKind::cpu_simd, std::nullopt, 1, kCpuMsg},
-                                           PlanCase{"cuda_negative", BackendKind::cuda, -1, 0, kDeviceMsg},
-                                           PlanCase{"cpu_negative_device_first", BackendKind::cpu_scalar, -1, 4, kDeviceMsg},
-                                           PlanCase{"cuda_full", BackendKind::cuda, 0, 5, nullptr},
-                                           PlanCase{"cpu_plain", BackendKind::cpu_scalar, std::nullopt, 0, nullptr}),
-                         [](const auto& info) { return std::string(info.param.name); });
+INSTANTIATE_TEST_SUITE_P(
+    Plans, ExecutionPlanRules,
+    ::testing::Values(PlanCase{"cpu_with_device", BackendKind::cpu_scalar, 0, 0, kCpuMsg},
+                      PlanCase{"cpu_with_options", BackendKind::cpu_simd, std::nullopt, 1, kCpuMsg},
+                      PlanCase{"cuda_negative", BackendKind::cuda, -1, 0, kDeviceMsg},
+                      PlanCase{"cpu_negative_device_first", BackendKind::cpu_scalar, -1, 4, kDeviceMsg},
+                      PlanCase{"cuda_full", BackendKind::cuda, 0, 5, nullptr}),
+    [](const auto& info) { return std::string(info.param.name); });
 
-TEST(BackendProcess, PlanPairsKeepExistingValuesAndCudaPlansRefuseToRun) {
+TEST(BackendProcess, PlanPairsNeverOverrideBoundValues) {
     BackendProcess p;
     p.set_execution_plan({BackendKind::cpu_scalar, std::nullopt, 0, {{7, 70}}});
     p.set_execution_plan({BackendKind::cpu_scalar, std::nullopt, 0, {{1, 99}, {2, 20}}}); // replaces the list
@@ -200,24 +166,17 @@ TEST(BackendProcess, PlanPairsKeepExistingValuesAndCudaPlansRefuseToRun) {
     EXPECT_EQ(bindings.value(1), 10u);
     EXPECT_EQ(bindings.value(2), 20u);
     EXPECT_FALSE(bindings.value(7));
-
-    BackendProcess cuda;
-    cuda.set_execution_plan({BackendKind::cuda, 0, 0, {}});
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { cuda.execute(session, bindings, true); }),
-              "BackendProcess::execute - CUDA plan requires a CUDA-enabled build");
-    EXPECT_FALSE(session.active());
 }
 
-TEST(BackendProcess, InsertionChecksAndUnusableProcessLeaksItsSteps) {
+TEST(BackendProcess, UnusableProcessLeaksItsStepsAndRefusesEverything) {
     BackendProcess p;
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { p.push_front(nullptr); }), "BackendProcess::push_front - null step");
     EXPECT_EQ(message_of<std::invalid_argument>([&] { p.push_back(nullptr); }), "BackendProcess::push_back - null step");
-    EXPECT_TRUE(p.empty());
-
     Log log;
     bool destroyed = false;
-    auto* raw = new RecordingStep(&log, "leaked", {}, &destroyed);
-    p.push_back(std::unique_ptr<BackendProcessStep>(raw));
+    auto owned = step(&log, "leaked");
+    RecordingStep* raw = owned.get();
+    raw->destroyed = &destroyed;
+    p.push_back(std::move(owned));
     p.mark_unusable();
     EXPECT_TRUE(p.unusable());
     EXPECT_EQ(p.step_count(), 0u);
@@ -225,63 +184,18 @@ TEST(BackendProcess, InsertionChecksAndUnusableProcessLeaksItsSteps) {
     const std::string suffix = " - process is unusable after CUDA completion could not be confirmed";
     EXPECT_EQ(message_of<std::logic_error>([&] { p.push_back(step(&log, "x")); }), "BackendProcess::push_back" + suffix);
     EXPECT_EQ(message_of<std::logic_error>([&] { p.push_front(nullptr); }), "BackendProcess::push_front" + suffix);
-    EXPECT_EQ(message_of<std::logic_error>([&] { p.set_execution_plan({}); }), "BackendProcess::set_execution_plan" + suffix);
+    EXPECT_EQ(message_of<std::logic_error>([&] { p.set_execution_plan({}); }),
+              "BackendProcess::set_execution_plan" + suffix);
     BackendExecutionSession session;
-    BackendExecutionBindings bindings;
-    EXPECT_EQ(message_of<std::logic_error>([&] { p.execute(session, bindings, true); }), "BackendProcess::execute" + suffix);
+    EXPECT_EQ(message_of<std::logic_error>([&] { run(p, session); }), "BackendProcess::execute" + suffix);
+    EXPECT_TRUE(log.empty());
     delete raw; // the process gave it up; the test owns it now
-    EXPECT_TRUE(destroyed);
 }
 
-TEST(CpuSteps, ContextRequiresACpuBackend) {
-    BackendExecutionSession session;
-    BackendExecutionBindings bindings;
-    EXPECT_EQ(message_of<std::logic_error>([&] { session.cpu(BackendKind::cuda); }),
-              "BackendExecutionSession::cpu - non-CPU backend requested");
-    EXPECT_EQ(session.cpu(BackendKind::cpu_simd).backend(), BackendKind::cpu_simd);
-    LaunchCpuKernelStep bad(BackendKind::cuda, [](CpuExecutionContext&, BackendExecutionBindings&) {});
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { bad.execute(session, bindings); }),
-              "CpuProcessStepDetail::with_cpu_context - CPU backend required");
-    BackendKind seen = BackendKind::cuda;
-    LaunchCpuKernelStep good(BackendKind::cpu_simd,
-                             [&](CpuExecutionContext& c, BackendExecutionBindings&) { seen = c.backend(); });
-    good.execute(session, bindings);
-    EXPECT_EQ(seen, BackendKind::cpu_simd);
-}
-
-TEST(Bindings, SubstitutionKeepsTheOriginalReachable) {
-    TestVector caller(kC64, ComplexLayout::interleaved, MatrixLayout::none, {3, 0});
-    TestVector input(kC64, ComplexLayout::interleaved, MatrixLayout::none, {3, 0});
-    BackendExecutionBindings b;
-    EXPECT_EQ(b.bind_read(input), 0u);
-    EXPECT_EQ(b.bind_write(caller), 1u);
-    EXPECT_EQ(b.mutable_operand(0), nullptr);
-    EXPECT_EQ(b.mutable_operand(1), &caller);
-    auto temp = std::make_unique<TestVector>(kC64, ComplexLayout::split, MatrixLayout::none, std::array<std::uint64_t, 2>{3, 0});
-    auto* t = temp.get();
-    b.substitute(0, std::move(temp));
-    EXPECT_EQ(&b.operand(0), t);
-    EXPECT_EQ(b.mutable_operand(0), t);
-    EXPECT_EQ(&b.original(0), &input);
-    EXPECT_EQ(b.mutable_original(0), nullptr);
-    EXPECT_THROW(b.substitute(0, std::make_unique<TestVector>(kC64, ComplexLayout::split, MatrixLayout::none,
-                                                              std::array<std::uint64_t, 2>{3, 0})),
-                 std::logic_error);
-    EXPECT_THROW(b.operand(2), std::out_of_range);
-}
-
-// ---- Adaptation insertion order ----
+// ---- Adaptation ----
 
 TEST(BackendDispatcher, InputStepsKeepBuildOrderAndRestoresFollowTheKernel) {
-    OperationRegistry catalogue;
-    const OperationId op("test.binary", 1);
-    catalogue.register_operation(
-        OperationSpec(op, {{input_role(0), OperandAccess::read, OperandKind::vector},
-                           {input_role(1), OperandAccess::read, OperandKind::vector},
-                           {output_role(0), OperandAccess::write, OperandKind::vector}}),
-        RegistrationProvenance());
-    catalogue.seal();
-
+    VectorCatalogue catalogue(2);
     Log log;
     BackendAdaptationRegistry adapters;
     auto builder = [&log](bool output) {
@@ -293,34 +207,28 @@ TEST(BackendDispatcher, InputStepsKeepBuildOrderAndRestoresFollowTheKernel) {
             return s;
         };
     };
-    auto differs = [](const Key& a, const Key& b) { return a.kind == b.kind; };
-    adapters.add_input_adapter({differs, builder(false)});
-    adapters.add_output_adapter({differs, builder(true)});
+    auto same_kind = [](const Key& a, const Key& b) { return a.kind == b.kind; };
+    adapters.add_input_adapter({same_kind, builder(false)});
+    adapters.add_output_adapter({same_kind, builder(true)});
 
-    const Key registered = Key::make(OperandKind::vector, Location::pageable_host, complex64, complex64, ComplexLayout::split);
+    const Key registered = Key::make(OperandKind::vector, Location::pageable_host, complex64, complex64, SP);
     BackendRegistry registry;
-    registry.register_backend({BackendKind::cpu_simd, op, {registered, registered}, {registered}},
+    registry.register_backend({BackendKind::cpu_simd, catalogue.op, {registered, registered}, {registered}},
                               [&log] {
                                   BackendProcess p;
                                   p.push_back(step(&log, "kernel"));
                                   return p;
                               },
                               RegistrationProvenance());
-    registry.seal(catalogue);
+    registry.seal(catalogue.registry);
     BackendDispatcher dispatcher(registry, adapters);
-    OperandDescriptor d;
-    d.kind = OperandKind::vector;
-    d.dtype = kC64;
-    d.complex_layout = ComplexLayout::interleaved;
+    auto v = dense(complex64, complex64, {2, 0}, IL);
+    const OperandDescriptor d = describe_operand(*v, input_role(0));
     BackendProcess p = dispatcher.dispatch(1, std::vector{d, d}, std::vector{d});
-    EXPECT_EQ(p.plan()->target, BackendKind::cpu_simd);
     BackendExecutionSession session;
-    BackendExecutionBindings bindings;
-    p.execute(session, bindings, true);
+    run(p, session);
     EXPECT_EQ(log, (Log{"prepare2", "prepare0", "prepare1", "kernel", "restore2"}));
 }
-
-// ---- CPU layout adaptation ----
 
 struct PredicateCase {
     const char* name;
@@ -339,83 +247,57 @@ Key cvec(ScalarType s, ScalarType c, ComplexLayout l, Location loc = Location::p
 Key cmat(ScalarType s, ComplexLayout l, MatrixLayout m, ScalarType c = complex64) {
     return Key::make(OperandKind::matrix, Location::pageable_host, s, c, l, m);
 }
-constexpr auto IL = ComplexLayout::interleaved;
-constexpr auto SP = ComplexLayout::split;
-constexpr auto RM = MatrixLayout::row_major;
-constexpr auto CM = MatrixLayout::column_major;
 } // namespace
 INSTANTIATE_TEST_SUITE_P(
     Cases, CpuLayoutPredicate,
     ::testing::Values(
         PredicateCase{"vector_to_split", cvec(complex64, complex64, IL), cvec(complex64, complex64, SP), true},
-        PredicateCase{"split_to_interleaved_not_requested", cvec(complex64, complex64, SP), cvec(complex64, complex64, IL), false},
         PredicateCase{"pinned_never", cvec(complex64, complex64, IL, Location::pinned_host),
                       cvec(complex64, complex64, SP, Location::pinned_host), false},
-        PredicateCase{"complex32_native_compute", cvec(complex32, complex32, IL), cvec(complex32, complex32, SP), false},
-        PredicateCase{"complex32_widened_compute", cvec(complex32, complex64, IL), cvec(complex32, complex64, SP), true},
-        PredicateCase{"compute_differs", cvec(complex128, complex128, IL), cvec(complex128, complex64, SP), false},
-        PredicateCase{"matrix_row_to_split", cmat(complex64, IL, RM), cmat(complex64, SP, RM), true},
-        PredicateCase{"matrix_column_to_split", cmat(complex64, IL, CM), cmat(complex64, SP, RM), false},
-        PredicateCase{"matrix_row_to_column", cmat(complex128, IL, RM, complex128), cmat(complex128, IL, CM, complex128), true},
+        PredicateCase{"complex32_native_compute", cvec(complex32, complex32, IL), cvec(complex32, complex32, SP),
+                      false},
+        PredicateCase{"complex32_widened_compute", cvec(complex32, complex64, IL), cvec(complex32, complex64, SP),
+                      true},
         PredicateCase{"matrix_column_to_row", cmat(complex64, IL, CM), cmat(complex64, IL, RM), true},
         PredicateCase{"real_column_never", cmat(float64, ComplexLayout::none, CM, float64),
-                      cmat(float64, ComplexLayout::none, RM, float64), false},
-        PredicateCase{"lu_never", Key::make(OperandKind::lu, Location::pageable_host, complex64, complex64, IL, CM),
-                      Key::make(OperandKind::lu, Location::pageable_host, complex64, complex64, IL, RM), false}),
+                      cmat(float64, ComplexLayout::none, RM, float64), false}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST(CpuLayoutAdaptation, AdaptedOutputIsWrittenBackAfterTheKernel) {
-    OperationRegistry catalogue;
-    const OperationId op("test.double", 1);
-    catalogue.register_operation(OperationSpec(op, {{input_role(0), OperandAccess::read, OperandKind::vector},
-                                                    {output_role(0), OperandAccess::write, OperandKind::vector}}),
-                                 RegistrationProvenance());
-    catalogue.seal();
-
+    VectorCatalogue catalogue(1);
     BackendAdaptationRegistry adapters;
-    int temporaries = 0;
-    install_cpu_layout_adapters(adapters, test_storage(&temporaries));
+    install_cpu_layout_adapters(adapters); // the default storage hooks
     const Key split = cvec(complex64, complex64, SP);
-    bool kernel_saw_split = false;
-    auto kernel = [&](CpuExecutionContext&, BackendExecutionBindings& b) {
-        const auto& in = dynamic_cast<const TestVector&>(b.operand(0));
-        auto& out = dynamic_cast<TestVector&>(*b.mutable_operand(1));
-        kernel_saw_split = in.complex_layout() == SP && out.complex_layout() == SP;
-        for (std::uint64_t i = 0; i < in.extent()[0]; ++i) {
-            out.as<float>()[i] = 2 * in.as<float>()[i];
-            out.imag_as<float>()[i] = 2 * in.imag_as<float>()[i];
+    auto kernel = [](CpuExecutionContext&, BackendExecutionBindings& b) {
+        const auto in = split_vector_view<float>(b.operand(0));
+        const auto out = split_vector_view<float>(*b.mutable_operand(1));
+        for (std::uint64_t i = 0; i < in.size; ++i) {
+            out.re[i] = 2 * in.re[i];
+            out.im[i] = 2 * in.im[i];
         }
     };
     BackendRegistry registry;
-    registry.register_backend({BackendKind::cpu_scalar, op, {split}, {split}},
+    registry.register_backend({BackendKind::cpu_scalar, catalogue.op, {split}, {split}},
                               cpu_kernel_materialiser(BackendKind::cpu_scalar, kernel), RegistrationProvenance());
-    registry.seal(catalogue);
+    registry.seal(catalogue.registry);
     BackendDispatcher dispatcher(registry, adapters);
 
-    constexpr std::uint64_t n = 7; // one unrolled block and a tail
-    TestVector in(kC64, IL, MatrixLayout::none, {n, 0});
-    TestVector out(kC64, IL, MatrixLayout::none, {n, 0});
-    for (std::uint64_t i = 0; i < n; ++i) in.as<std::complex<float>>()[i] = {float(i + 1), -float(i) / 2};
-    const std::vector<OperandDescriptor> ins{describe_operand(in, input_role(0))};
-    const std::vector<OperandDescriptor> outs{describe_operand(out, output_role(0))};
-
-    BackendProcess p = dispatcher.dispatch(1, ins, outs);
+    constexpr std::size_t n = 7; // one unrolled block and a tail
+    std::vector<cf> in_data(n), out_data(n);
+    for (std::size_t i = 0; i < n; ++i) in_data[i] = {float(i + 1), -float(i) / 2};
+    BorrowedDenseHostComplexInterleavedVector<PolicyC64> in(in_data.data(), n), out(out_data.data(), n);
+    BackendProcess p = dispatcher.dispatch(1, std::vector{describe_operand(in, input_role(0))},
+                                           std::vector{describe_operand(out, output_role(0))});
     ASSERT_EQ(p.step_count(), 4u);
-    EXPECT_NE(dynamic_cast<const AdaptVectorStep*>(&p.step(0)), nullptr);
-    EXPECT_NE(dynamic_cast<const AdaptVectorStep*>(&p.step(1)), nullptr);
-    EXPECT_NE(dynamic_cast<const LaunchCpuKernelStep*>(&p.step(2)), nullptr);
     EXPECT_NE(dynamic_cast<const RestoreAdaptedStep*>(&p.step(3)), nullptr);
-
     BackendExecutionSession session;
-    BackendExecutionBindings bindings;
-    bindings.bind_read(in);
-    bindings.bind_write(out);
-    p.execute(session, bindings, false);
-    EXPECT_TRUE(kernel_saw_split);
-    EXPECT_EQ(temporaries, 2);
-    for (std::uint64_t i = 0; i < n; ++i) {
-        EXPECT_EQ(out.as<std::complex<float>>()[i], 2.0f * in.as<std::complex<float>>()[i]) << i;
-        EXPECT_EQ(in.as<std::complex<float>>()[i], std::complex<float>(float(i + 1), -float(i) / 2)) << i;
+    run(p, session, false, [&](BackendExecutionBindings& b) {
+        b.bind_read(in);
+        b.bind_write(out);
+    });
+    for (std::size_t i = 0; i < n; ++i) {
+        EXPECT_EQ(out_data[i], 2.0f * in_data[i]) << i;
+        EXPECT_EQ(in_data[i], cf(float(i + 1), -float(i) / 2)) << i;
     }
 }
 
@@ -424,77 +306,35 @@ struct Dims {
     std::uint64_t cols;
 };
 class MatrixRelayout : public ::testing::TestWithParam<Dims> {};
-TEST_P(MatrixRelayout, TransposesAndSplitsExactly) {
+TEST_P(MatrixRelayout, TransposesExactly) {
     const auto [rows, cols] = GetParam();
-    const auto storage = test_storage();
-    const DataTypeDescriptor c128(complex128, complex128);
-    TestMatrix row(c128, IL, RM, {rows, cols});
-    TestMatrix column(c128, IL, CM, {rows, cols});
-    TestMatrix back(c128, IL, RM, {rows, cols});
-    auto* src = row.as<std::complex<double>>();
+    const auto buffers = default_cpu_layout_storage().buffers;
+    auto row = dense(complex128, complex128, {rows, cols}, IL, RM);
+    auto column = dense(complex128, complex128, {rows, cols}, IL, CM);
+    auto back = dense(complex128, complex128, {rows, cols}, IL, RM);
+    auto* src = dense_matrix_view<cd>(*row).data;
     for (std::uint64_t k = 0; k < rows * cols; ++k) src[k] = {double(k) + 0.25, -double(k)};
-    convert_cpu_layout(row, column, storage.buffers);
+    convert_cpu_layout(*row, *column, buffers);
+    const auto* col = dense_matrix_view<cd>(std::as_const(*column)).data;
     for (std::uint64_t i = 0; i < rows; ++i)
-        for (std::uint64_t j = 0; j < cols; ++j)
-            ASSERT_EQ(column.as<std::complex<double>>()[j * rows + i], src[i * cols + j]) << i << "," << j;
-    convert_cpu_layout(column, back, storage.buffers);
-    EXPECT_EQ(back.data, row.data);
-
-    // complex32 round trip through split planes keeps the bits.
-    const DataTypeDescriptor c32(complex32, complex64);
-    TestMatrix a(c32, IL, RM, {rows, cols}), s(c32, SP, RM, {rows, cols}), b(c32, IL, RM, {rows, cols});
-    for (std::size_t k = 0; k < a.data.size(); ++k) a.data[k] = static_cast<unsigned char>(k * 37 + 11);
-    convert_cpu_layout(a, s, storage.buffers);
-    EXPECT_EQ(s.as<Float16>()[rows * cols - 1], a.as<Complex32>()[rows * cols - 1].real);
-    EXPECT_EQ(s.imag_as<Float16>()[0], a.as<Complex32>()[0].imag);
-    convert_cpu_layout(s, b, storage.buffers);
-    EXPECT_EQ(b.data, a.data);
+        for (std::uint64_t j = 0; j < cols; ++j) ASSERT_EQ(col[j * rows + i], src[i * cols + j]) << i << "," << j;
+    convert_cpu_layout(*column, *back, buffers);
+    const auto* round = dense_matrix_view<cd>(std::as_const(*back)).data;
+    EXPECT_TRUE(std::equal(src, src + rows * cols, round));
 }
 INSTANTIATE_TEST_SUITE_P(Shapes, MatrixRelayout,
-                         ::testing::Values(Dims{1, 1}, Dims{3, 5}, Dims{4, 4}, Dims{7, 6}, Dims{33, 35}, Dims{2, 70}));
+                         ::testing::Values(Dims{1, 1}, Dims{3, 5}, Dims{7, 6}, Dims{33, 35}, Dims{2, 70}));
 
 TEST(CpuLayoutAdaptation, ConversionRejectsMismatchesAndUnsupportedCombinations) {
-    const auto storage = test_storage();
-    TestVector a(kC64, IL, MatrixLayout::none, {4, 0});
-    TestVector shorter(kC64, SP, MatrixLayout::none, {3, 0});
-    TestVector wider(DataTypeDescriptor(complex128, complex128), SP, MatrixLayout::none, {4, 0});
-    TestVector split(kC64, SP, MatrixLayout::none, {4, 0});
-    TestVector split2(kC64, SP, MatrixLayout::none, {4, 0});
-    TestVector real(DataTypeDescriptor(float64, float64), ComplexLayout::none, MatrixLayout::none, {4, 0});
-    TestVector real2(DataTypeDescriptor(float64, float64), ComplexLayout::none, MatrixLayout::none, {4, 0});
-    TestMatrix col(kC64, IL, CM, {2, 2}), split_row(kC64, SP, RM, {2, 2});
+    const auto buffers = default_cpu_layout_storage().buffers;
+    auto a = dense(complex64, complex64, {4, 0}, IL);
     const std::string mismatch = "CPU layout adaptation - shape or numerical policy mismatch";
     const std::string unsupported = "CPU layout adaptation - unsupported policy or operand kind";
-    EXPECT_EQ(message_of<std::logic_error>([&] { convert_cpu_layout(a, shorter, storage.buffers); }), mismatch);
-    EXPECT_EQ(message_of<std::logic_error>([&] { convert_cpu_layout(a, wider, storage.buffers); }), mismatch);
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { convert_cpu_layout(split, split2, storage.buffers); }), unsupported);
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { convert_cpu_layout(real, real2, storage.buffers); }), unsupported);
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { convert_cpu_layout(col, split_row, storage.buffers); }), unsupported);
-}
-
-TEST(CpuLayoutAdaptation, DefaultStorageRoundTripsAnInterleavedOutput) {
-    BackendAdaptationRegistry adapters;
-    install_cpu_layout_adapters(adapters);
-    ASSERT_EQ(adapters.input_adapters().size(), 1u);
-    ASSERT_EQ(adapters.output_adapters().size(), 1u);
-    const Key a = cvec(complex64, complex64, IL), b = cvec(complex64, complex64, SP);
-    std::vector<std::complex<float>> caller{{1, 2}, {3, 4}};
-    BorrowedDenseHostComplexInterleavedVector<PolicyC64> v(caller.data(), caller.size());
-    const OperandDescriptor d = describe_operand(v, output_role(0));
-    AdaptationSteps steps = adapters.output_adapters()[0].build(0, d, a, b);
-    ASSERT_EQ(steps.before.size(), 1u);
-    ASSERT_EQ(steps.after.size(), 1u);
-    BackendExecutionSession session;
-    BackendExecutionBindings bindings;
-    bindings.bind_write(v);
-    steps.before[0]->execute(session, bindings);
-    auto split = split_vector_view<float>(*bindings.mutable_operand(0));
-    EXPECT_EQ(split.re[1], 3.0f);
-    EXPECT_EQ(split.im[0], 2.0f);
-    split.im[1] = -8.0f; // what a kernel would write
-    steps.after[0]->execute(session, bindings);
-    EXPECT_EQ(caller[1], std::complex<float>(3, -8));
-    AdaptVectorStep no_adapt(0, [](const VectorEntity&) { return std::unique_ptr<VectorEntity>(); }, {});
-    EXPECT_EQ(message_of<std::logic_error>([&] { no_adapt.execute(session, bindings); }),
-              "AdaptOperandStep::execute - adapt not set");
+    auto convert = [&](const std::unique_ptr<OperandEntity>& from, std::unique_ptr<OperandEntity> to) {
+        return [&, to = std::shared_ptr<OperandEntity>(std::move(to))] { convert_cpu_layout(*from, *to, buffers); };
+    };
+    EXPECT_EQ(message_of<std::logic_error>(convert(a, dense(complex64, complex64, {3, 0}, SP))), mismatch);
+    auto split = dense(complex64, complex64, {4, 0}, SP);
+    EXPECT_EQ(message_of<std::invalid_argument>(convert(split, dense(complex64, complex64, {4, 0}, SP))),
+              unsupported);
 }
