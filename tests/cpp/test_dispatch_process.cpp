@@ -154,20 +154,6 @@ INSTANTIATE_TEST_SUITE_P(
                       PlanCase{"cuda_full", BackendKind::cuda, 0, 5, nullptr}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(BackendProcess, PlanPairsNeverOverrideBoundValues) {
-    BackendProcess p;
-    p.set_execution_plan({BackendKind::cpu_scalar, std::nullopt, 0, {{7, 70}}});
-    p.set_execution_plan({BackendKind::cpu_scalar, std::nullopt, 0, {{1, 99}, {2, 20}}}); // replaces the list
-    BackendExecutionSession session;
-    BackendExecutionBindings bindings;
-    const std::vector<BackendExecutionBindings::ValuePair> existing{{1, 10}};
-    bindings.install_pairs(existing);
-    p.execute(session, bindings, true);
-    EXPECT_EQ(bindings.value(1), 10u);
-    EXPECT_EQ(bindings.value(2), 20u);
-    EXPECT_FALSE(bindings.value(7));
-}
-
 TEST(BackendProcess, UnusableProcessLeaksItsStepsAndRefusesEverything) {
     BackendProcess p;
     EXPECT_EQ(message_of<std::invalid_argument>([&] { p.push_back(nullptr); }), "BackendProcess::push_back - null step");

@@ -196,12 +196,6 @@ INSTANTIATE_TEST_SUITE_P(
                                  init_of(BufferDescriptor::of(g_f64, 2), 2));
                  },
                  kMismatch},
-        InitCase{"scalar_with_imaginary",
-                 [] {
-                     return make(ST::complex64, ST::complex64, OK::scalar, {}, CL::split, ML::none,
-                                 split_init(f32(1), f32(1, BR::imaginary, 1), 0));
-                 },
-                 kMismatch},
         InitCase{"imaginary_only", split_vector(imaginary_only()), "storage initialiser - missing real buffer"},
         InitCase{"real_count", f32_matrix(init_of(f32(3), 4)), kMismatch},
         InitCase{"initialiser_count", f32_matrix(init_of(f32(4), 3)), kMismatch},
@@ -343,8 +337,6 @@ TEST(BorrowedStorage, NullDataIsRefusedUnlessEmpty) {
     const std::string suffix = " - null data for non-empty storage";
     EXPECT_EQ(invalid([] { BorrowedDenseHostRealVector<PolicyF32>(nullptr, 3); }),
               "BorrowedDenseHostRealVector" + suffix);
-    EXPECT_EQ(invalid([] { BorrowedDenseHostComplexSplitScalar<PolicyC32>(nullptr); }),
-              "BorrowedDenseHostComplexSplitScalar" + suffix);
     EXPECT_EQ(invalid([] { BorrowedDenseHostComplexInterleavedMatrix<PolicyC128>(nullptr, 1, 1, ML::column_major); }),
               "BorrowedDenseHostComplexInterleavedMatrix" + suffix);
     EXPECT_EQ(invalid([] { BorrowedDenseHostRealMatrix<PolicyF32>(reinterpret_cast<float*>(16), 1, 1, ML::none); }),
@@ -403,13 +395,10 @@ TEST(StorageViews, PointersAndGeometryInBothComplexLayouts) {
 
 TEST(StorageViews, MismatchesAreRefusedWithTheLabel) {
     DenseHostRealVector<PolicyF32> f32(4);
-    DenseHostComplexSplitVector<PolicyC64> split(4);
     DenseHostComplexIntlvMatrixColMajor<PolicyC64> intlv(2, 2);
     const std::string shape = " - operand kind, layout or dtype mismatch";
     EXPECT_EQ(invalid([&] { dense_vector_view<double>(f32); }), "dense_vector_view" + shape);
-    EXPECT_EQ(invalid([&] { dense_vector_view<cf>(split); }), "dense_vector_view" + shape);
     EXPECT_EQ(invalid([&] { split_matrix_view<float>(intlv, "CPU layout output"); }), "CPU layout output" + shape);
-    EXPECT_EQ(invalid([&] { lu_view<float>(f32); }), "lu_view" + shape);
 
     // A storage whose buffer does not hold what its dtype promises.
     float data[4] = {};
