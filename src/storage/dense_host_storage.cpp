@@ -102,39 +102,18 @@ template <class P> DenseHostComplexSplitMatrixRowMajor<P>::DenseHostComplexSplit
     this->attach(real_.data(), imag_.data(), real_.size());
 }
 
-template <class P>
-DenseHostComplexIntlvMatrixRowMajor<P>::DenseHostComplexIntlvMatrixRowMajor(std::uint64_t rows,
-                                                                            std::uint64_t cols)
-    : DenseHostComplexIntlvMatrixRowMajor(rows, cols,
-                                          zeroed<storage_type>(checked_element_product(rows, cols))) {}
+template <class P, MatrixLayout L>
+DenseHostComplexIntlvMatrix<P, L>::DenseHostComplexIntlvMatrix(std::uint64_t rows, std::uint64_t cols)
+    : DenseHostComplexIntlvMatrix(rows, cols, zeroed<storage_type>(checked_element_product(rows, cols))) {}
 
-template <class P>
-DenseHostComplexIntlvMatrixRowMajor<P>::DenseHostComplexIntlvMatrixRowMajor(std::uint64_t rows,
-                                                                            std::uint64_t cols,
-                                                                            HostArray<storage_type> values)
-    : SingleBufferEntity<MatrixEntity, storage_type>(policy_dtype<P>(), ComplexLayout::interleaved,
-                                                     MatrixLayout::row_major, {rows, cols}),
+template <class P, MatrixLayout L>
+DenseHostComplexIntlvMatrix<P, L>::DenseHostComplexIntlvMatrix(std::uint64_t rows, std::uint64_t cols,
+                                                               HostArray<storage_type> values)
+    : SingleBufferEntity<MatrixEntity, storage_type>(policy_dtype<P>(), ComplexLayout::interleaved, L, {rows, cols}),
       values_(std::move(values)) {
     require_size(holds_product(values_.size(), rows, cols),
-                 "DenseHostComplexIntlvMatrixRowMajor - data size mismatch");
-    this->attach(values_.data(), values_.size());
-}
-
-template <class P>
-DenseHostComplexIntlvMatrixColMajor<P>::DenseHostComplexIntlvMatrixColMajor(std::uint64_t rows,
-                                                                            std::uint64_t cols)
-    : DenseHostComplexIntlvMatrixColMajor(rows, cols,
-                                          zeroed<storage_type>(checked_element_product(rows, cols))) {}
-
-template <class P>
-DenseHostComplexIntlvMatrixColMajor<P>::DenseHostComplexIntlvMatrixColMajor(std::uint64_t rows,
-                                                                            std::uint64_t cols,
-                                                                            HostArray<storage_type> values)
-    : SingleBufferEntity<MatrixEntity, storage_type>(policy_dtype<P>(), ComplexLayout::interleaved,
-                                                     MatrixLayout::column_major, {rows, cols}),
-      values_(std::move(values)) {
-    require_size(holds_product(values_.size(), rows, cols),
-                 "DenseHostComplexIntlvMatrixColMajor - data size mismatch");
+                 L == MatrixLayout::row_major ? "DenseHostComplexIntlvMatrixRowMajor - data size mismatch"
+                                              : "DenseHostComplexIntlvMatrixColMajor - data size mismatch");
     this->attach(values_.data(), values_.size());
 }
 
@@ -242,8 +221,8 @@ BufferDescriptor DenseHostEigenValues<P>::describe_buffer(std::size_t index) con
     template class DenseHostComplexSplitVector<P>;                                                           \
     template class DenseHostComplexIntlvVector<P>;                                                           \
     template class DenseHostComplexSplitMatrixRowMajor<P>;                                                   \
-    template class DenseHostComplexIntlvMatrixRowMajor<P>;                                                   \
-    template class DenseHostComplexIntlvMatrixColMajor<P>;                                                   \
+    template class DenseHostComplexIntlvMatrix<P, MatrixLayout::row_major>;                                  \
+    template class DenseHostComplexIntlvMatrix<P, MatrixLayout::column_major>;                               \
     template class BoundComplexScalarEntity<P>;                                                              \
     template class DenseHostEigenValues<P>;                                                                  \
     template class DenseHostLUDecompColMajor<P>;

@@ -90,13 +90,13 @@ private:
     HostArray<component_type> imag_;
 };
 
-template <class P> class DenseHostComplexIntlvMatrixRowMajor final
+// Interleaved complex matrix in either order; the two orders are distinct storage classes.
+template <class P, MatrixLayout L> class DenseHostComplexIntlvMatrix final
     : public SingleBufferEntity<MatrixEntity, typename P::storage_type> {
 public:
     using storage_type = typename P::storage_type;
-    DenseHostComplexIntlvMatrixRowMajor(std::uint64_t rows, std::uint64_t cols);
-    DenseHostComplexIntlvMatrixRowMajor(std::uint64_t rows, std::uint64_t cols,
-                                        HostArray<storage_type> values);
+    DenseHostComplexIntlvMatrix(std::uint64_t rows, std::uint64_t cols);
+    DenseHostComplexIntlvMatrix(std::uint64_t rows, std::uint64_t cols, HostArray<storage_type> values);
     DenseComplexInterleavedMatrixAccess<storage_type> access() {
         return DenseComplexInterleavedMatrixAccess<storage_type>(*this);
     }
@@ -104,21 +104,9 @@ public:
 private:
     HostArray<storage_type> values_;
 };
-
-template <class P> class DenseHostComplexIntlvMatrixColMajor final
-    : public SingleBufferEntity<MatrixEntity, typename P::storage_type> {
-public:
-    using storage_type = typename P::storage_type;
-    DenseHostComplexIntlvMatrixColMajor(std::uint64_t rows, std::uint64_t cols);
-    DenseHostComplexIntlvMatrixColMajor(std::uint64_t rows, std::uint64_t cols,
-                                        HostArray<storage_type> values);
-    DenseComplexInterleavedMatrixAccess<storage_type> access() {
-        return DenseComplexInterleavedMatrixAccess<storage_type>(*this);
-    }
-
-private:
-    HostArray<storage_type> values_;
-};
+template <class P> using DenseHostComplexIntlvMatrixRowMajor = DenseHostComplexIntlvMatrix<P, MatrixLayout::row_major>;
+template <class P>
+using DenseHostComplexIntlvMatrixColMajor = DenseHostComplexIntlvMatrix<P, MatrixLayout::column_major>;
 
 // Packed LU factors (column-major n x n in the storage dtype), n one-based int64 pivots and the
 // row-exchange count. Buffers: 0 factors, 1 pivots, 2 swap count. The factors are not checked
@@ -218,8 +206,8 @@ private:
     extern template class DenseHostComplexSplitVector<P>;                                                    \
     extern template class DenseHostComplexIntlvVector<P>;                                                    \
     extern template class DenseHostComplexSplitMatrixRowMajor<P>;                                            \
-    extern template class DenseHostComplexIntlvMatrixRowMajor<P>;                                            \
-    extern template class DenseHostComplexIntlvMatrixColMajor<P>;                                            \
+    extern template class DenseHostComplexIntlvMatrix<P, MatrixLayout::row_major>;                           \
+    extern template class DenseHostComplexIntlvMatrix<P, MatrixLayout::column_major>;                        \
     extern template class BoundComplexScalarEntity<P>;                                                       \
     extern template class DenseHostEigenValues<P>;                                                           \
     extern template class DenseHostLUDecompColMajor<P>;
