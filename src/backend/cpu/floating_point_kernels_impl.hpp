@@ -21,6 +21,7 @@
 #include "backend/cpu/floating_point_kernels.hpp"
 #include "backend/cpu/gemm.hpp"
 #include "backend/cpu/gemm_sources.hpp"
+#include "backend/cpu/vector_kernels.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 
 namespace quillmark::cpu {
@@ -435,8 +436,30 @@ QM_KERNEL(void)::norm(const Vector& x, const RealScalar& out, Ctx ctx) QM_FLOATI
         }
     };
     const u64 n = x.size * parts;
+    // Real float and double data goes straight to the vector kernel; other policies load
+    // element by element.
+    constexpr bool direct = std::is_same_v<typename P::storage_type, C> && !detail::is_complex_v<C>;
+    auto squares_and_max = [&](u64 first, u64 last) {
+        detail::SquaresAndMax s;
+        if constexpr (direct) {
+            default_vector_kernels<C>().squares_and_max(x.data + first, last - first, &s.squares, &s.max);
+        } else {
+            s.squares = detail::lane_sum<double>(first, last, [&](u64 i) {
+                const double v = component(i);
+                return v * v;
+            });
+            for (u64 i = first; i < last; ++i) s.max = std::max(s.max, std::fabs(double(component(i))));
+        }
+        return s;
+    };
     double result;
-    if constexpr (std::is_same_v<R, float>) {
+    if constexpr (std::is_same_v<R, float> && direct) {
+        // Squares of binary32 values neither overflow nor underflow in binary64.
+        const double squares = detail::blocked_reduce(
+            ctx, n, 2, 0.0, [&](u64 first, u64 last) { return squares_and_max(first, last).squares; },
+            [](double u, double v) { return u + v; });
+        result = std::sqrt(squares);
+    } else if constexpr (std::is_same_v<R, float>) {
         // Squares of binary32 values neither overflow nor underflow in binary64.
         const double squares = detail::blocked_reduce(
             ctx, n, 2, 0.0,
@@ -452,16 +475,7 @@ QM_KERNEL(void)::norm(const Vector& x, const RealScalar& out, Ctx ctx) QM_FLOATI
         // Plain squares when every magnitude lies where squaring is safe; Blue's scaled sums
         // only for vectors with huge, tiny or non-finite entries.
         const auto plain = detail::blocked_reduce(
-            ctx, n, 2, detail::SquaresAndMax{},
-            [&](u64 first, u64 last) {
-                detail::SquaresAndMax s;
-                s.squares = detail::lane_sum<double>(first, last, [&](u64 i) {
-                    const double v = component(i);
-                    return v * v;
-                });
-                for (u64 i = first; i < last; ++i) s.max = std::max(s.max, std::fabs(double(component(i))));
-                return s;
-            },
+            ctx, n, 2, detail::SquaresAndMax{}, squares_and_max,
             [](const detail::SquaresAndMax& u, const detail::SquaresAndMax& v) {
                 return detail::SquaresAndMax{u.squares + v.squares, std::max(u.max, v.max)};
             });
@@ -652,6 +666,19 @@ QM_KERNEL(void)::matvec(const Matrix& a, const Vector& x, const Vector& out, Ctx
     using detail::u64;
     detail::require(x.size == a.cols && out.size == a.rows);
     const u64 m = a.rows, n = a.cols;
+    if constexpr (std::is_same_v<typename P::storage_type, C> && (std::is_same_v<C, float> || std::is_same_v<C, double>)) {
+        if (a.layout == MatrixLayout::row_major || n <= 1) {
+            const auto& kernels = default_vector_kernels<C>();
+            const bool in_place = !detail::views_overlap(out, a) && !detail::views_overlap(out, x);
+            std::vector<C> buffer(in_place ? 0 : m);
+            C* y = in_place ? out.data : buffer.data();
+            detail::run_chunks(ctx, m, 2 * m * n, [&](u64 first, u64 last) {
+                kernels.gemv_rows(last - first, n, a.data + first * n, n, x.data, y + first);
+            });
+            if (!in_place) std::copy(buffer.begin(), buffer.end(), out.data);
+            return;
+        }
+    }
     std::vector<C> xs(n), ys(m);
     const auto xa = detail::acc_of<C>(x);
     for (u64 j = 0; j < n; ++j) xs[j] = xa.load(j);

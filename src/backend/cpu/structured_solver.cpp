@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "backend/cpu/vector_kernels.hpp"
 #include "core/errors.hpp"
 
 namespace quillmark::cpu {
@@ -217,32 +218,88 @@ template <class W, class C> std::vector<W> hermitian_copy(const C* a, const Matr
 
 constexpr std::uint64_t kMaximumSweeps = 64;
 
+// (x, y) <- (x c - y conj(s), y c + x s) over n elements: the rotation of a column pair.
+template <class W>
+inline void rotate_complex(W* x, W* y, std::uint64_t n, RealOf<W> c, const W& s) noexcept {
+    const W sc = conj_of(s);
+    for (std::uint64_t k = 0; k < n; ++k) {
+        const W a = x[k];
+        const W b = y[k];
+        x[k] = a * c - mul(b, sc);
+        y[k] = b * c + mul(a, s);
+    }
+}
+
+template <class W> struct PairRotation {
+    void (*real_kernel)(RealOf<W>*, RealOf<W>*, std::uint64_t, RealOf<W>, RealOf<W>) noexcept =
+        kComplex<W> ? nullptr : default_vector_kernels<RealOf<W>>().rotate;
+    void operator()(W* x, W* y, std::uint64_t n, RealOf<W> c, const W& s) const noexcept {
+        if constexpr (kComplex<W>)
+            rotate_complex(x, y, n, c, s);
+        else
+            real_kernel(x, y, n, c, s);
+    }
+};
+
 // Cyclic Jacobi on the row-major Hermitian working copy w. Returns the diagonal after
 // convergence; vt (when non-null) receives the eigenvectors transposed (row p = vector p).
+//
+// The matrix is kept by columns (m[q*ld + k] = a(k, q)) so that the rotation of columns p and q
+// runs over contiguous memory; the rows are restored by mirroring, as late as the reads allow:
+//  - while the sweep works on pivot p, column p lives in a separate buffer and row p is
+//    mirrored from it at the end (nothing reads row p in between except a(p, q), the conjugate
+//    of the buffer's a(q, p));
+//  - the row update of rotation (p, q) is stored at once only where a later column of the same
+//    pivot will read it (columns k > q); the rest is copied over from the upper triangle, block
+//    by block, for the columns the next pivot reads and for all columns at the end of a sweep.
+// The column stride is padded to an odd number of cache lines: with a power-of-two stride the
+// mirroring stores of a row would all fall into a couple of cache sets.
+// Every element sees exactly the operations of the textbook element-wise loop.
 template <class W>
-std::vector<RealOf<W>> jacobi(std::vector<W>& w, std::uint64_t n, double tolerance, std::vector<W>* vt) {
+std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double tolerance, std::vector<W>* vt) {
     using RW = RealOf<W>;
     const RW tol = static_cast<RW>(tolerance);
+    const std::uint64_t line = 64 / sizeof(W) > 0 ? 64 / sizeof(W) : 1;
+    std::uint64_t lines = (n + line - 1) / line;
+    if (lines % 2 == 0)
+        ++lines;
+    const std::uint64_t ld = lines * line;
+    std::vector<W> storage(n * ld);
+    W* const m = storage.data();
+    for (std::uint64_t q = 0; q < n; ++q)
+        for (std::uint64_t k = 0; k < n; ++k)
+            m[q * ld + k] = conj_of(w[q * n + k]);
+    const PairRotation<W> rotate_pair;
     if (vt) {
         vt->assign(n * n, W(0));
         for (std::uint64_t i = 0; i < n; ++i)
             (*vt)[i * n + i] = W(1);
     }
-    auto negligible = [&](std::uint64_t p, std::uint64_t q) {
-        const W apq = w[p * n + q];
+    auto negligible = [&](const W& apq, RW app, RW aqq) {
         if (apq == W(0))
             return true;
-        const RW dp = std::sqrt(std::fabs(real_part(w[p * n + p])));
-        const RW dq = std::sqrt(std::fabs(real_part(w[q * n + q])));
+        const RW dp = std::sqrt(std::fabs(app));
+        const RW dq = std::sqrt(std::fabs(aqq));
         if (dp == 0 || dq == 0)
             return false;
         return std::abs(apq) / std::max(dp, dq) / std::min(dp, dq) <= tol;
     };
+    // a(q, j) = conj(a(j, q)) for first <= j < q.
+    auto mirror_upper = [&](std::uint64_t first) {
+        constexpr std::uint64_t block = 16;
+        for (std::uint64_t qb = first; qb < n; qb += block)
+            for (std::uint64_t jb = first; jb <= qb; jb += block)
+                for (std::uint64_t q = qb; q < std::min(qb + block, n); ++q)
+                    for (std::uint64_t j = jb; j < std::min(jb + block, q); ++j)
+                        m[j * ld + q] = conj_of(m[q * ld + j]);
+    };
+    std::vector<W> pivot_column(n);
+    W* const cp = pivot_column.data();
     for (std::uint64_t sweep = 0;; ++sweep) {
         bool converged = true;
         for (std::uint64_t p = 0; p + 1 < n && converged; ++p)
             for (std::uint64_t q = p + 1; q < n; ++q)
-                if (!negligible(p, q)) {
+                if (!negligible(m[q * ld + p], real_part(m[p * ld + p]), real_part(m[q * ld + q]))) {
                     converged = false;
                     break;
                 }
@@ -255,18 +312,20 @@ std::vector<RealOf<W>> jacobi(std::vector<W>& w, std::uint64_t n, double toleran
                                   std::to_string(n),
                               ErrorReason::non_convergence);
         for (std::uint64_t p = 0; p + 1 < n; ++p) {
+            std::copy(m + p * ld, m + p * ld + n, cp);
+            RW app = real_part(cp[p]);
             for (std::uint64_t q = p + 1; q < n; ++q) {
-                if (negligible(p, q))
+                W* const cq = m + q * ld;
+                const W apq = conj_of(cp[q]);
+                const RW aqq = real_part(cq[q]);
+                if (negligible(apq, app, aqq))
                     continue;
-                const W apq = w[p * n + q];
-                const RW app = real_part(w[p * n + p]);
-                const RW aqq = real_part(w[q * n + q]);
                 const RW scale = std::max({std::abs(apq), std::fabs(app), std::fabs(aqq)});
                 const W g = apq / scale;
                 const RW ga = std::abs(g);
                 if (ga == 0) {
-                    w[p * n + q] = W(0);
-                    w[q * n + p] = W(0);
+                    cp[q] = W(0);
+                    cq[p] = W(0);
                     continue;
                 }
                 const RW theta = (aqq / scale) * RW(0.5) - (app / scale) * RW(0.5);
@@ -274,45 +333,34 @@ std::vector<RealOf<W>> jacobi(std::vector<W>& w, std::uint64_t n, double toleran
                 const RW t = std::copysign(ga / (r + std::fabs(theta)), theta);
                 const RW c = RW(1) / std::hypot(RW(1), t);
                 const W s = (c * t) * (g / ga);
-                const W sc = conj_of(s);
                 const RW delta = scale * t * ga;
-                w[p * n + p] = W(app - delta);
-                w[q * n + q] = W(aqq + delta);
-                w[p * n + q] = W(0);
-                w[q * n + p] = W(0);
-                // Columns p and q get U = [[c, s], [-conj(s), c]]; rows mirror them so the
-                // working matrix stays exactly Hermitian.
-                for (std::uint64_t k = 0; k < n; ++k) {
-                    if (k == p || k == q)
-                        continue;
-                    const W akp = w[k * n + p];
-                    const W akq = w[k * n + q];
-                    const W nkp = akp * c - mul(akq, sc);
-                    const W nkq = akq * c + mul(akp, s);
-                    w[k * n + p] = nkp;
-                    w[k * n + q] = nkq;
-                    w[p * n + k] = conj_of(nkp);
-                    w[q * n + k] = conj_of(nkq);
-                }
-                if (vt) {
-                    W* vp = vt->data() + p * n;
-                    W* vq = vt->data() + q * n;
-                    for (std::uint64_t k = 0; k < n; ++k) {
-                        const W a = vp[k];
-                        const W b = vq[k];
-                        vp[k] = a * c - mul(b, sc);
-                        vq[k] = b * c + mul(a, s);
-                    }
-                }
+                // Rows p and q of the two columns come out of the loop as garbage and are then
+                // set from the closed forms.
+                rotate_pair(cp, cq, n, c, s);
+                app = app - delta;
+                cp[p] = W(app);
+                cp[q] = W(0);
+                cq[p] = W(0);
+                cq[q] = W(aqq + delta);
+                for (std::uint64_t k = q + 1; k < n; ++k)
+                    m[k * ld + q] = conj_of(cq[k]);
+                if (vt)
+                    rotate_pair(vt->data() + p * n, vt->data() + q * n, n, c, s);
             }
+            std::copy(cp, cp + n, m + p * ld);
+            for (std::uint64_t k = 0; k < n; ++k)
+                if (k != p)
+                    m[k * ld + p] = conj_of(cp[k]);
+            mirror_upper(p + 1);
         }
+        mirror_upper(0);
         for (std::uint64_t i = 0; i < n; ++i)
-            if (!std::isfinite(real_part(w[i * n + i])))
+            if (!std::isfinite(real_part(m[i * ld + i])))
                 throw std::runtime_error("eigh/eigvalsh - eigenvalue overflow");
     }
     std::vector<RW> d(n);
     for (std::uint64_t i = 0; i < n; ++i)
-        d[i] = real_part(w[i * n + i]);
+        d[i] = real_part(m[i * ld + i]);
     return d;
 }
 

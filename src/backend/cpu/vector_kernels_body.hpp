@@ -1,0 +1,128 @@
+#pragma once
+// Bodies of the streaming vector kernels over an instruction-set description: `V` holds the
+// vectors of the element type, `D` the double vectors the sums of squares are formed in. Only
+// the translation unit that defines `V` and `D` includes this, with that instruction set.
+#include <cstdint>
+
+#include "backend/cpu/vector_kernels.hpp"
+
+namespace quillmark::cpu::vector_body {
+
+using u64 = std::uint64_t;
+
+// The compiler may fuse a vector product into a following add (its intrinsics are plain vector
+// arithmetic); passing the product through an empty asm keeps it rounded on its own.
+template <class T> inline T rounded(T v) noexcept {
+    __asm__("" : "+v"(v));
+    return v;
+}
+
+// ROWS rows at once share the loads of x; per row two accumulators, then one, then scalars.
+template <class V, int ROWS>
+inline void gemv_block(u64 n, const typename V::scalar* a, u64 lda, const typename V::scalar* x,
+                       typename V::scalar* y) noexcept {
+    using S = typename V::scalar;
+    constexpr u64 L = V::lanes;
+    typename V::vector acc0[ROWS], acc1[ROWS];
+#pragma GCC unroll 4
+    for (int r = 0; r < ROWS; ++r) acc0[r] = acc1[r] = V::zero();
+    u64 j = 0;
+    for (; j + 2 * L <= n; j += 2 * L) {
+        const typename V::vector x0 = V::load(x + j), x1 = V::load(x + j + L);
+#pragma GCC unroll 4
+        for (int r = 0; r < ROWS; ++r) {
+            acc0[r] = V::fma(V::load(a + r * lda + j), x0, acc0[r]);
+            acc1[r] = V::fma(V::load(a + r * lda + j + L), x1, acc1[r]);
+        }
+    }
+    for (; j + L <= n; j += L) {
+        const typename V::vector x0 = V::load(x + j);
+#pragma GCC unroll 4
+        for (int r = 0; r < ROWS; ++r) acc0[r] = V::fma(V::load(a + r * lda + j), x0, acc0[r]);
+    }
+#pragma GCC unroll 4
+    for (int r = 0; r < ROWS; ++r) {
+        S tail = 0;
+        for (u64 t = j; t < n; ++t) tail += a[r * lda + t] * x[t];
+        y[r] = V::sum(V::add(acc0[r], acc1[r])) + tail;
+    }
+}
+
+template <class V>
+void gemv_rows(u64 rows, u64 n, const typename V::scalar* a, u64 lda, const typename V::scalar* x,
+               typename V::scalar* y) noexcept {
+    u64 i = 0;
+    for (; i + 4 <= rows; i += 4) gemv_block<V, 4>(n, a + i * lda, lda, x, y + i);
+    for (; i < rows; ++i) gemv_block<V, 1>(n, a + i * lda, lda, x, y + i);
+}
+
+template <class D, class S> void squares_and_max(const S* x, u64 n, double* squares, double* max) noexcept {
+    constexpr u64 L = D::lanes;
+    typename D::vector s0 = D::zero(), s1 = D::zero(), s2 = D::zero(), s3 = D::zero();
+    typename D::vector m0 = D::zero(), m1 = D::zero();
+    u64 i = 0;
+    for (; i + 4 * L <= n; i += 4 * L) {
+        const typename D::vector v0 = D::widen(x + i), v1 = D::widen(x + i + L), v2 = D::widen(x + i + 2 * L),
+                                 v3 = D::widen(x + i + 3 * L);
+        s0 = D::fma(v0, v0, s0);
+        s1 = D::fma(v1, v1, s1);
+        s2 = D::fma(v2, v2, s2);
+        s3 = D::fma(v3, v3, s3);
+        m0 = D::max(D::max(D::abs(v0), D::abs(v1)), m0);
+        m1 = D::max(D::max(D::abs(v2), D::abs(v3)), m1);
+    }
+    for (; i + L <= n; i += L) {
+        const typename D::vector v0 = D::widen(x + i);
+        s0 = D::fma(v0, v0, s0);
+        m0 = D::max(D::abs(v0), m0);
+    }
+    double sum = D::sum(D::add(D::add(s0, s1), D::add(s2, s3)));
+    double top = D::max_of(D::max(m0, m1));
+    for (; i < n; ++i) {
+        const double v = static_cast<double>(x[i]);
+        sum += v * v;
+        const double m = v < 0 ? -v : v;
+        top = m > top ? m : top;
+    }
+    *squares = sum;
+    *max = top;
+}
+
+template <class V>
+void rotate(typename V::scalar* x, typename V::scalar* y, u64 n, typename V::scalar c,
+            typename V::scalar s) noexcept {
+    constexpr u64 L = V::lanes;
+    const typename V::vector cv = V::set1(c), sv = V::set1(s);
+    u64 i = 0;
+    for (; i + L <= n; i += L) {
+        const typename V::vector a = V::load(x + i), b = V::load(y + i);
+        V::store(x + i, V::sub(rounded(V::mul(a, cv)), rounded(V::mul(b, sv))));
+        V::store(y + i, V::add(rounded(V::mul(b, cv)), rounded(V::mul(a, sv))));
+    }
+    if (i == n) return;
+    // The tail goes through the vector path too: scalar code here could be contracted to FMA.
+    alignas(64) typename V::scalar ta[L] = {}, tb[L] = {};
+    for (u64 t = i; t < n; ++t) {
+        ta[t - i] = x[t];
+        tb[t - i] = y[t];
+    }
+    const typename V::vector a = V::load(ta), b = V::load(tb);
+    V::store(ta, V::sub(rounded(V::mul(a, cv)), rounded(V::mul(b, sv))));
+    V::store(tb, V::add(rounded(V::mul(b, cv)), rounded(V::mul(a, sv))));
+    for (u64 t = i; t < n; ++t) {
+        x[t] = ta[t - i];
+        y[t] = tb[t - i];
+    }
+}
+
+template <class V, class D> VectorKernelSet<typename V::scalar> kernel_set(std::string_view name) noexcept {
+    using S = typename V::scalar;
+    VectorKernelSet<S> k;
+    k.name = name;
+    k.gemv_rows = &gemv_rows<V>;
+    k.squares_and_max = &squares_and_max<D, S>;
+    k.rotate = &rotate<V>;
+    return k;
+}
+
+} // namespace quillmark::cpu::vector_body
