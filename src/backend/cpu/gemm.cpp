@@ -6,6 +6,7 @@
 #include <new>
 
 #include "backend/cpu/gemm_microkernels.hpp"
+#include "backend/cpu/kernel_variants.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 #include "runtime/simd_selection.hpp"
 
@@ -91,24 +92,11 @@ void macro_kernel(const GemmKernelInfo<R>& kr, std::uint64_t mc, std::uint64_t n
 } // namespace
 
 template <class R> std::vector<GemmKernelInfo<R>> available_gemm_kernels() {
-    std::vector<GemmKernelInfo<R>> out{portable_kernel<R>()};
-    const CpuFeatureProbe probe = probe_cpu_features();
-    for (auto& k : simd_kernels<R>(avx2_usable(probe), avx512_usable(probe))) out.push_back(k);
-    return out;
+    return available_variants<GemmKernelInfo<R>>(portable_kernel<R>, simd_kernels<R>);
 }
 
 template <class R> const GemmKernelInfo<R>& default_gemm_kernel() {
-    static const GemmKernelInfo<R> chosen = [] {
-        std::string_view selection;
-        try {
-            selection = cpu_simd_selection();
-        } catch (...) {
-            return portable_kernel<R>();
-        }
-        for (auto& k : simd_kernels<R>(selection == "AVX2", selection == "AVX512"))
-            if (k.name == selection) return k;
-        return portable_kernel<R>();
-    }();
+    static const GemmKernelInfo<R> chosen = selected_variant<GemmKernelInfo<R>>(portable_kernel<R>, simd_kernels<R>);
     return chosen;
 }
 

@@ -3,6 +3,7 @@
 #include <emmintrin.h>
 
 #include "backend/cpu/vector_kernels_body.hpp"
+#include "backend/cpu/kernel_variants.hpp"
 #include "runtime/simd_selection.hpp"
 
 namespace quillmark::cpu {
@@ -69,24 +70,11 @@ template <class R> std::vector<VectorKernelSet<R>> simd_sets(bool avx2, bool avx
 } // namespace
 
 template <class R> std::vector<VectorKernelSet<R>> available_vector_kernels() {
-    std::vector<VectorKernelSet<R>> out{portable_set<R>()};
-    const CpuFeatureProbe probe = probe_cpu_features();
-    for (auto& k : simd_sets<R>(avx2_usable(probe), avx512_usable(probe))) out.push_back(k);
-    return out;
+    return available_variants<VectorKernelSet<R>>(portable_set<R>, simd_sets<R>);
 }
 
 template <class R> const VectorKernelSet<R>& default_vector_kernels() {
-    static const VectorKernelSet<R> chosen = [] {
-        std::string_view selection;
-        try {
-            selection = cpu_simd_selection();
-        } catch (...) {
-            return portable_set<R>();
-        }
-        for (auto& k : simd_sets<R>(selection == "AVX2", selection == "AVX512"))
-            if (k.name == selection) return k;
-        return portable_set<R>();
-    }();
+    static const VectorKernelSet<R> chosen = selected_variant<VectorKernelSet<R>>(portable_set<R>, simd_sets<R>);
     return chosen;
 }
 
