@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "catalogue/builtin_operations.hpp"
 #include "frontend/executor.hpp"
 #include "frontend/operation_bindings.hpp"
 #include "module_parts.hpp"
@@ -20,18 +21,9 @@ namespace {
 
 using namespace nb::literals;
 
-const OperationId& lu_factor_id() {
-    static const OperationId id("quillmark.lu_factor", 1);
-    return id;
-}
-const OperationId& solve_id() {
-    static const OperationId id("quillmark.solve", 1);
-    return id;
-}
-const OperationId& logdet_id() {
-    static const OperationId id("quillmark.logdet", 1);
-    return id;
-}
+const OperationId& lu_factor_id() { return builtin_operation_id(BuiltinOperation::lu_factor); }
+const OperationId& solve_id() { return builtin_operation_id(BuiltinOperation::solve); }
+const OperationId& logdet_id() { return builtin_operation_id(BuiltinOperation::logdet); }
 
 bool is_floating_storage(ScalarType type) noexcept {
     // The compiled pairs less int32.
