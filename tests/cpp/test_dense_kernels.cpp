@@ -1,6 +1,7 @@
 // Dense kernels against straightforward references, for every policy and complex layout.
 #include <gtest/gtest.h>
 
+#include <array>
 #include <cmath>
 #include <complex>
 #include <cstdint>
@@ -43,14 +44,10 @@ template <class Cf> struct Tr {
     // Reference values: exact wrapping integers, or double precision.
     using V = std::conditional_t<integer, std::int64_t, std::conditional_t<complex, std::complex<double>, double>>;
     // Unit roundoff of compute and of storage.
-    static constexpr double u_compute() {
-        return std::is_same_v<C, double> || std::is_same_v<C, std::complex<double>> ? 0x1p-53 : 0x1p-24;
-    }
-    static constexpr double u_storage() {
-        if constexpr (std::is_same_v<T, BFloat16>) return 0x1p-8;
-        else if constexpr (std::is_same_v<T, Float16>) return 0x1p-11;
-        else return u_compute();
-    }
+    static constexpr double u_compute =
+        std::is_same_v<C, double> || std::is_same_v<C, std::complex<double>> ? 0x1p-53 : 0x1p-24;
+    static constexpr double u_storage =
+        std::is_same_v<T, BFloat16> ? 0x1p-8 : std::is_same_v<T, Float16> ? 0x1p-11 : u_compute;
     static std::int64_t wrap(std::int64_t v) { return static_cast<std::int32_t>(static_cast<std::uint32_t>(v)); }
 };
 
@@ -95,19 +92,14 @@ template <class Cf> struct Arr {
 // A scalar: one element, or for split complex two adjacent components.
 template <class Cf> struct Scal {
     using X = Tr<Cf>;
-    Arr<Cf> b{1};
-    std::vector<typename X::T> parts = std::vector<typename X::T>(2);
+    Arr<Cf> b{2};
     typename X::K::Scalar view() {
-        if constexpr (X::split) return {parts.data()};
+        if constexpr (X::split) return {b.re.data()};
         else return {b.dense.data()};
     }
     typename X::V get() const {
-        if constexpr (X::split) return typename X::V(load_split<typename X::C>(parts.data(), parts.data() + 1, 0));
+        if constexpr (X::split) return typename X::V(load_split<typename X::C>(b.re.data(), b.re.data() + 1, 0));
         else return b.get(0);
-    }
-    void set(typename X::V v) {
-        if constexpr (X::split) store_split<typename X::T>(parts.data(), parts.data() + 1, 0, typename X::C(v));
-        else b.set(0, v);
     }
 };
 
@@ -175,8 +167,10 @@ TYPED_TEST(DenseKernels, ElementWiseMatchRoundedReference) {
         fill(x, rng);
         fill(y, rng);
         Scal<TypeParam> s;
-        s.set(random_value<TypeParam>(rng));
-        const double tol = 2 * X::u_storage() + 8 * X::u_compute();
+        const typename X::C sc(random_value<TypeParam>(rng));
+        if constexpr (X::split) store_split<typename X::T>(s.b.re.data(), s.b.re.data() + 1, 0, sc);
+        else s.b.set(0, V(sc));
+        const double tol = 2 * X::u_storage + 8 * X::u_compute;
         // want(i) gives the exact result and its error scale (complex products cancel).
         auto check = [&](auto run, auto want) {
             run();
@@ -219,7 +213,7 @@ TYPED_TEST(DenseKernels, ReductionsMatchReference) {
         Arr<TypeParam> x(n), y(n);
         fill(x, rng);
         fill(y, rng);
-        const double grow = 2 * X::u_storage() + 4 * double(n + 1) * X::u_compute();
+        const double grow = 2 * X::u_storage + 4 * double(n + 1) * X::u_compute;
         Scal<TypeParam> out;
         X::K::sum(x.vec(), out.view(), nullptr);
         expect_sum<TypeParam>(out.get(), n, [&](u64 i) { return x.get(i); }, grow);
@@ -238,25 +232,23 @@ TYPED_TEST(DenseKernels, ReductionsMatchReference) {
 
 TYPED_TEST(DenseKernels, MatmulAllLayoutsAndEdges) {
     using X = Tr<TypeParam>;
-    struct Shape {
-        u64 m, k, n;
-        bool all_layouts;
-    };
     std::mt19937_64 rng(13);
-    for (const Shape& sh : {Shape{1, 1, 1, true}, Shape{7, 7, 7, true}, Shape{3, 0, 4, false},
-                            Shape{33, 33, 33, false}, Shape{70, 130, 90, true}, Shape{257, 257, 257, false}})
-        for (int code = 0; code < (sh.all_layouts ? 8 : 1); ++code) {
-            SCOPED_TRACE(::testing::Message() << sh.m << "x" << sh.k << "x" << sh.n << " layouts " << code);
-            Arr<TypeParam> a(sh.m, sh.k, code & 1 ? kCol : kRow), b(sh.k, sh.n, code & 2 ? kCol : kRow),
-                c(sh.m, sh.n, code & 4 ? kCol : kRow);
+    // m, k, n and whether to try all eight layout combinations.
+    for (const auto sh : {std::array<u64, 4>{1, 1, 1, 1}, {7, 7, 7, 1}, {3, 0, 4, 0}, {33, 33, 33, 0}, {70, 130, 90, 1},
+                          {257, 257, 257, 0}})
+        for (int code = 0; code < (sh[3] ? 8 : 1); ++code) {
+            const u64 m = sh[0], k = sh[1], n = sh[2];
+            SCOPED_TRACE(::testing::Message() << m << "x" << k << "x" << n << " layouts " << code);
+            Arr<TypeParam> a(m, k, code & 1 ? kCol : kRow), b(k, n, code & 2 ? kCol : kRow),
+                c(m, n, code & 4 ? kCol : kRow);
             fill(a, rng);
             fill(b, rng);
             fill(c, rng); // stale contents must be overwritten
             X::K::matmul(a.mat(), b.mat(), c.mat(), nullptr);
-            const double tol = 2 * X::u_storage() + 8 * double(sh.k + 1) * X::u_compute();
-            for (u64 i = 0; i < sh.m; ++i)
-                for (u64 j = 0; j < sh.n; ++j)
-                    expect_sum<TypeParam>(c.get(i, j), sh.k, [&](u64 p) { return a.get(i, p) * b.get(p, j); }, tol);
+            const double tol = 2 * X::u_storage + 8 * double(k + 1) * X::u_compute;
+            for (u64 q = 0; q < m * n; ++q)
+                expect_sum<TypeParam>(
+                    c.get(q / n, q % n), k, [&](u64 p) { return a.get(q / n, p) * b.get(p, q % n); }, tol);
         }
 }
 
@@ -264,7 +256,7 @@ TYPED_TEST(DenseKernels, MatvecKronOuterTransposeTraceEye) {
     using X = Tr<TypeParam>;
     using V = typename X::V;
     std::mt19937_64 rng(14);
-    const double tol = 2 * X::u_storage() + 64 * X::u_compute();
+    const double tol = 2 * X::u_storage + 64 * X::u_compute;
     for (MatrixLayout layout : {kRow, kCol}) {
         SCOPED_TRACE(static_cast<int>(layout));
         Arr<TypeParam> a(37, 29, layout), x(29), y(37), out(37);
@@ -289,7 +281,8 @@ TYPED_TEST(DenseKernels, MatvecKronOuterTransposeTraceEye) {
         X::K::outer(y.vec(), x.vec(), o.mat(), nullptr); // lengths differ; no conjugation
         for (u64 i = 0; i < 37 * 3; ++i)
             for (u64 j = 0; j < 29 * 2; ++j)
-                expect_sum<TypeParam>(k.get(i, j), 1, [&](u64) { return a.get(i / 3, j / 2) * b.get(i % 3, j % 2); }, tol);
+                expect_sum<TypeParam>(
+                    k.get(i, j), 1, [&](u64) { return a.get(i / 3, j / 2) * b.get(i % 3, j % 2); }, tol);
         for (u64 i = 0; i < 37 * 29; ++i)
             expect_sum<TypeParam>(o.get(i / 29, i % 29), 1, [&](u64) { return y.get(i / 29) * x.get(i % 29); }, tol);
 
@@ -332,7 +325,7 @@ TYPED_TEST(DenseKernels, VectorEqualRules) {
             SCOPED_TRACE(::testing::Message() << c.a << " vs " << c.b);
             for (bool imag : {false, X::complex}) { // the imaginary component alone decides too
                 auto value = [&](double v) {
-                    if constexpr (X::complex) return V(imag ? std::complex<double>(0.5, v) : std::complex<double>(v, 0));
+                    if constexpr (X::complex) return imag ? V(0.5, v) : V(v, 0);
                     else return V(v);
                 };
                 y = x;
@@ -341,9 +334,9 @@ TYPED_TEST(DenseKernels, VectorEqualRules) {
                 EXPECT_EQ(equal(x, y), c.equal);
             }
         }
-        if constexpr (X::u_storage() == X::u_compute()) { // a last place of the compute type is tolerated
+        if constexpr (X::u_storage == X::u_compute) { // a last place of the compute type is tolerated
             y = x;
-            y.set(3, x.get(3) * V(1 + 2 * X::u_compute()));
+            y.set(3, x.get(3) * V(1 + 2 * X::u_compute));
             EXPECT_EQ(equal(x, y), 1);
         }
     }
@@ -361,8 +354,9 @@ TYPED_TEST(DenseKernels, PartialTracesMatrixPowerAndUnitarity) {
             X::K::kron(a.mat(), b.mat(), k.mat(), nullptr);
             X::K::partial_trace_left(k.mat(), left.mat(), nullptr);
             X::K::partial_trace_right(k.mat(), right.mat(), nullptr);
-            const V ta = a.get(0, 0) + a.get(1, 1) + a.get(2, 2), tb = b.get(0, 0) + b.get(1, 1) + b.get(2, 2) + b.get(3, 3);
-            const double tol = 16 * X::u_storage() + 128 * X::u_compute();
+            const V ta = a.get(0, 0) + a.get(1, 1) + a.get(2, 2),
+                    tb = b.get(0, 0) + b.get(1, 1) + b.get(2, 2) + b.get(3, 3);
+            const double tol = 16 * X::u_storage + 128 * X::u_compute;
             for (u64 i = 0; i < 16; ++i) expect_near<TypeParam>(left.get(i / 4, i % 4), ta * b.get(i / 4, i % 4), tol);
             for (u64 i = 0; i < 9; ++i) expect_near<TypeParam>(right.get(i / 3, i % 3), tb * a.get(i / 3, i % 3), tol);
         }
@@ -388,14 +382,15 @@ TYPED_TEST(DenseKernels, PartialTracesMatrixPowerAndUnitarity) {
                     ref.swap(next), bound.swap(nb);
                 }
                 // Intermediates in the compute type: only one storage rounding is allowed for.
-                const double tol = 2 * X::u_storage() + 16 * double(e * n + 1) * X::u_compute();
+                const double tol = 2 * X::u_storage + 16 * double(e * n + 1) * X::u_compute;
                 for (u64 q = 0; q < n * n; ++q)
                     expect_near<TypeParam>(out.get(q / n, q % n), ref[q], tol * bound[q] + 1e-300);
             }
         Arr<TypeParam> a(3, 3), out(3, 3);
         for (u64 i = 0; i < 9; ++i) out.set(i, V(7));
         std::int32_t negative = -1;
-        EXPECT_EQ(message_of<std::invalid_argument>([&] { X::K::matrix_power(a.mat(), {&negative}, out.mat(), nullptr); }),
+        EXPECT_EQ(message_of<std::invalid_argument>(
+                      [&] { X::K::matrix_power(a.mat(), {&negative}, out.mat(), nullptr); }),
                   "matrix_power - exponent must be non-negative");
         EXPECT_EQ(out.get(1, 2), V(7));
 
@@ -405,7 +400,8 @@ TYPED_TEST(DenseKernels, PartialTracesMatrixPowerAndUnitarity) {
         if constexpr (X::complex) ph = std::polar(1.0, 0.3);
         for (double factor : {1.0, 1.25}) {
             Arr<TypeParam> q(2, 2, kCol);
-            q.set(0, 0, factor * c), q.set(0, 1, -factor * s * ph), q.set(1, 0, factor * s * conj_if(ph)), q.set(1, 1, factor * c);
+            q.set(0, 0, factor * c), q.set(0, 1, -factor * s * ph);
+            q.set(1, 0, factor * s * conj_if(ph)), q.set(1, 1, factor * c);
             X::K::is_unitary(q.mat(), {&flag}, nullptr);
             EXPECT_EQ(flag, factor == 1.0 ? 1 : 0);
         }
@@ -510,32 +506,28 @@ TYPED_TEST_SUITE(GemmMicroKernels, MicroKernelTypes);
 
 TYPED_TEST(GemmMicroKernels, AgreeWithReference) {
     using R = TypeParam;
-    struct Shape {
-        u64 m, n, k;
-    };
     std::mt19937_64 rng(19);
     std::uniform_real_distribution<R> d(-1, 1);
     for (const auto& kernel : available_gemm_kernels<R>())
-        for (const Shape& s : {Shape{1, 1, 1}, Shape{7, 9, 5}, Shape{33, 257, 70}, Shape{257, 33, 600},
-                               Shape{5, 4100, 3}, Shape{200, 50, 1100}}) {
-            SCOPED_TRACE(::testing::Message() << kernel.name << " " << s.m << "x" << s.n << "x" << s.k);
-            std::vector<R> a(s.m * s.k), b(s.k * s.n), c(s.m * s.n, R(99));
+        for (const auto [m, n, k] :
+             {std::array<u64, 3>{1, 1, 1}, {7, 9, 5}, {33, 257, 70}, {257, 33, 600}, {5, 4100, 3}, {200, 50, 1100}}) {
+            SCOPED_TRACE(::testing::Message() << kernel.name << " " << m << "x" << n << "x" << k);
+            std::vector<R> a(m * k), b(k * n), c(m * n, R(99));
             for (auto& v : a) v = d(rng);
             for (auto& v : b) v = d(rng);
             // A column-major, B row-major.
-            const RealPanelSource<R, R> left{a.data(), 1, s.m}, right{b.data(), 1, s.n};
-            gemm<R>(kernel, s.m, s.n, s.k, left.packer(), right.packer(), c.data(), s.n, nullptr);
+            const RealPanelSource<R, R> left{a.data(), 1, m}, right{b.data(), 1, n};
+            gemm<R>(kernel, m, n, k, left.packer(), right.packer(), c.data(), n, nullptr);
             u64 bad = 0;
-            for (u64 i = 0; i < s.m; ++i)
-                for (u64 j = 0; j < s.n; ++j) {
-                    double want = 0, bound = 0;
-                    for (u64 p = 0; p < s.k; ++p) {
-                        want += double(a[p * s.m + i]) * double(b[p * s.n + j]);
-                        bound += std::fabs(double(a[p * s.m + i]) * double(b[p * s.n + j]));
-                    }
-                    const double tol = 2.0 * double(s.k) * std::numeric_limits<R>::epsilon() * bound + 1e-30;
-                    bad += std::fabs(double(c[i * s.n + j]) - want) <= tol ? 0 : 1;
+            for (u64 q = 0; q < m * n; ++q) {
+                double want = 0, bound = 0;
+                for (u64 p = 0; p < k; ++p) {
+                    const double t = double(a[p * m + q / n]) * double(b[p * n + q % n]);
+                    want += t, bound += std::fabs(t);
                 }
+                const double tol = 2.0 * double(k) * std::numeric_limits<R>::epsilon() * bound + 1e-30;
+                bad += std::fabs(double(c[q]) - want) <= tol ? 0 : 1;
+            }
             EXPECT_EQ(bad, 0u);
         }
 }
