@@ -49,8 +49,6 @@ private:
     std::uint32_t handle_ = 0;
 };
 
-enum class ProvenanceOrigin : std::uint32_t { builtin = 0, native = 1, native_plugin = 2 };
-
 class RegistrationProvenance {
 public:
     RegistrationProvenance(std::uint32_t origin, std::string owner_id, std::optional<std::string> version);

@@ -4,7 +4,6 @@
 #include <bit>
 #include <complex>
 #include <cstdint>
-#include <type_traits>
 
 namespace quillmark {
 
@@ -105,15 +104,5 @@ struct Complex32 {
 };
 
 static_assert(sizeof(BFloat16) == 2 && sizeof(Float16) == 2 && sizeof(Complex32) == 4);
-
-// Storage -> compute and compute -> storage, the one rounding point of every kernel.
-template <class C, class S> constexpr C load_as(const S& s) noexcept {
-    if constexpr (std::is_same_v<S, C>) return s;
-    else return static_cast<C>(s);
-}
-template <class S, class C> constexpr S store_as(const C& c) noexcept {
-    if constexpr (std::is_same_v<S, C>) return c;
-    else return S(c);
-}
 
 } // namespace quillmark
