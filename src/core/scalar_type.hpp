@@ -106,6 +106,10 @@ using PolicyC64 = NumericPolicy<std::complex<float>, std::complex<float>>;
 using PolicyC128 = NumericPolicy<std::complex<double>, std::complex<double>>;
 using PolicyI32 = NumericPolicy<std::int32_t, std::int32_t>;
 
+// The compiled policies as lists for explicit template instantiation: M(Policy) per entry.
+#define QUILLMARK_REAL_POLICIES(M) M(PolicyF32) M(PolicyF64) M(PolicyBF16) M(PolicyF16) M(PolicyI32)
+#define QUILLMARK_COMPLEX_POLICIES(M) M(PolicyC32) M(PolicyC64) M(PolicyC128)
+
 // Calls f(Policy{}) for each of the seven floating policies.
 template <class F> void for_each_floating_policy(F&& f) {
     f(PolicyF32{});

@@ -79,13 +79,7 @@ template <class P> BorrowedDenseHostComplexInterleavedMatrix<P>::BorrowedDenseHo
     template class BorrowedDenseHostComplexSplitScalar<P>;                                                   \
     template class BorrowedDenseHostComplexInterleavedVector<P>;                                             \
     template class BorrowedDenseHostComplexInterleavedMatrix<P>;
-QM_REAL(PolicyF32)
-QM_REAL(PolicyF64)
-QM_REAL(PolicyBF16)
-QM_REAL(PolicyF16)
-QM_REAL(PolicyI32)
-QM_COMPLEX(PolicyC32)
-QM_COMPLEX(PolicyC64)
-QM_COMPLEX(PolicyC128)
+QUILLMARK_REAL_POLICIES(QM_REAL)
+QUILLMARK_COMPLEX_POLICIES(QM_COMPLEX)
 
 } // namespace quillmark

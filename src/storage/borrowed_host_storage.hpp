@@ -82,14 +82,8 @@ public:
     extern template class BorrowedDenseHostComplexSplitScalar<P>;                                            \
     extern template class BorrowedDenseHostComplexInterleavedVector<P>;                                      \
     extern template class BorrowedDenseHostComplexInterleavedMatrix<P>;
-QM_EXTERN_REAL(PolicyF32)
-QM_EXTERN_REAL(PolicyF64)
-QM_EXTERN_REAL(PolicyBF16)
-QM_EXTERN_REAL(PolicyF16)
-QM_EXTERN_REAL(PolicyI32)
-QM_EXTERN_COMPLEX(PolicyC32)
-QM_EXTERN_COMPLEX(PolicyC64)
-QM_EXTERN_COMPLEX(PolicyC128)
+QUILLMARK_REAL_POLICIES(QM_EXTERN_REAL)
+QUILLMARK_COMPLEX_POLICIES(QM_EXTERN_COMPLEX)
 #undef QM_EXTERN_REAL
 #undef QM_EXTERN_COMPLEX
 

@@ -226,14 +226,8 @@ BufferDescriptor DenseHostEigenValues<P>::describe_buffer(std::size_t index) con
     template class BoundComplexScalarEntity<P>;                                                              \
     template class DenseHostEigenValues<P>;                                                                  \
     template class DenseHostLUDecompColMajor<P>;
-QM_REAL(PolicyF32)
-QM_REAL(PolicyF64)
-QM_REAL(PolicyBF16)
-QM_REAL(PolicyF16)
-QM_REAL(PolicyI32)
-QM_COMPLEX(PolicyC32)
-QM_COMPLEX(PolicyC64)
-QM_COMPLEX(PolicyC128)
+QUILLMARK_REAL_POLICIES(QM_REAL)
+QUILLMARK_COMPLEX_POLICIES(QM_COMPLEX)
 template class DenseHostLUDecompColMajor<PolicyF32>;
 template class DenseHostLUDecompColMajor<PolicyF64>;
 template class DenseHostLUDecompColMajor<PolicyBF16>;

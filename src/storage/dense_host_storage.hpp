@@ -211,14 +211,8 @@ private:
     extern template class BoundComplexScalarEntity<P>;                                                       \
     extern template class DenseHostEigenValues<P>;                                                           \
     extern template class DenseHostLUDecompColMajor<P>;
-QM_EXTERN_REAL(PolicyF32)
-QM_EXTERN_REAL(PolicyF64)
-QM_EXTERN_REAL(PolicyBF16)
-QM_EXTERN_REAL(PolicyF16)
-QM_EXTERN_REAL(PolicyI32)
-QM_EXTERN_COMPLEX(PolicyC32)
-QM_EXTERN_COMPLEX(PolicyC64)
-QM_EXTERN_COMPLEX(PolicyC128)
+QUILLMARK_REAL_POLICIES(QM_EXTERN_REAL)
+QUILLMARK_COMPLEX_POLICIES(QM_EXTERN_COMPLEX)
 extern template class DenseHostLUDecompColMajor<PolicyF32>;
 extern template class DenseHostLUDecompColMajor<PolicyF64>;
 extern template class DenseHostLUDecompColMajor<PolicyBF16>;
