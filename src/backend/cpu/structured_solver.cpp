@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "backend/cpu/structured_solver_lu.hpp"
 #include "backend/cpu/vector_kernels.hpp"
 #include "core/errors.hpp"
 
@@ -71,33 +72,15 @@ template <class To, class From> inline To convert(const From& v) noexcept {
         return static_cast<To>(v);
 }
 
-// Magnitude used to rank pivot candidates; a complex modulus that overflows is taken of the
-// halved value and ranks above every unscaled key.
-template <class R> struct PivotKey {
-    R magnitude = 0;
-    bool scaled = false;
-};
-
-template <class C> inline PivotKey<RealOf<C>> pivot_key(const C& v) noexcept {
+// The magnitude by which the elimination ranked the pivot v: a complex modulus that overflows
+// is taken of the halved value.
+template <class C> inline RealOf<C> pivot_magnitude(const C& v) noexcept {
     using R = RealOf<C>;
-    if constexpr (kComplex<C>) {
-        const R m = std::abs(v);
+    const R m = std::abs(v);
+    if constexpr (kComplex<C>)
         if (!std::isfinite(m))
-            return {std::abs(v * R(0.5)), true};
-        return {m, false};
-    } else {
-        return {std::fabs(v), false};
-    }
-}
-
-template <class R> inline bool ranks_above(const PivotKey<R>& a, const PivotKey<R>& b) noexcept {
-    if (a.scaled != b.scaled)
-        return a.scaled;
-    return a.magnitude > b.magnitude;
-}
-
-template <class R> inline bool is_zero_key(const PivotKey<R>& k) noexcept {
-    return !k.scaled && k.magnitude == 0;
+            return std::abs(v * R(0.5));
+    return m;
 }
 
 // ln|v| without overflow of the complex modulus.
@@ -136,6 +119,10 @@ inline void require_square(const MatrixGeometry& g, const char* message) {
 inline std::int32_t status_of(std::uint64_t value) noexcept {
     return static_cast<std::int32_t>(
         std::min<std::uint64_t>(value, std::numeric_limits<std::int32_t>::max()));
+}
+
+inline MatrixLayout other_layout(MatrixLayout layout) noexcept {
+    return layout == MatrixLayout::column_major ? MatrixLayout::row_major : MatrixLayout::column_major;
 }
 
 // Private row-major copy in the working type W.
@@ -401,65 +388,40 @@ void hermitian_eigen(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* 
 
 } // namespace
 
-template <class C> std::int64_t lu_factor(C* a, const MatrixGeometry& g, std::int64_t* pivots) {
+template <class C>
+std::int64_t lu_factor(C* a, const MatrixGeometry& g, std::int64_t* pivots, const CpuRuntimeContext* ctx) {
     require_square(g, "LU factorisation - matrix must be square");
     const std::uint64_t n = g.rows;
     if (n > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
         throw std::overflow_error("size exceeds destination integer range");
-    const Strides st = strides_of(g);
-    std::int64_t swaps = 0;
-    for (std::uint64_t k = 0; k < n; ++k) {
-        std::uint64_t p = k;
-        PivotKey<RealOf<C>> best{};
-        for (std::uint64_t i = k; i < n; ++i) {
-            const C v = a[i * st.row + k * st.col];
-            if (!is_finite(v))
-                throw std::invalid_argument("LU factorisation - non-finite pivot");
-            const auto key = pivot_key(v);
-            if (i == k || ranks_above(key, best)) {
-                best = key;
-                p = i;
-            }
-        }
-        if (is_zero_key(best))
-            throw SolverError(kLibrary, status_of(k), "zero LU pivot", "quillmark.lu_factor",
-                              "LU factorisation - singular matrix at pivot " + std::to_string(k),
-                              ErrorReason::singular);
-        pivots[k] = static_cast<std::int64_t>(p + 1);
-        if (p != k) {
-            for (std::uint64_t j = 0; j < n; ++j)
-                std::swap(a[k * st.row + j * st.col], a[p * st.row + j * st.col]);
-            ++swaps;
-        }
-        const C pivot = a[k * (st.row + st.col)];
-        for (std::uint64_t i = k + 1; i < n; ++i) {
-            C& e = a[i * st.row + k * st.col];
-            const C m = e / pivot;
-            if (e != C(0) && m == C(0))
-                throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.lu_factor",
-                                  "LU multiplier range cannot be preserved", ErrorReason::solver_failure);
-            e = m;
-        }
-        // Trailing update, ordered so the inner loop runs along contiguous memory.
-        if (st.row == 1) {
-            for (std::uint64_t j = k + 1; j < n; ++j) {
-                const C t = a[k + j * st.col];
-                C* column = a + j * st.col;
-                const C* multipliers = a + k * st.col;
-                for (std::uint64_t i = k + 1; i < n; ++i)
-                    column[i] -= mul(multipliers[i], t);
-            }
-        } else {
-            const C* pivot_row = a + k * st.row;
-            for (std::uint64_t i = k + 1; i < n; ++i) {
-                C* row = a + i * st.row;
-                const C m = row[k];
-                for (std::uint64_t j = k + 1; j < n; ++j)
-                    row[j] -= mul(m, pivot_row[j]);
-            }
-        }
+    // The elimination runs on columns; a row-major matrix goes through a transposed copy.
+    std::vector<C> transposed;
+    C* work = a;
+    if (g.layout != MatrixLayout::column_major && n > 1) {
+        transposed.resize(n * n);
+        for (std::uint64_t i = 0; i < n; ++i)
+            for (std::uint64_t j = 0; j < n; ++j) transposed[j * n + i] = a[i * n + j];
+        work = transposed.data();
     }
-    return swaps;
+    const LuOutcome outcome =
+        lu_eliminate<C, RealOf<C>>(work, n, pivots, default_lu_kernels<RealOf<C>>(), kLuBlock, ctx);
+    if (work != a)
+        for (std::uint64_t i = 0; i < n; ++i)
+            for (std::uint64_t j = 0; j < n; ++j) a[i * n + j] = transposed[j * n + i];
+    switch (outcome.stop) {
+    case LuStop::none:
+        break;
+    case LuStop::non_finite:
+        throw std::invalid_argument("LU factorisation - non-finite pivot");
+    case LuStop::singular:
+        throw SolverError(kLibrary, status_of(outcome.step), "zero LU pivot", "quillmark.lu_factor",
+                          "LU factorisation - singular matrix at pivot " + std::to_string(outcome.step),
+                          ErrorReason::singular);
+    case LuStop::underflow:
+        throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.lu_factor",
+                          "LU multiplier range cannot be preserved", ErrorReason::solver_failure);
+    }
+    return outcome.swaps;
 }
 
 template <class C>
@@ -580,57 +542,44 @@ template <class W> RealOf<W> normalise_determinant(W* data, std::uint64_t n, std
     return std::numbers::ln2_v<R> * static_cast<R>(s) * static_cast<R>(n);
 }
 
-template <class C> SignedLogDeterminant<C> slogdet(const C* a, const MatrixGeometry& g) {
+template <class C> SignedLogDeterminant<C> slogdet(const C* a, const MatrixGeometry& g, const CpuRuntimeContext* ctx) {
     using W = Widened<C>;
     using RW = RealOf<W>;
     using R = RealOf<C>;
     require_square(g, "slogdet/logdet_positive_definite - input must be square");
     const std::uint64_t n = g.rows;
-    std::vector<W> w = row_major_copy<W>(a, g);
+    // The private copy is column-major, the layout the elimination runs on.
+    std::vector<W> w = row_major_copy<W>(a, MatrixGeometry{n, n, other_layout(g.layout)});
     const RW correction = normalise_determinant(w.data(), n, "quillmark.slogdet");
     if (n == 0)
         return {C(1), static_cast<R>(RW(0) - correction)};
+    std::vector<std::int64_t> pivots(n);
+    const LuOutcome outcome =
+        lu_eliminate<W, RW>(w.data(), n, pivots.data(), default_lu_kernels<RW>(), kLuBlock, ctx);
+    switch (outcome.stop) {
+    case LuStop::none:
+        break;
+    case LuStop::non_finite:
+        throw std::runtime_error("slogdet - non-finite LU pivot");
+    case LuStop::singular:
+        return {C(0), -std::numeric_limits<R>::infinity()};
+    case LuStop::underflow:
+        throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.slogdet",
+                          "slogdet - LU multiplier range cannot be preserved", ErrorReason::solver_failure);
+    }
     W sign(1);
     RW log_magnitude = 0;
     for (std::uint64_t k = 0; k < n; ++k) {
-        std::uint64_t p = k;
-        PivotKey<RW> best{};
-        for (std::uint64_t i = k; i < n; ++i) {
-            const W v = w[i * n + k];
-            if (!is_finite(v))
-                throw std::runtime_error("slogdet - non-finite LU pivot");
-            const auto key = pivot_key(v);
-            if (i == k || ranks_above(key, best)) {
-                best = key;
-                p = i;
-            }
-        }
-        if (is_zero_key(best))
-            return {C(0), -std::numeric_limits<R>::infinity()};
-        W* row_k = w.data() + k * n;
-        if (p != k) {
-            std::swap_ranges(row_k + k, row_k + n, w.data() + p * n + k);
+        if (static_cast<std::uint64_t>(pivots[k]) != k + 1)
             sign = -sign;
-        }
-        const W u = row_k[k];
+        const W u = w[k * n + k];
         log_magnitude += log_abs(u);
         if constexpr (kComplex<W>) {
-            const W q = u / best.magnitude;
+            const W q = u / pivot_magnitude(u);
             sign = mul(sign, q / std::abs(q));
         } else {
             if (u < 0)
                 sign = -sign;
-        }
-        for (std::uint64_t i = k + 1; i < n; ++i) {
-            W* row = w.data() + i * n;
-            const W e = row[k];
-            const W m = e / u;
-            if (e != W(0) && m == W(0))
-                throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.slogdet",
-                                  "slogdet - LU multiplier range cannot be preserved",
-                                  ErrorReason::solver_failure);
-            for (std::uint64_t j = k + 1; j < n; ++j)
-                row[j] -= mul(m, row_k[j]);
         }
     }
     if constexpr (kComplex<W>)
@@ -701,10 +650,10 @@ template <class C> RealOf<C> logdet_positive_definite(const C* a, const MatrixGe
 }
 
 #define QUILLMARK_STRUCTURED_SOLVER(C)                                                                       \
-    template std::int64_t lu_factor<C>(C*, const MatrixGeometry&, std::int64_t*);                            \
+    template std::int64_t lu_factor<C>(C*, const MatrixGeometry&, std::int64_t*, const CpuRuntimeContext*);                            \
     template void lu_solve<C>(const C*, const MatrixGeometry&, const std::int64_t*, C*, std::uint64_t);      \
     template std::complex<RealOf<C>> lu_logdet<C>(const C*, const MatrixGeometry&, std::int64_t);            \
-    template SignedLogDeterminant<C> slogdet<C>(const C*, const MatrixGeometry&);                            \
+    template SignedLogDeterminant<C> slogdet<C>(const C*, const MatrixGeometry&, const CpuRuntimeContext*);                            \
     template RealOf<C> normalise_determinant<C>(C*, std::uint64_t, std::string_view);                        \
     template double hermitian_tolerance<C>(std::uint64_t);                                                   \
     template void validate_hermitian_input<C>(const C*, const MatrixGeometry&, bool, std::string_view);      \

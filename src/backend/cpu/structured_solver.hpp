@@ -16,6 +16,10 @@
 
 #include "storage/views.hpp"
 
+namespace quillmark {
+class CpuRuntimeContext;
+}
+
 namespace quillmark::cpu {
 
 template <class C> struct ScalarParts {
@@ -33,7 +37,10 @@ template <class C> using RealOf = typename ScalarParts<C>::real;
 // Throws std::invalid_argument "LU factorisation - non-finite pivot"; SolverError `singular`
 // (native status k) or `solver_failure` (multiplier underflow); std::overflow_error
 // "size exceeds destination integer range". On a SolverError the matrix is partly eliminated.
-template <class C> std::int64_t lu_factor(C* factors, const MatrixGeometry& geometry, std::int64_t* pivots);
+// The trailing updates spread over ctx's workers when one is given.
+template <class C>
+std::int64_t lu_factor(C* factors, const MatrixGeometry& geometry, std::int64_t* pivots,
+                       const CpuRuntimeContext* ctx = nullptr);
 
 // Solves A x = b in place from the LU factors; x holds b on entry and is reached with the given
 // element stride (a column of a row-major right-hand-side block has stride k). Every pivot is
@@ -56,7 +63,8 @@ template <class C> struct SignedLogDeterminant {
     C sign;
     RealOf<C> log_magnitude;
 };
-template <class C> SignedLogDeterminant<C> slogdet(const C* matrix, const MatrixGeometry& geometry);
+template <class C>
+SignedLogDeterminant<C> slogdet(const C* matrix, const MatrixGeometry& geometry, const CpuRuntimeContext* ctx = nullptr);
 
 // Rescales a flattened n x n matrix (either layout) whose smallest non-zero part is subnormal by
 // an even power of two 2^s and returns ln 2 * s * n, the excess of the scaled log-determinant;
