@@ -211,14 +211,14 @@ void pack_row_block(const C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t
     }
 }
 
-// A(i, j) -= sum over p of L(i, k0 + p) U(k0 + p, j) for i, j >= k1, as the real product
-// C^T -= U^T L^T on the column-major storage read as rows of C^T.
+// A(i, j) -= sum over p of L(i, k0 + p) U(k0 + p, j) for rows k1 <= i < r1 and columns c0 <= j < c1,
+// as the real product C^T -= U^T L^T on the column-major storage read as rows of C^T.
 template <class C, class R>
-void trailing_update(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, const LuUpdateKernels<R>& kr,
-                     const CpuRuntimeContext* ctx) {
+void trailing_update(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, std::uint64_t r1, std::uint64_t c0,
+                     std::uint64_t c1, const LuUpdateKernels<R>& kr, const CpuRuntimeContext* ctx) {
     constexpr std::uint64_t w = IsComplex<C>::value ? 2 : 1;
-    const std::uint64_t depth = k1 - k0, rows = n - k1, cols = n - k1;
-    if (rows == 0 || depth == 0) return;
+    const std::uint64_t depth = k1 - k0, rows = r1 - k1, cols = c1 - c0;
+    if (rows == 0 || depth == 0 || cols == 0) return;
     const std::uint32_t MR = kr.mr, NR = kr.nr;
     const std::uint64_t kd = depth * w;
     const std::uint64_t lines = rows * w;
@@ -234,8 +234,8 @@ void trailing_update(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, 
         Aligned<R> upack(mc * kd);
         alignas(64) R scratch[16 * 64];
         for (std::uint64_t blk = first; blk < last; ++blk) {
-            const std::uint64_t j0 = k1 + blk * mc;
-            const std::uint64_t jc = std::min(mc, n - j0);
+            const std::uint64_t j0 = c0 + blk * mc;
+            const std::uint64_t jc = std::min(mc, c1 - j0);
             pack_row_block<C, R>(a, n, k0, depth, j0, jc, MR, upack.data);
             for (std::uint64_t s0 = 0; s0 < lines; s0 += NR) {
                 const std::uint64_t ns = std::min<std::uint64_t>(NR, lines - s0);
@@ -261,6 +261,44 @@ void trailing_update(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, 
     else ctx->parallel_for_chunks(0, blocks, 2 * rows * cols * depth * w * w, ChunkBody(std::ref(run)));
 }
 
+// Rows k0 .. k1-1 of columns [c0, c1): forward substitution with the unit lower block.
+template <class C, class R>
+void solve_row_block(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, std::uint64_t c0, std::uint64_t c1,
+                     const LuUpdateKernels<R>& kernels) {
+    if (c1 <= c0) return;
+    constexpr std::uint64_t kLeaf = 16;
+    if (k1 - k0 > kLeaf) {
+        const std::uint64_t mid = k0 + (k1 - k0) / 2;
+        solve_row_block(a, n, k0, mid, c0, c1, kernels);
+        trailing_update<C, R>(a, n, k0, mid, k1, c0, c1, kernels, nullptr);
+        solve_row_block(a, n, mid, k1, c0, c1, kernels);
+        return;
+    }
+    const R* l = reinterpret_cast<const R*>(a + k0 * n + k0);
+    R* b = reinterpret_cast<R*>(a + c0 * n + k0);
+    if constexpr (IsComplex<C>::value) kernels.complex_lower_solve(k1 - k0, c1 - c0, l, n, b);
+    else kernels.lower_solve(k1 - k0, c1 - c0, l, n, b);
+}
+
+// Steps k0 .. k1-1 on columns k0 .. k1-1, halving the panel so that most of its work runs through
+// the packed update; exchanges reach only these columns.
+template <class C, class R>
+LuOutcome factor_columns(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, std::int64_t* pivots,
+                         const LuUpdateKernels<R>& kernels, LuOutcome outcome) {
+    constexpr std::uint64_t kLeaf = 16;
+    if (k1 - k0 <= kLeaf) return factor_panel(a, n, k0, k1, pivots, kernels, outcome);
+    const std::uint64_t mid = k0 + (k1 - k0) / 2;
+    outcome = factor_columns(a, n, k0, mid, pivots, kernels, outcome);
+    if (outcome.stop != LuStop::none) return outcome;
+    swap_rows(a, n, k0, mid, pivots, mid, k1);
+    solve_row_block(a, n, k0, mid, mid, k1, kernels);
+    trailing_update<C, R>(a, n, k0, mid, n, mid, k1, kernels, nullptr);
+    outcome = factor_columns(a, n, mid, k1, pivots, kernels, outcome);
+    if (outcome.stop != LuStop::none) return outcome;
+    swap_rows(a, n, mid, k1, pivots, k0, mid);
+    return outcome;
+}
+
 } // namespace
 
 template <class R> std::vector<LuUpdateKernels<R>> available_lu_kernels() {
@@ -279,18 +317,12 @@ LuOutcome lu_eliminate(C* a, std::uint64_t n, std::int64_t* pivots, const LuUpda
     LuOutcome outcome;
     for (std::uint64_t k0 = 0; k0 < n; k0 += block) {
         const std::uint64_t k1 = std::min(n, k0 + block);
-        outcome = factor_panel(a, n, k0, k1, pivots, kernels, outcome);
+        outcome = factor_columns(a, n, k0, k1, pivots, kernels, outcome);
         if (outcome.stop != LuStop::none) return outcome;
         swap_rows(a, n, k0, k1, pivots, 0, k0);
         swap_rows(a, n, k0, k1, pivots, k1, n);
-        // Rows k0 .. k1-1 of the remaining columns: forward substitution with the unit lower block.
-        if (k1 < n) {
-            const R* l = reinterpret_cast<const R*>(a + k0 * n + k0);
-            R* b = reinterpret_cast<R*>(a + k1 * n + k0);
-            if constexpr (IsComplex<C>::value) kernels.complex_lower_solve(k1 - k0, n - k1, l, n, b);
-            else kernels.lower_solve(k1 - k0, n - k1, l, n, b);
-        }
-        trailing_update<C, R>(a, n, k0, k1, kernels, ctx);
+        solve_row_block(a, n, k0, k1, k1, n, kernels);
+        trailing_update<C, R>(a, n, k0, k1, n, k1, n, kernels, ctx);
     }
     return outcome;
 }

@@ -48,7 +48,7 @@ struct LuOutcome {
     std::int64_t swaps = 0;
 };
 
-inline constexpr std::uint64_t kLuBlock = 64;
+inline constexpr std::uint64_t kLuBlock = 128;
 
 // Factorises the column-major matrix a (leading dimension n) in place; pivots[k] receives the
 // 1-based row exchanged at step k. C is float, double, std::complex<float> or
