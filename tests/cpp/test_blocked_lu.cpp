@@ -5,6 +5,7 @@
 #include <cmath>
 #include <complex>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <string>
 #include <utility>
@@ -136,6 +137,44 @@ TYPED_TEST(BlockedLu, MatchesTheColumnByColumnEliminationBitForBit) {
                     EXPECT_EQ(pivots, expected_pivots) << where;
                     EXPECT_TRUE(same_bits(got, expected)) << where;
                 }
+            }
+        }
+    }
+}
+
+// Blocked and one-panel Cholesky agree bit for bit, also on the failing pivot of an indefinite
+// matrix; the kernels agree with each other.
+TYPED_TEST(BlockedLu, CholeskyBlocksMatchOnePanel) {
+    using C = TypeParam;
+    using R = RealT<C>;
+    const R eps = std::numeric_limits<R>::epsilon();
+    for (const u64 n : {u64(kCholeskyBlock + 5), u64(2 * kCholeskyBlock + 1)}) {
+        for (const bool definite : {true, false}) {
+            const std::vector<C> b = matrix<C>(Kind::random, n, unsigned(n));
+            std::vector<C> a(n * n);
+            for (u64 i = 0; i < n; ++i)
+                for (u64 j = 0; j < n; ++j) {
+                    C s = i == j ? C(definite ? R(n) : R(0.5)) : C(0);
+                    for (u64 k = 0; k < n; ++k) {
+                        if constexpr (kIsComplex<C>) s += b[i + k * n] * std::conj(b[j + k * n]);
+                        else s += b[i + k * n] * b[j + k * n];
+                    }
+                    a[i + j * n] = s;
+                }
+            if (!definite) a[(n - 3) * (n + 1)] = C(-1);
+            std::vector<C> one = a;
+            std::vector<R> one_pivots(n);
+            const auto reference =
+                cholesky_eliminate<C, R>(one.data(), n, eps, one_pivots.data(), available_lu_kernels<R>()[0], 0, nullptr);
+            EXPECT_EQ(reference.positive, definite);
+            for (const auto& kernels : available_lu_kernels<R>()) {
+                std::vector<C> got = a;
+                std::vector<R> pivots(n);
+                const auto have = cholesky_eliminate<C, R>(got.data(), n, eps, pivots.data(), kernels, 8, nullptr);
+                ASSERT_EQ(have.positive, reference.positive) << kernels.name;
+                EXPECT_EQ(have.step, reference.step) << kernels.name;
+                const u64 valid = reference.positive ? n : reference.step;
+                EXPECT_EQ(0, std::memcmp(pivots.data(), one_pivots.data(), valid * sizeof(R))) << kernels.name;
             }
         }
     }

@@ -121,18 +121,14 @@ inline std::int32_t status_of(std::uint64_t value) noexcept {
         std::min<std::uint64_t>(value, std::numeric_limits<std::int32_t>::max()));
 }
 
-inline MatrixLayout other_layout(MatrixLayout layout) noexcept {
-    return layout == MatrixLayout::column_major ? MatrixLayout::row_major : MatrixLayout::column_major;
-}
-
-// Private row-major copy in the working type W.
-template <class W, class C> std::vector<W> row_major_copy(const C* a, const MatrixGeometry& g) {
+// Private column-major copy in the working type W (the layout the eliminations run on).
+template <class W, class C> std::vector<W> column_major_copy(const C* a, const MatrixGeometry& g) {
     const std::uint64_t n = g.rows;
     std::vector<W> w(n * n);
     const Strides st = strides_of(g);
-    for (std::uint64_t i = 0; i < n; ++i)
-        for (std::uint64_t j = 0; j < n; ++j)
-            w[i * n + j] = convert<W>(a[i * st.row + j * st.col]);
+    for (std::uint64_t j = 0; j < n; ++j)
+        for (std::uint64_t i = 0; i < n; ++i)
+            w[j * n + i] = convert<W>(a[i * st.row + j * st.col]);
     return w;
 }
 
@@ -548,8 +544,7 @@ template <class C> SignedLogDeterminant<C> slogdet(const C* a, const MatrixGeome
     using R = RealOf<C>;
     require_square(g, "slogdet/logdet_positive_definite - input must be square");
     const std::uint64_t n = g.rows;
-    // The private copy is column-major, the layout the elimination runs on.
-    std::vector<W> w = row_major_copy<W>(a, MatrixGeometry{n, n, other_layout(g.layout)});
+    std::vector<W> w = column_major_copy<W>(a, g);
     const RW correction = normalise_determinant(w.data(), n, "quillmark.slogdet");
     if (n == 0)
         return {C(1), static_cast<R>(RW(0) - correction)};
@@ -608,7 +603,8 @@ template <class C> void eigvalsh(const C* a, const MatrixGeometry& g, RealOf<C>*
     hermitian_eigen<C>(a, g, values, nullptr, nullptr, "quillmark.eigvalsh");
 }
 
-template <class C> RealOf<C> logdet_positive_definite(const C* a, const MatrixGeometry& g) {
+template <class C>
+RealOf<C> logdet_positive_definite(const C* a, const MatrixGeometry& g, const CpuRuntimeContext* ctx) {
     using W = Widened<C>;
     using RW = RealOf<W>;
     using R = RealOf<C>;
@@ -616,36 +612,22 @@ template <class C> RealOf<C> logdet_positive_definite(const C* a, const MatrixGe
     require_square(g, "slogdet/logdet_positive_definite - input must be square");
     const std::uint64_t n = g.rows;
     validate_input(a, g, true, tolerance_for<C>(n), kOperation);
-    std::vector<W> w = row_major_copy<W>(a, g);
+    std::vector<W> w = column_major_copy<W>(a, g);
     const RW correction = normalise_determinant(w.data(), n, kOperation);
     if (n == 0)
         return static_cast<R>(RW(0) - correction);
     const RW eps = static_cast<RW>(std::numeric_limits<R>::epsilon());
+    std::vector<RW> pivots(n);
+    const CholeskyOutcome<RW> outcome =
+        cholesky_eliminate<W, RW>(w.data(), n, eps, pivots.data(), default_lu_kernels<RW>(), kCholeskyBlock, ctx);
+    if (!outcome.positive)
+        throw SolverError(kLibrary, status_of(outcome.step + 1), "non-positive Cholesky pivot", kOperation,
+                          "logdet_positive_definite - matrix is not positive definite at pivot " +
+                              std::to_string(outcome.step),
+                          ErrorReason::solver_failure);
     RW sum = 0;
-    // L overwrites the lower triangle of the copy.
-    for (std::uint64_t j = 0; j < n; ++j) {
-        const W* row_j = w.data() + j * n;
-        const RW ajj = real_part(row_j[j]);
-        RW x = ajj;
-        for (std::uint64_t k = 0; k < j; ++k)
-            x -= std::norm(row_j[k]);
-        const RW tau = std::fabs(ajj) * eps * static_cast<RW>(4 * j + 1);
-        if (!std::isfinite(x) || x <= 0 || x <= tau)
-            throw SolverError(kLibrary, status_of(j + 1), "non-positive Cholesky pivot", kOperation,
-                              "logdet_positive_definite - matrix is not positive definite at pivot " +
-                                  std::to_string(j),
-                              ErrorReason::solver_failure);
-        const RW ljj = std::sqrt(x);
-        w[j * n + j] = W(ljj);
-        sum += std::log(x);
-        for (std::uint64_t i = j + 1; i < n; ++i) {
-            W* row_i = w.data() + i * n;
-            W s = row_i[j];
-            for (std::uint64_t k = 0; k < j; ++k)
-                s -= mul(row_i[k], conj_of(row_j[k]));
-            row_i[j] = s / ljj;
-        }
-    }
+    for (std::uint64_t j = 0; j < n; ++j)
+        sum += std::log(pivots[j]);
     return static_cast<R>(sum - correction);
 }
 
@@ -659,7 +641,7 @@ template <class C> RealOf<C> logdet_positive_definite(const C* a, const MatrixGe
     template void validate_hermitian_input<C>(const C*, const MatrixGeometry&, bool, std::string_view);      \
     template void eigh<C>(const C*, const MatrixGeometry&, RealOf<C>*, C*, const MatrixGeometry&);           \
     template void eigvalsh<C>(const C*, const MatrixGeometry&, RealOf<C>*);                                  \
-    template RealOf<C> logdet_positive_definite<C>(const C*, const MatrixGeometry&);
+    template RealOf<C> logdet_positive_definite<C>(const C*, const MatrixGeometry&, const CpuRuntimeContext*);
 
 QUILLMARK_STRUCTURED_SOLVER(float)
 QUILLMARK_STRUCTURED_SOLVER(double)

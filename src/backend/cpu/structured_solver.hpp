@@ -98,6 +98,8 @@ template <class C> void eigvalsh(const C* matrix, const MatrixGeometry& geometry
 // log det of a Hermitian positive-definite matrix by Cholesky factorisation (real result).
 // Throws the validation errors of "quillmark.logdet_positive_definite" and SolverError
 // `solver_failure` (native status j + 1) for a failed pivot j.
-template <class C> RealOf<C> logdet_positive_definite(const C* matrix, const MatrixGeometry& geometry);
+template <class C>
+RealOf<C> logdet_positive_definite(const C* matrix, const MatrixGeometry& geometry,
+                                   const CpuRuntimeContext* ctx = nullptr);
 
 } // namespace quillmark::cpu

@@ -185,10 +185,11 @@ void pack_multipliers(const C* a, std::uint64_t n, std::uint64_t k0, std::uint64
 }
 
 // Packs U(k0 + p, j) for columns [j0, j0 + cols) as mr-wide micro-panels of the left factor of
-// the transposed update (real and imaginary parts at consecutive depths).
+// the transposed update (real and imaginary parts at consecutive depths). For a Hermitian update
+// U(k0 + p, j) is conj(L(j, k0 + p)).
 template <class C, class R>
 void pack_row_block(const C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t depth, std::uint64_t j0,
-                    std::uint64_t cols, std::uint32_t mr, R* dst) {
+                    std::uint64_t cols, std::uint32_t mr, bool hermitian, R* dst) {
     constexpr std::uint64_t w = IsComplex<C>::value ? 2 : 1;
     const std::uint64_t kd = depth * w;
     for (std::uint64_t q = 0; q < cols; q += mr, dst += kd * mr) {
@@ -198,13 +199,16 @@ void pack_row_block(const C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t
                 for (std::uint64_t x = 0; x < kd; ++x) dst[x * mr + r] = R(0);
                 continue;
             }
-            const C* src = a + (j0 + q + r) * n + k0;
+            const std::uint64_t j = j0 + q + r;
+            const C* src = hermitian ? a + j + k0 * n : a + j * n + k0;
+            const std::uint64_t step = hermitian ? n : 1;
             for (std::uint64_t p = 0; p < depth; ++p) {
+                const C v = src[p * step];
                 if constexpr (IsComplex<C>::value) {
-                    dst[2 * p * mr + r] = src[p].real();
-                    dst[(2 * p + 1) * mr + r] = src[p].imag();
+                    dst[2 * p * mr + r] = v.real();
+                    dst[(2 * p + 1) * mr + r] = hermitian ? -v.imag() : v.imag();
                 } else {
-                    dst[p * mr + r] = src[p];
+                    dst[p * mr + r] = v;
                 }
             }
         }
@@ -212,10 +216,12 @@ void pack_row_block(const C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t
 }
 
 // A(i, j) -= sum over p of L(i, k0 + p) U(k0 + p, j) for rows k1 <= i < r1 and columns c0 <= j < c1,
-// as the real product C^T -= U^T L^T on the column-major storage read as rows of C^T.
+// as the real product C^T -= U^T L^T on the column-major storage read as rows of C^T. The
+// Hermitian form takes U = L^H and updates only the lower triangle (rows i >= j, by tiles).
 template <class C, class R>
 void trailing_update(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, std::uint64_t r1, std::uint64_t c0,
-                     std::uint64_t c1, const LuUpdateKernels<R>& kr, const CpuRuntimeContext* ctx) {
+                     std::uint64_t c1, const LuUpdateKernels<R>& kr, const CpuRuntimeContext* ctx,
+                     bool hermitian = false) {
     constexpr std::uint64_t w = IsComplex<C>::value ? 2 : 1;
     const std::uint64_t depth = k1 - k0, rows = r1 - k1, cols = c1 - c0;
     if (rows == 0 || depth == 0 || cols == 0) return;
@@ -236,8 +242,9 @@ void trailing_update(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, 
         for (std::uint64_t blk = first; blk < last; ++blk) {
             const std::uint64_t j0 = c0 + blk * mc;
             const std::uint64_t jc = std::min(mc, c1 - j0);
-            pack_row_block<C, R>(a, n, k0, depth, j0, jc, MR, upack.data);
-            for (std::uint64_t s0 = 0; s0 < lines; s0 += NR) {
+            pack_row_block<C, R>(a, n, k0, depth, j0, jc, MR, hermitian, upack.data);
+            const std::uint64_t first_line = hermitian && j0 > k1 ? (j0 - k1) * w / NR * NR : 0;
+            for (std::uint64_t s0 = first_line; s0 < lines; s0 += NR) {
                 const std::uint64_t ns = std::min<std::uint64_t>(NR, lines - s0);
                 const R* bp = lpack.data + (s0 / NR) * NR * kd;
                 for (std::uint64_t r0 = 0; r0 < jc; r0 += MR) {
@@ -299,7 +306,43 @@ LuOutcome factor_columns(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t 
     return outcome;
 }
 
+// Columns k0 .. k1-1 of the lower Cholesky factor, right-looking inside the panel.
+template <class C, class R>
+CholeskyOutcome<R> cholesky_panel(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1, R eps, R* pivots,
+                                  const LuUpdateKernels<R>& kernels) {
+    for (std::uint64_t j = k0; j < k1; ++j) {
+        C* col = a + j * n;
+        const R x = std::real(col[j]);
+        const R tau = pivots[j] * eps * static_cast<R>(4 * j + 1);
+        if (!std::isfinite(x) || x <= 0 || x <= tau) return {false, j};
+        pivots[j] = x;
+        const R ljj = std::sqrt(x);
+        col[j] = C(ljj);
+        for (std::uint64_t i = j + 1; i < n; ++i) col[i] = col[i] / ljj;
+        for (std::uint64_t c = j + 1; c < k1; ++c) {
+            C u = col[c];
+            if constexpr (IsComplex<C>::value) u = std::conj(u);
+            column_update(kernels, n - c, col + c, u, a + c * n + c);
+        }
+    }
+    return {true, k1};
+}
+
 } // namespace
+
+template <class C, class R>
+CholeskyOutcome<R> cholesky_eliminate(C* a, std::uint64_t n, R eps, R* pivots, const LuUpdateKernels<R>& kernels,
+                                      std::uint64_t block, const CpuRuntimeContext* ctx) {
+    if (block == 0 || block > n) block = n;
+    for (std::uint64_t j = 0; j < n; ++j) pivots[j] = std::fabs(std::real(a[j * n + j]));
+    for (std::uint64_t k0 = 0; k0 < n; k0 += block) {
+        const std::uint64_t k1 = std::min(n, k0 + block);
+        const CholeskyOutcome<R> outcome = cholesky_panel(a, n, k0, k1, eps, pivots, kernels);
+        if (!outcome.positive) return outcome;
+        trailing_update<C, R>(a, n, k0, k1, n, k1, n, kernels, ctx, true);
+    }
+    return {true, n};
+}
 
 template <class R> std::vector<LuUpdateKernels<R>> available_lu_kernels() {
     return available_variants<LuUpdateKernels<R>>(portable_lu_kernels<R>, simd_lu_kernels<R>);
@@ -329,7 +372,9 @@ LuOutcome lu_eliminate(C* a, std::uint64_t n, std::int64_t* pivots, const LuUpda
 
 #define QUILLMARK_LU_CORE(C, R)                                                                                        \
     template LuOutcome lu_eliminate<C, R>(C*, std::uint64_t, std::int64_t*, const LuUpdateKernels<R>&, std::uint64_t, \
-                                          const CpuRuntimeContext*);
+                                          const CpuRuntimeContext*);                                                   \
+    template CholeskyOutcome<R> cholesky_eliminate<C, R>(C*, std::uint64_t, R, R*, const LuUpdateKernels<R>&,          \
+                                                         std::uint64_t, const CpuRuntimeContext*);
 
 QUILLMARK_LU_CORE(float, float)
 QUILLMARK_LU_CORE(double, double)

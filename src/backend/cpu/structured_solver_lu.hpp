@@ -49,6 +49,7 @@ struct LuOutcome {
 };
 
 inline constexpr std::uint64_t kLuBlock = 128;
+inline constexpr std::uint64_t kCholeskyBlock = 64;
 
 // Factorises the column-major matrix a (leading dimension n) in place; pivots[k] receives the
 // 1-based row exchanged at step k. C is float, double, std::complex<float> or
@@ -57,5 +58,18 @@ inline constexpr std::uint64_t kLuBlock = 128;
 template <class C, class R>
 LuOutcome lu_eliminate(C* a, std::uint64_t n, std::int64_t* pivots, const LuUpdateKernels<R>& kernels,
                        std::uint64_t block, const CpuRuntimeContext* ctx);
+
+template <class R> struct CholeskyOutcome {
+    bool positive = true;
+    std::uint64_t step = 0; // the failing pivot when not positive
+};
+
+// Lower Cholesky factor of the Hermitian matrix whose lower triangle the column-major a holds,
+// with the same fused ascending updates (a complex update takes u = conj(L(j, k))). Pivot j is
+// x = Re a(j, j) - sum |L(j, k)|^2; it fails when x is not finite, x <= 0 or
+// x <= |a(j, j)| * eps * (4j + 1). pivots[j] receives x; stops at the first failing pivot.
+template <class C, class R>
+CholeskyOutcome<R> cholesky_eliminate(C* a, std::uint64_t n, R eps, R* pivots, const LuUpdateKernels<R>& kernels,
+                                      std::uint64_t block, const CpuRuntimeContext* ctx);
 
 } // namespace quillmark::cpu
