@@ -127,7 +127,8 @@ typedef struct quillmark_backend_operand {
     uint32_t location;       /* QUILLMARK_LOCATION_* */
     uint32_t storage_type;   /* QUILLMARK_SCALAR_* */
     uint32_t complex_layout; /* QUILLMARK_COMPLEX_LAYOUT_* */
-    uint32_t matrix_layout;  /* QUILLMARK_MATRIX_LAYOUT_* */
+    uint32_t matrix_layout;  /* QUILLMARK_MATRIX_LAYOUT_*: NONE for scalars and vectors, row- or column-major
+                                for matrices; NONE for LU and eigen operands means column-major */
     uint32_t compute_type;   /* QUILLMARK_SCALAR_* */
 } quillmark_backend_operand;
 

@@ -52,7 +52,10 @@ OperandSchema decode_operand(const quillmark_backend_operand& raw) {
 
     quillmark_backend_operand declaration = raw;
     declaration.struct_size = kOperandSize;
-    return OperandSchema{declaration, *access, *kind, *location, dtype, *complex, *layout};
+    // LU and eigen storages keep their matrices column-major; an open declaration means that.
+    const bool structured = *kind == OperandKind::lu || *kind == OperandKind::eigen;
+    const MatrixLayout schema_layout = structured && *layout == MatrixLayout::none ? MatrixLayout::column_major : *layout;
+    return OperandSchema{declaration, *access, *kind, *location, dtype, *complex, schema_layout};
 }
 
 // The roles an operation declared by this kernel would have: operands in role order, inputs

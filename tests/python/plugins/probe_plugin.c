@@ -283,17 +283,20 @@ QUILLMARK_PLUGIN_EXPORT quillmark_status quillmark_plugin_init(const quillmark_h
 
     quillmark_kernel_spec specs[7];
     const quillmark_kernel_spec* order[7];
-    int count = 0;
-#ifndef NO_KERNELS
+#ifdef NO_KERNELS
+    const int kernels = 0;
+#else
+    const int kernels = 6;
+#endif
     specs[0] = spec(OP_NS ".scale", QUILLMARK_BACKEND_CPU_SCALAR, scale_ops, 3, scale);
     specs[1] = spec(OP_NS ".conj", QUILLMARK_BACKEND_CPU_SCALAR, split_ops, 2, conj_split);
     specs[2] = spec(OP_NS ".flip", QUILLMARK_BACKEND_CPU_SCALAR, flip_ops, 2, flip);
     specs[3] = spec(OP_NS ".lu_det", QUILLMARK_BACKEND_CPU_SCALAR, lu_ops, 2, lu_det);
     specs[4] = spec(OP_NS ".refuse", QUILLMARK_BACKEND_CPU_SIMD, refuse_ops, 2, refuse);
     specs[5] = spec(OP_NS ".wait", QUILLMARK_BACKEND_CPU_SCALAR, wait_ops, 2, wait_flag);
-    for (; count < 6; ++count) order[count] = &specs[count];
-    if (FAULT) order[count++] = fault_kernel(&specs[6]);
-#endif
+    int count = 0;
+    for (; count < kernels; ++count) order[count] = &specs[count];
+    if (FAULT && kernels) order[count++] = fault_kernel(&specs[6]);
     for (int i = 0; i < count; ++i) {
         const quillmark_status status = host->register_kernel(host->host_context, order[i]);
 #ifndef IGNORE_FAILURE
