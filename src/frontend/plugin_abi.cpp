@@ -32,9 +32,13 @@ template <class E> std::optional<E> one_based(std::uint32_t code, std::uint32_t 
     return static_cast<E>(code - 1);
 }
 
-void store_message(void* context, quillmark_string message) {
+// Called from plugin code: nothing may escape, and a malformed or unstorable message is dropped.
+void store_message(void* context, quillmark_string message) noexcept {
     if (!context || (message.size != 0 && !message.data)) return;
-    static_cast<ErrorCapture*>(context)->set_message(std::string(message.data ? message.data : "", message.size));
+    try {
+        static_cast<ErrorCapture*>(context)->set_message(std::string(message.data ? message.data : "", message.size));
+    } catch (...) {
+    }
 }
 
 } // namespace

@@ -8,6 +8,7 @@ import shutil
 import subprocess
 import sys
 import threading
+import warnings
 from pathlib import Path
 
 import numpy as np
@@ -62,7 +63,9 @@ def in_child(fn, *args):
     context = multiprocessing.get_context("fork")
     receive, send = context.Pipe(duplex=False)
     process = context.Process(target=_child, args=(send, fn, args))
-    process.start()
+    with warnings.catch_warnings():  # the child only uses objects it creates itself
+        warnings.filterwarnings("ignore", "This process .* is multi-threaded", DeprecationWarning)
+        process.start()
     send.close()
     outcome = receive.recv() if receive.poll(120) else None
     process.join(30)
