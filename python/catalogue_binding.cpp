@@ -61,7 +61,7 @@ Description provenance_of(const SealedCatalogue& catalogue, const RegistrationPr
     Description d = describe_provenance(provenance);
     if (provenance.origin() == 0) return d;
     d.set("owner", provenance.owner_id());
-    const NativePluginLibrary* plugin = find_native_plugin(catalogue.libraries, provenance.owner_id());
+    const NativePluginLibrary* plugin = find_native_plugin(catalogue.libraries, provenance);
     d.set("description", plugin ? Description(plugin->description()) : Description());
     return d;
 }

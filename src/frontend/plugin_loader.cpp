@@ -288,10 +288,12 @@ LoadedPlugin load_native_plugin(const std::string& path, const OperationRegistry
 }
 
 const NativePluginLibrary* find_native_plugin(std::span<const std::shared_ptr<const PluginLibrary>> libraries,
-                                              std::string_view id) noexcept {
-    for (const auto& library : libraries)
-        if (const auto* plugin = dynamic_cast<const NativePluginLibrary*>(library.get()); plugin && plugin->id() == id)
+                                              const RegistrationProvenance& provenance) noexcept {
+    for (const auto& library : libraries) {
+        const auto* plugin = dynamic_cast<const NativePluginLibrary*>(library.get());
+        if (plugin && plugin->id() == provenance.owner_id() && plugin->version() == provenance.version())
             return plugin;
+    }
     return nullptr;
 }
 

@@ -4,7 +4,6 @@
 #include <memory>
 #include <span>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "frontend/context.hpp"
@@ -51,8 +50,8 @@ struct LoadedPlugin {
 LoadedPlugin load_native_plugin(const std::string& path, const OperationRegistry& catalogue,
                                 const BackendRegistry& backends);
 
-// The loaded plugin whose ID is `id`, or nullptr.
+// The loaded plugin that registered under this provenance, or nullptr.
 const NativePluginLibrary* find_native_plugin(std::span<const std::shared_ptr<const PluginLibrary>> libraries,
-                                              std::string_view id) noexcept;
+                                              const RegistrationProvenance& provenance) noexcept;
 
 } // namespace quillmark
