@@ -8,7 +8,7 @@
  * pairs: {NULL, 0} is the empty string, a non-zero length with a NULL pointer is malformed.
  *
  * Lifetimes: the host, metadata and error-capture records passed to quillmark_plugin_init are
- * valid only during that call; the kernel spec and its operand array only during the
+ * valid only during that call; the quillmark_kernel_spec record and its operand array only during the
  * register_kernel call (the host copies what it keeps). The kernel callback and its user data
  * must stay valid while the library is loaded; the host keeps the library loaded for as long as
  * any catalogue can call its kernels. The invocation record, its operand entries and buffer
