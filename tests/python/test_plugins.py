@@ -144,7 +144,7 @@ REGISTRATION_FAULTS = {
 
 @pytest.mark.parametrize("fault", sorted(REGISTRATION_FAULTS))
 def test_refused_registration_that_the_plugin_ignores(plugin, fault):
-    # Six good kernels (declaring six operations) come before the faulty one; none may remain.
+    # Seven good kernels (declaring seven operations) come before the faulty one; none may remain.
     outcome = in_child(refusal_leaves_builder, plugin(f"FAULT={fault}", "IGNORE_FAILURE"))
     expect_refusal(outcome, "ValueError",
                    "native plugin ignored a failed host registration: " + REGISTRATION_FAULTS[fault])
@@ -246,6 +246,13 @@ def run_probe_kernels(path):
     ctx.execute("probe.lu_det@1", {"Input0": lu, "Output0": det}, host(["Input0", "Output0"]))
     results["lu_det"] = (a, float(det))
 
+    eig = _native.EigenOperand(4, "complex64")
+    ctx.execute("quillmark.eig@1", {"Input0": rng.standard_normal((4, 4)).astype(np.complex64), "Output0": eig},
+                host(["Input0", "Output0"]))
+    mixed = np.zeros(4, np.complex64)
+    ctx.execute("probe.eigen_mix@1", {"Input0": eig, "Output0": mixed}, host(["Input0", "Output0"]))
+    results["eigen_mix"] = (eig.values, eig.vectors, mixed)
+
     failures = []
     bad_y = np.full(4, 7.0)
     for operation, bindings in [
@@ -267,8 +274,8 @@ def test_declared_operations_run_through_execute(plugin):
     outcome = in_child(run_probe_kernels, plugin())
     assert outcome[0] == "ok", outcome
     r = outcome[1]
-    assert r["operations"][-6:] == ("probe.scale@1", "probe.conj@1", "probe.flip@1", "probe.lu_det@1",
-                                    "probe.refuse@1", "probe.wait@1")
+    assert r["operations"][-7:] == ("probe.scale@1", "probe.conj@1", "probe.flip@1", "probe.lu_det@1",
+                                    "probe.refuse@1", "probe.wait@1", "probe.eigen_mix@1")
     described = r["describe"]
     native = {"kind": "native", "version": "1.0", "owner": "probe", "description": "kernels for the loader tests"}
     assert described["provenance"] == native
@@ -286,6 +293,8 @@ def test_declared_operations_run_through_execute(plugin):
     np.testing.assert_array_equal(flipped, np.conj(m[::-1]))
     a, det = r["lu_det"]
     assert det == pytest.approx(np.linalg.det(a), rel=1e-12)
+    values, vectors, mixed = r["eigen_mix"]
+    np.testing.assert_allclose(mixed, values * vectors[0], rtol=1e-6)
 
     messages = [failure[0] for failure in r["failures"]]
     assert messages == [
@@ -360,7 +369,7 @@ def test_library_lives_as_long_as_a_catalogue(plugin):
 
 def test_reserved_word_only_as_a_whole_segment(plugin):
     def load(path):
-        return _native.ContextBuilder().load_plugin(path).build().operations()[-6:]
+        return _native.ContextBuilder().load_plugin(path).build().operations()[-7:]
 
     outcome = in_child(load, plugin('PLUGIN_ID="quillmarkx"'))
     assert outcome[0] == "ok" and outcome[1][0] == "quillmarkx.scale@1"

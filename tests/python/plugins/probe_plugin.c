@@ -154,6 +154,29 @@ static quillmark_status lu_det(void* user, const quillmark_kernel_invocation* in
     return QUILLMARK_STATUS_OK;
 }
 
+/* out[i] = values[i] * vectors[0][i]: reads both buffers of an eigen operand (complex64). */
+static quillmark_status eigen_mix(void* user, const quillmark_kernel_invocation* inv,
+                                  const quillmark_error_capture* error) {
+    (void)user;
+    CHECK_RECORDS(2, QUILLMARK_BACKEND_CPU_SCALAR);
+    const quillmark_operand_entry* eig = &inv->operands[0];
+    const uint64_t n = eig->buffers[0].element_count;
+    if (eig->buffer_count != 2 || eig->buffers[0].role != QUILLMARK_BUFFER_EIGENVALUES ||
+        eig->buffers[1].role != QUILLMARK_BUFFER_EIGENVECTORS || eig->buffers[1].shape[0] != n ||
+        eig->buffers[1].shape[1] != n || eig->buffers[1].scalar_type != C64)
+        return fail(error, QUILLMARK_STATUS_INTERNAL_ERROR, "bad eigen buffers");
+    const float* values = (const float*)eig->buffers[0].data;
+    const float* vectors = (const float*)eig->buffers[1].data; /* column-major: row 0 is every n-th */
+    float* out = (float*)inv->operands[1].buffers[0].data;
+    for (uint64_t i = 0; i < n; ++i) {
+        const float vr = values[2 * i], vi = values[2 * i + 1];
+        const float wr = vectors[2 * i * n], wi = vectors[2 * i * n + 1];
+        out[2 * i] = vr * wr - vi * wi;
+        out[2 * i + 1] = vr * wi + vi * wr;
+    }
+    return QUILLMARK_STATUS_OK;
+}
+
 /* Fails with the status in x[0]. */
 static quillmark_status refuse(void* user, const quillmark_kernel_invocation* inv,
                                const quillmark_error_capture* error) {
@@ -201,7 +224,8 @@ static quillmark_kernel_spec spec(const char* name, uint32_t backend, const quil
     return s;
 }
 
-static quillmark_backend_operand scale_ops[3], split_ops[2], flip_ops[2], lu_ops[2], refuse_ops[2], wait_ops[2];
+static quillmark_backend_operand scale_ops[3], split_ops[2], flip_ops[2], lu_ops[2], eigen_ops[2], refuse_ops[2],
+    wait_ops[2];
 static quillmark_backend_operand fault_ops[3];
 
 /* A second kernel of OP_NS.scale (on the SIMD backend) with FAULT's defect; NULL means a null spec. */
@@ -277,16 +301,18 @@ QUILLMARK_PLUGIN_EXPORT quillmark_status quillmark_plugin_init(const quillmark_h
     flip_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_MATRIX, C128, INTERLEAVED, QUILLMARK_MATRIX_LAYOUT_ROW_MAJOR);
     lu_ops[0] = operand(0, READ, QUILLMARK_OPERAND_LU, F64, NONE, 0);
     lu_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_SCALAR, F64, NONE, 0);
+    eigen_ops[0] = operand(0, READ, QUILLMARK_OPERAND_EIGEN, C64, INTERLEAVED, 0);
+    eigen_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_VECTOR, C64, INTERLEAVED, 0);
     refuse_ops[0] = operand(0, READ, QUILLMARK_OPERAND_VECTOR, F64, NONE, 0);
     refuse_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_VECTOR, F64, NONE, 0);
     memcpy(wait_ops, refuse_ops, sizeof wait_ops);
 
-    quillmark_kernel_spec specs[7];
-    const quillmark_kernel_spec* order[7];
+    quillmark_kernel_spec specs[8];
+    const quillmark_kernel_spec* order[8];
 #ifdef NO_KERNELS
     const int kernels = 0;
 #else
-    const int kernels = 6;
+    const int kernels = 7;
 #endif
     specs[0] = spec(OP_NS ".scale", QUILLMARK_BACKEND_CPU_SCALAR, scale_ops, 3, scale);
     specs[1] = spec(OP_NS ".conj", QUILLMARK_BACKEND_CPU_SCALAR, split_ops, 2, conj_split);
@@ -294,9 +320,10 @@ QUILLMARK_PLUGIN_EXPORT quillmark_status quillmark_plugin_init(const quillmark_h
     specs[3] = spec(OP_NS ".lu_det", QUILLMARK_BACKEND_CPU_SCALAR, lu_ops, 2, lu_det);
     specs[4] = spec(OP_NS ".refuse", QUILLMARK_BACKEND_CPU_SIMD, refuse_ops, 2, refuse);
     specs[5] = spec(OP_NS ".wait", QUILLMARK_BACKEND_CPU_SCALAR, wait_ops, 2, wait_flag);
+    specs[6] = spec(OP_NS ".eigen_mix", QUILLMARK_BACKEND_CPU_SCALAR, eigen_ops, 2, eigen_mix);
     int count = 0;
     for (; count < kernels; ++count) order[count] = &specs[count];
-    if (FAULT && kernels) order[count++] = fault_kernel(&specs[6]);
+    if (FAULT && kernels) order[count++] = fault_kernel(&specs[7]);
     for (int i = 0; i < count; ++i) {
         const quillmark_status status = host->register_kernel(host->host_context, order[i]);
 #ifndef IGNORE_FAILURE
