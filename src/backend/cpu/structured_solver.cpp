@@ -420,8 +420,14 @@ std::int64_t lu_factor(C* a, const MatrixGeometry& g, std::int64_t* pivots, cons
     return outcome.swaps;
 }
 
+namespace {
+
+// Solves the right-hand sides x(i, c) = x[i * ld + c], c < columns, each with exactly the
+// operations of a lone vector; the columns run side by side so the factors are read once per
+// block of columns.
 template <class C>
-void lu_solve(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t x_stride) {
+void solve_rows(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t ld,
+                std::uint64_t columns) {
     require_square(g, "solve - LU factors must be square");
     const std::uint64_t n = g.rows;
     for (std::uint64_t i = 0; i < n; ++i)
@@ -431,20 +437,51 @@ void lu_solve(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C
     for (std::uint64_t i = 0; i < n; ++i) {
         const std::uint64_t p = static_cast<std::uint64_t>(pivots[i]) - 1;
         if (p != i)
-            std::swap(x[i * x_stride], x[p * x_stride]);
+            std::swap_ranges(x + i * ld, x + i * ld + columns, x + p * ld);
     }
-    for (std::uint64_t i = 0; i < n; ++i) {
-        C sum(0);
-        for (std::uint64_t j = 0; j < i; ++j)
-            sum += mul(a[i * st.row + j * st.col], x[j * x_stride]);
-        x[i * x_stride] -= sum;
+    constexpr std::uint64_t kBlock = 64;
+    std::vector<C> sums(std::min(columns, kBlock));
+    for (std::uint64_t c0 = 0; c0 < columns; c0 += kBlock) {
+        const std::uint64_t width = std::min(kBlock, columns - c0);
+        C* const sum = sums.data();
+        for (std::uint64_t i = 0; i < n; ++i) {
+            std::fill(sum, sum + width, C(0));
+            for (std::uint64_t j = 0; j < i; ++j) {
+                const C l = a[i * st.row + j * st.col];
+                const C* xj = x + j * ld + c0;
+                for (std::uint64_t c = 0; c < width; ++c)
+                    sum[c] += mul(l, xj[c]);
+            }
+            C* xi = x + i * ld + c0;
+            for (std::uint64_t c = 0; c < width; ++c)
+                xi[c] -= sum[c];
+        }
+        for (std::uint64_t i = n; i-- > 0;) {
+            std::fill(sum, sum + width, C(0));
+            for (std::uint64_t j = i + 1; j < n; ++j) {
+                const C u = a[i * st.row + j * st.col];
+                const C* xj = x + j * ld + c0;
+                for (std::uint64_t c = 0; c < width; ++c)
+                    sum[c] += mul(u, xj[c]);
+            }
+            const C d = a[i * (st.row + st.col)];
+            C* xi = x + i * ld + c0;
+            for (std::uint64_t c = 0; c < width; ++c)
+                xi[c] = (xi[c] - sum[c]) / d;
+        }
     }
-    for (std::uint64_t i = n; i-- > 0;) {
-        C sum(0);
-        for (std::uint64_t j = i + 1; j < n; ++j)
-            sum += mul(a[i * st.row + j * st.col], x[j * x_stride]);
-        x[i * x_stride] = (x[i * x_stride] - sum) / a[i * (st.row + st.col)];
-    }
+}
+
+} // namespace
+
+template <class C>
+void lu_solve(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t x_stride) {
+    solve_rows(a, g, pivots, x, x_stride, 1);
+}
+
+template <class C>
+void lu_solve_columns(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t columns) {
+    solve_rows(a, g, pivots, x, columns, columns);
 }
 
 template <class C>
@@ -634,6 +671,7 @@ RealOf<C> logdet_positive_definite(const C* a, const MatrixGeometry& g, const Cp
 #define QUILLMARK_STRUCTURED_SOLVER(C)                                                                       \
     template std::int64_t lu_factor<C>(C*, const MatrixGeometry&, std::int64_t*, const CpuRuntimeContext*);                            \
     template void lu_solve<C>(const C*, const MatrixGeometry&, const std::int64_t*, C*, std::uint64_t);      \
+    template void lu_solve_columns<C>(const C*, const MatrixGeometry&, const std::int64_t*, C*, std::uint64_t); \
     template std::complex<RealOf<C>> lu_logdet<C>(const C*, const MatrixGeometry&, std::int64_t);            \
     template SignedLogDeterminant<C> slogdet<C>(const C*, const MatrixGeometry&, const CpuRuntimeContext*);                            \
     template RealOf<C> normalise_determinant<C>(C*, std::uint64_t, std::string_view);                        \

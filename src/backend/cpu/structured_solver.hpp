@@ -49,6 +49,12 @@ template <class C>
 void lu_solve(const C* factors, const MatrixGeometry& geometry, const std::int64_t* pivots, C* x,
               std::uint64_t x_stride = 1);
 
+// Solves every column of the row-major n x columns block x in place, each giving the bits that
+// lu_solve gives for it alone.
+template <class C>
+void lu_solve_columns(const C* factors, const MatrixGeometry& geometry, const std::int64_t* pivots, C* x,
+                      std::uint64_t columns);
+
 // Principal logarithm of det(A) from the factors: (sum of ln|u_kk|, phase). Real factors give the
 // phase 0 or pi from the swap parity and the sign bits of the diagonal (-0.0 counts as negative).
 // Complex factors give arg of (-1)^swaps times the product of the unit diagonal phases, in
