@@ -126,9 +126,13 @@ template <class W, class C> std::vector<W> column_major_copy(const C* a, const M
     const std::uint64_t n = g.rows;
     std::vector<W> w(n * n);
     const Strides st = strides_of(g);
-    for (std::uint64_t j = 0; j < n; ++j)
-        for (std::uint64_t i = 0; i < n; ++i)
-            w[j * n + i] = convert<W>(a[i * st.row + j * st.col]);
+    // Square tiles keep the reads of a row-major source in cache.
+    constexpr std::uint64_t kTile = 32;
+    for (std::uint64_t jb = 0; jb < n; jb += kTile)
+        for (std::uint64_t ib = 0; ib < n; ib += kTile)
+            for (std::uint64_t j = jb; j < std::min(n, jb + kTile); ++j)
+                for (std::uint64_t i = ib; i < std::min(n, ib + kTile); ++i)
+                    w[j * n + i] = convert<W>(a[i * st.row + j * st.col]);
     return w;
 }
 

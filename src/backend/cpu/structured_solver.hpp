@@ -37,7 +37,8 @@ template <class C> using RealOf = typename ScalarParts<C>::real;
 // Throws std::invalid_argument "LU factorisation - non-finite pivot"; SolverError `singular`
 // (native status k) or `solver_failure` (multiplier underflow); std::overflow_error
 // "size exceeds destination integer range". On a SolverError the matrix is partly eliminated.
-// The trailing updates spread over ctx's workers when one is given.
+// Every update a(i,j) -= m a(k,j) is one fused multiply-subtract, applied in step order; the
+// trailing updates spread over ctx's workers when one is given.
 template <class C>
 std::int64_t lu_factor(C* factors, const MatrixGeometry& geometry, std::int64_t* pivots,
                        const CpuRuntimeContext* ctx = nullptr);
