@@ -102,6 +102,7 @@ def main():
     parser.add_argument("--sizes", type=int, nargs="+", default=[256, 1024])
     parser.add_argument("--dtypes", nargs="+", default=["float64", "float32", "complex64", "complex128"])
     parser.add_argument("--solvers", action="store_true", help="time the factorisations and eigen solvers instead")
+    parser.add_argument("--only", nargs="+", default=None, help="operation names to time (default: all)")
     args = parser.parse_args()
     ctx = quillmark.Context()
     rng = np.random.default_rng(0)
@@ -112,11 +113,15 @@ def main():
         for dtype in args.dtypes:
             if args.solvers:
                 for name, ours_fn, reference in solver_cases(ctx, n, dtype, rng):
+                    if args.only and name not in args.only:
+                        continue
                     ours, theirs = best_time(ours_fn), best_time(reference)
                     print(f"{n:>5} {dtype:>10} {name:>10} {ours * 1e3:>13.3f} {theirs * 1e3:>10.3f} {theirs / ours:>7.2f}")
                 sys.stdout.flush()
                 continue
             for name, (op, ins, outs), reference in cases(n, dtype, rng):
+                if args.only and name not in args.only:
+                    continue
                 bindings = {f"Input{i}": a for i, a in enumerate(ins)}
                 bindings.update({f"Output{j}": a for j, a in enumerate(outs)})
                 locations = {k: "host" for k in bindings}
