@@ -183,7 +183,7 @@ def refuse(info, arrays, asked, reason="no implementation fits"):
                        for a in arrays)
     layouts = ", ".join(layout_word(a) for a in arrays)
     raise TypeError(
-        f"{info.name} - {reason}: asked for dtype {asked} with inputs of dtypes ({dtypes}) "
+        f"quillmark.{info.name} - {reason}: asked for dtype {asked} with inputs of dtypes ({dtypes}) "
         f"and layouts ({layouts}); the operation serves: {', '.join(info.served)}")
 
 

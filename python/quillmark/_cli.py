@@ -52,7 +52,7 @@ def info_text():
     >>> print(info_text())  # doctest: +ELLIPSIS
     quillmark 0.1.1
       SIMD engine      ...
-      operations       32 (... implementations: cpu_scalar ..., cpu_simd ...)
+      operations       32 (... implementations: cpu_scalar ...)
     ...
     """
     build = qm.build_info()

@@ -49,8 +49,10 @@ def _setup(name, args, dtype, context):
             strong.append(as_array(a))
     arrays = [as_array(a) for a in args] if weak else strong
     if dtype is None and strong and not weak:
-        dt = strong[0].dtype
-        if any(a.dtype != dt for a in strong[1:]) or dtype_name(dt) not in info.outputs_for:
+        first = strong[0].dtype
+        if all(a.dtype == first for a in strong[1:]) and dtype_name(first) in info.outputs_for:
+            dt = numpy_dtype(dtype_name(first))  # native byte order
+        else:
             dt = working_dtype(info, strong, None)
     else:
         dt = working_dtype(info, strong or arrays, dtype, weak if strong else ())
