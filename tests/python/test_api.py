@@ -245,3 +245,25 @@ def test_every_operation_has_a_function():
         short = op.split(".", 1)[1].split("@")[0]
         assert callable(getattr(qm, short)), short
         assert getattr(qm, short).__doc__ and ">>>" in getattr(qm, short).__doc__
+
+
+def test_stubs_match_the_functions():
+    import ast
+    import inspect
+    import pathlib
+
+    stub = pathlib.Path(qm._functions.__file__).with_suffix(".pyi")
+    stubbed = {node.name: node for node in ast.parse(stub.read_text()).body
+               if isinstance(node, ast.FunctionDef)}
+    public = {name for name in dir(qm._functions) if not name.startswith("_")
+              and inspect.isfunction(getattr(qm._functions, name))
+              and getattr(qm._functions, name).__module__ == "quillmark._functions"
+              and getattr(qm._functions, name).__name__ == name}  # aliases are assignments
+    assert public <= set(stubbed)
+    for name in public:
+        node = stubbed[name].args
+        params = list(inspect.signature(getattr(qm, name)).parameters.values())
+        stub_params = node.posonlyargs + node.args + node.kwonlyargs
+        assert [p.name for p in params] == [a.arg for a in stub_params], name
+        assert [p.kind == p.KEYWORD_ONLY for p in params] == \
+            [a in node.kwonlyargs for a in stub_params], name
