@@ -99,7 +99,7 @@ class _OpInfo:
     """What one operation needs at call time, read once from its description."""
 
     __slots__ = ("name", "id", "input_roles", "output_roles", "locations", "structured_roles",
-                 "served", "outputs_for", "policies")
+                 "served", "outputs_for", "policies", "working", "roles")
 
     def __init__(self, name):
         info = describe(name)
@@ -108,6 +108,7 @@ class _OpInfo:
         roles = info["roles"]
         self.input_roles = tuple(_role_name(r["role"]) for r in roles if r["role"] < 2**31)
         self.output_roles = tuple(_role_name(r["role"]) for r in roles if r["role"] >= 2**31)
+        self.roles = self.input_roles + self.output_roles
         self.locations = {_role_name(r["role"]): "host" for r in roles}
         self.structured_roles = frozenset(
             _role_name(r["role"]) for r in roles if r["kind"] in ("lu", "eigen"))
@@ -119,6 +120,7 @@ class _OpInfo:
             self.outputs_for.setdefault(operands[0]["dtype"], outs)
         self.served = tuple(sorted(self.outputs_for))
         self.policies = {}
+        self.working = {}  # input dtypes -> working dtype, for calls without dtype=
 
 
 _INFO = {}
@@ -257,7 +259,9 @@ def result_policy(info, ctx, inputs, shape):
     """The (dtype, compute_dtype) of the single dense output, cached for the default context."""
     cache = info.policies if ctx is _default_context else None
     if cache is not None:
-        key = (len(shape),) + tuple(a.dtype for a in inputs if isinstance(a, np.ndarray))
+        # Inputs share the working dtype (an exponent is always int32), so it and the result's
+        # rank decide.
+        key = (len(shape), inputs[0].dtype)
         hit = cache.get(key)
         if hit is not None:
             return hit
@@ -283,8 +287,7 @@ def _category(dt):
 
 def execute(info, ctx, inputs, outputs, compute_dtype):
     """Bind positionally and run; dispatch refusals become a TypeError naming what was asked."""
-    bindings = dict(zip(info.input_roles, inputs))
-    bindings.update(zip(info.output_roles, outputs))
+    bindings = dict(zip(info.roles, (*inputs, *outputs)))
     computes = {}
     if compute_dtype is not None:
         # Only operands of the compute dtype's own kind take it (a complex call's real norm or

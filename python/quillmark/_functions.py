@@ -12,8 +12,8 @@ from typing import NamedTuple
 
 import numpy as np
 
-from . import _native
-from ._api import (as_array, convert, default_context, dtype_name, execute, numpy_dtype, op_info,
+from . import _api, _native
+from ._api import (_INFO, as_array, convert, default_context, dtype_name, execute, numpy_dtype, op_info,
                    result_policy, working_dtype, writable_target)
 
 _PY_SCALARS = (int, float, complex)
@@ -39,23 +39,25 @@ class SlogdetResult(NamedTuple):
 
 def _setup(name, args, dtype, context):
     """Operation info, context, converted inputs and working dtype for one call."""
-    info = op_info(name)
-    ctx = default_context() if context is None else context
-    strong, weak = [], []
+    info = _INFO.get(name) or op_info(name)
+    ctx = (_api._default_context or default_context()) if context is None else context
+    arrays, dtypes, weak = [], [], False
     for a in args:
-        if type(a) in _PY_SCALARS:
-            weak.append(a)
-        else:
-            strong.append(as_array(a))
-    arrays = [as_array(a) for a in args] if weak else strong
-    if dtype is None and strong and not weak:
-        first = strong[0].dtype
-        if all(a.dtype == first for a in strong[1:]) and dtype_name(first) in info.outputs_for:
-            dt = numpy_dtype(dtype_name(first))  # native byte order
-        else:
-            dt = working_dtype(info, strong, None)
+        if type(a) is not np.ndarray:
+            weak = weak or type(a) in _PY_SCALARS
+            a = as_array(a)
+        arrays.append(a)
+        dtypes.append(a.dtype)
+    if dtype is None and not weak:
+        key = tuple(dtypes)
+        dt = info.working.get(key)
+        if dt is None:
+            dt = info.working[key] = working_dtype(info, arrays, None)
     else:
-        dt = working_dtype(info, strong or arrays, dtype, weak if strong else ())
+        # Python scalars take part in promotion as NumPy's weak scalars.
+        strong = [x for a, x in zip(args, arrays) if type(a) not in _PY_SCALARS]
+        scalars = [a for a in args if type(a) in _PY_SCALARS]
+        dt = working_dtype(info, strong or arrays, dtype, scalars if strong else ())
     return info, ctx, [convert(a, dt) for a in arrays], dt
 
 
