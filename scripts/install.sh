@@ -7,5 +7,5 @@ cd "$(dirname "$0")/.."
 source scripts/bootstrap.sh
 install_deps build "${BUILD_DEPS[@]}"
 log "building and installing quillmark"
-"${PIP[@]}" --no-build-isolation ".[plot]" -C build-dir=build/release
+"${PIP[@]}" --no-build-isolation ".[plot]" --config-settings=build-dir=build/release
 "$PY" -c 'import quillmark; print("quillmark", quillmark.__version__, "installed in", quillmark.__file__)'

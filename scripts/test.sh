@@ -16,8 +16,8 @@ install_deps test "${BUILD_DEPS[@]}" "numpy>=1.24" "ml_dtypes>=0.3" tqdm "pytest
 # One CMake tree serves the installed extension and the C++ test binary.
 log "building and installing into $("$PY" -c 'import sys; print(sys.prefix)')"
 "${PIP[@]}" --no-build-isolation --no-deps . \
-    -C cmake.define.QUILLMARK_BUILD_TESTS=ON \
-    -C build-dir="$BUILD_DIR"
+    --config-settings=cmake.define.QUILLMARK_BUILD_TESTS=ON \
+    --config-settings=build-dir="$BUILD_DIR"
 
 log "C++ tests"
 ctest --test-dir "$BUILD_DIR" --output-on-failure -j2
