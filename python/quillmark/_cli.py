@@ -220,13 +220,14 @@ def check(dtypes=("float32", "float64", "complex64", "complex128"), out=sys.stdo
 
 # bench: work counts for GFLOP/s (real flops; complex arithmetic counts four times).
 _BENCH = {
-    "matmul": (lambda n: 2 * n**3, lambda a, v, h: (lambda: qm.matmul(a, a), lambda: a @ a)),
-    "matvec": (lambda n: 2 * n**2, lambda a, v, h: (lambda: qm.matvec(a, v), lambda: a @ v)),
+    "matmul": (lambda n: 2 * n**3, lambda a, v, h, c: (lambda: qm.matmul(a, a, context=c), lambda: a @ a)),
+    "matvec": (lambda n: 2 * n**2, lambda a, v, h, c: (lambda: qm.matvec(a, v, context=c), lambda: a @ v)),
     "solve": (lambda n: 2 * n**3 / 3 + 2 * n**2,
-              lambda a, v, h: (lambda: qm.solve(a, v), lambda: np.linalg.solve(a, v))),
+              lambda a, v, h, c: (lambda: qm.solve(a, v, context=c), lambda: np.linalg.solve(a, v))),
     "slogdet": (lambda n: 2 * n**3 / 3,
-                lambda a, v, h: (lambda: qm.slogdet(a), lambda: np.linalg.slogdet(a))),
-    "eigh": (lambda n: 4 * n**3 / 3, lambda a, v, h: (lambda: qm.eigh(h), lambda: np.linalg.eigh(h))),
+                lambda a, v, h, c: (lambda: qm.slogdet(a, context=c), lambda: np.linalg.slogdet(a))),
+    "eigh": (lambda n: 4 * n**3 / 3,
+             lambda a, v, h, c: (lambda: qm.eigh(h, context=c), lambda: np.linalg.eigh(h))),
 }
 
 
@@ -255,8 +256,7 @@ def bench(args):
         # NumPy's BLAS reads its thread count once, when it loads: rerun with it fixed.
         env = dict(os.environ, **{v: str(threads) for v in _BLAS_THREAD_VARS})
         return subprocess.call([sys.executable, "-m", "quillmark", *sys.argv[1:]], env=env)
-    ctx = qm.Context(thread_count=threads)
-    qm._api._default_context = ctx if args.threads else qm._api._default_context
+    ctx = qm.Context(thread_count=threads) if args.threads else qm.default_context()
     rng = np.random.default_rng(0)
     factor = 4 if np.dtype(args.dtype).kind == "c" else 1
     cases = [(op, n) for op in args.ops for n in args.sizes]
@@ -265,7 +265,7 @@ def bench(args):
         work, make = _BENCH[op]
         a = rng.standard_normal((n, n)).astype(args.dtype)
         v = rng.standard_normal(n).astype(args.dtype)
-        ours, theirs = make(a, v, (a + a.conj().T).astype(args.dtype))
+        ours, theirs = make(a, v, (a + a.conj().T).astype(args.dtype), ctx)
         t_q, t_n = _best(ours, args.budget), _best(theirs, args.budget)
         gq, gn = factor * work(n) / t_q / 1e9, factor * work(n) / t_n / 1e9
         rows.append((op, n, f"{t_q * 1e3:.3f}", f"{t_n * 1e3:.3f}", f"{gq:.2f}", f"{gn:.2f}",
