@@ -95,23 +95,17 @@ def describe_text(name):
         ["role", "access", "kind"],
         [(_role_name(r["role"]), r["access"], r["kind"]) for r in d["roles"]]).splitlines()[2:]]
     num = d.get("numerics") or {}
-    if num.get("shapes"):
-        lines.append("shapes")
-        for s in num["shapes"]:
-            dims = ", ".join(expression(x) for x in s["shapes"])
-            lines.append(f"  {_role_name(s['role'])}: ({dims})")
-    if num.get("constraints"):
-        lines.append("constraints")
-        for c in num["constraints"]:
-            lines.append(f"  {expression(c['left'])} {c['relation']} {expression(c['right'])}")
-    if num.get("requirements"):
-        lines.append("requirements")
-        for r in num["requirements"]:
-            roles = ", ".join(_role_name(x) for x in r["roles"])
-            lines.append(f"  {r['kind']} ({roles}; {r['enforcement']}): {r['note']}")
-    if num.get("notes"):
-        lines.append("notes")
-        lines += [f"  - {n}" for n in num["notes"]]
+    sections = (
+        ("shapes", lambda s: f"{_role_name(s['role'])}: ({', '.join(expression(x) for x in s['shapes'])})"),
+        ("constraints", lambda c: f"{expression(c['left'])} {c['relation']} {expression(c['right'])}"),
+        ("requirements", lambda r: f"{r['kind']} ({', '.join(_role_name(x) for x in r['roles'])}; "
+                                   f"{r['enforcement']}): {r['note']}"),
+        ("notes", lambda n: f"- {n}"),
+    )
+    for key, text in sections:
+        if num.get(key):
+            lines.append(key)
+            lines += ["  " + text(item) for item in num[key]]
     rows = []
     for impl in d["implementations"]:
         n = impl["numerics"]
