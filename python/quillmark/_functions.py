@@ -78,16 +78,15 @@ def _single(info, ctx, inputs, shape, out, compute_dtype, bind_shape=None, out_d
     return target if shape else target[()]
 
 
-def _square(name, a):
-    if a.ndim != 2:
-        raise ValueError(f"quillmark.{name} - expected a matrix (two dimensions), got shape {a.shape}")
-    return a.shape[0]
-
-
 def _matrix(name, a):
     if a.ndim != 2:
         raise ValueError(f"quillmark.{name} - expected a matrix (two dimensions), got shape {a.shape}")
     return a
+
+
+def _order(name, a):
+    """The row count of a matrix argument (the operation's shape rule checks squareness)."""
+    return _matrix(name, a).shape[0]
 
 
 # Element-wise and reductions. Any shape is accepted and worked on as its flat vector.
@@ -559,7 +558,7 @@ def eig(a, /, *, dtype=None, compute_dtype=None, context=None):
     [2.0, 3.0]
     """
     info, ctx, (m,), dt = _setup("eig", (a,), dtype, context)
-    n = _square("eig", m)
+    n = _order("eig", m)
     out_name, out_compute = info.outputs_for[dtype_name(dt)][0]
     values = _native.EigenOperand(n, out_name, compute_dtype or "")
     execute(info, ctx, (m,), (values,), compute_dtype)
@@ -575,7 +574,7 @@ def principal_eigenvector(a, /, *, out=None, dtype=None, compute_dtype=None, con
     [0.0, 1.0]
     """
     info, ctx, (m,), _ = _setup("principal_eigenvector", (a,), dtype, context)
-    return _single(info, ctx, (m,), (_square("principal_eigenvector", m),), out, compute_dtype)
+    return _single(info, ctx, (m,), (_order("principal_eigenvector", m),), out, compute_dtype)
 
 
 def eigh(a, /, *, dtype=None, compute_dtype=None, context=None):
@@ -588,7 +587,7 @@ def eigh(a, /, *, dtype=None, compute_dtype=None, context=None):
     [1.0, 3.0]
     """
     info, ctx, (m,), dt = _setup("eigh", (a,), dtype, context)
-    n = _square("eigh", m)
+    n = _order("eigh", m)
     values, vectors = _outputs(info, dt, (n,), (n, n))
     execute(info, ctx, (m,), (values, vectors), compute_dtype)
     return EighResult(values, vectors)
@@ -602,7 +601,7 @@ def eigvalsh(a, /, *, out=None, dtype=None, compute_dtype=None, context=None):
     array([1., 3.])
     """
     info, ctx, (m,), _ = _setup("eigvalsh", (a,), dtype, context)
-    return _single(info, ctx, (m,), (_square("eigvalsh", m),), out, compute_dtype)
+    return _single(info, ctx, (m,), (_order("eigvalsh", m),), out, compute_dtype)
 
 
 def slogdet(a, /, *, dtype=None, compute_dtype=None, context=None):
@@ -615,7 +614,7 @@ def slogdet(a, /, *, dtype=None, compute_dtype=None, context=None):
     (-1.0, 0.693147)
     """
     info, ctx, (m,), dt = _setup("slogdet", (a,), dtype, context)
-    _square("slogdet", m)
+    _order("slogdet", m)
     sign, logabs = _outputs(info, dt, (), ())
     execute(info, ctx, (m,), (sign, logabs), compute_dtype)
     return SlogdetResult(sign[()], logabs[()])
@@ -629,5 +628,5 @@ def logdet_positive_definite(a, /, *, out=None, dtype=None, compute_dtype=None, 
     1.386294
     """
     info, ctx, (m,), _ = _setup("logdet_positive_definite", (a,), dtype, context)
-    _square("logdet_positive_definite", m)
+    _order("logdet_positive_definite", m)
     return _single(info, ctx, (m,), (), out, compute_dtype)
