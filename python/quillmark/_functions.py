@@ -61,21 +61,31 @@ def _setup(name, args, dtype, context):
     return info, ctx, [convert(a, dt) for a in arrays], dt
 
 
+def _target(out, shape, dt):
+    """(array to bind, array to copy into afterwards): ``out`` itself when it fits."""
+    if out is not None and writable_target(out, shape, dt):
+        return out, None
+    return np.empty(shape, dt), out
+
+
+def _deliver(target, back):
+    if back is None:
+        return target
+    np.copyto(back, target, casting="same_kind")
+    return back
+
+
 def _single(info, ctx, inputs, shape, out, compute_dtype, bind_shape=None, out_dtype=None):
     """Run an operation with one dense output of ``shape`` (bound as ``bind_shape``)."""
     bind_shape = shape if bind_shape is None else bind_shape
     dt = out_dtype if out_dtype is not None else numpy_dtype(
         result_policy(info, ctx, inputs, bind_shape)[0])
-    if out is not None and writable_target(out, shape, dt):
-        target, back = out, None
-    else:
-        target, back = np.empty(shape, dt), out
+    target, back = _target(out, shape, dt)
     execute(info, ctx, inputs, (target if shape == bind_shape else target.reshape(bind_shape),),
             compute_dtype)
-    if back is not None:
-        np.copyto(back, target, casting="same_kind")
-        return back
-    return target if shape else target[()]
+    if back is None and not shape:
+        return target[()]
+    return _deliver(target, back)
 
 
 def _matrix(name, a):
@@ -120,10 +130,7 @@ def conjugate(x, /, *, out=None, dtype=None, compute_dtype=None, context=None):
         # The operation works in place: never on the caller's memory.
         target, back = (a.copy() if a is x or a.base is not None else a), out
     execute(info, ctx, (), (target.reshape(-1),), compute_dtype)
-    if back is not None:
-        np.copyto(back, target, casting="same_kind")
-        return back
-    return target
+    return _deliver(target, back)
 
 
 conj = conjugate
@@ -438,15 +445,9 @@ def eye(n, m=None, /, *, dtype=None, out=None, compute_dtype=None, context=None)
     info = op_info("eye")
     ctx = default_context() if context is None else context
     dt = working_dtype(info, [], "float64" if dtype is None else dtype)
-    if out is not None and writable_target(out, (n, n), dt):
-        target, back = out, None
-    else:
-        target, back = np.empty((n, n), dt), out
+    target, back = _target(out, (n, n), dt)
     execute(info, ctx, (), (target,), compute_dtype)
-    if back is not None:
-        np.copyto(back, target, casting="same_kind")
-        return back
-    return target
+    return _deliver(target, back)
 
 
 identity = eye
@@ -521,10 +522,7 @@ def solve(a, b, /, *, out=None, dtype=None, compute_dtype=None, context=None):
             raise ValueError(f"out has shape {back.shape}, the result has shape {target.shape}")
     else:
         raise ValueError(f"quillmark.solve - b must be a vector or a matrix, got shape {rhs.shape}")
-    if back is not None:
-        np.copyto(back, target, casting="same_kind")
-        return back
-    return target
+    return _deliver(target, back)
 
 
 def logdet(a, /, *, dtype=None, compute_dtype=None, context=None):
