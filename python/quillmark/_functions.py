@@ -558,7 +558,7 @@ def eig(a, /, *, dtype=None, compute_dtype=None, context=None):
     info, ctx, (m,), dt = _setup("eig", (a,), dtype, context)
     n = _order("eig", m)
     out_name, out_compute = info.outputs_for[dtype_name(dt)][0]
-    values = _native.EigenOperand(n, out_name, compute_dtype or "")
+    values = _native.EigenOperand(n, out_name, out_compute)
     execute(info, ctx, (m,), (values,), compute_dtype)
     return EigResult(values.values, values.vectors)
 
