@@ -27,6 +27,17 @@ def _role_name(code):
     return name
 
 
+def _once(name, make):
+    """The module global ``name``, made by ``make`` on first use; one maker wins a race."""
+    value = globals()[name]
+    if value is None:
+        with _lock:
+            value = globals()[name]
+            if value is None:
+                value = globals()[name] = make()
+    return value
+
+
 def default_context():
     """The process-wide default :class:`Context`, made on first use (thread-safe).
 
@@ -36,25 +47,11 @@ def default_context():
     >>> qm.default_context() is qm.default_context()
     True
     """
-    global _default_context
-    ctx = _default_context
-    if ctx is None:
-        with _lock:
-            if _default_context is None:
-                _default_context = _native.Context()
-            ctx = _default_context
-    return ctx
+    return _default_context or _once("_default_context", _native.Context)
 
 
 def _default_catalogue():
-    global _catalogue
-    cat = _catalogue
-    if cat is None:
-        with _lock:
-            if _catalogue is None:
-                _catalogue = _native.ContextBuilder().build()
-            cat = _catalogue
-    return cat
+    return _catalogue or _once("_catalogue", lambda: _native.ContextBuilder().build())
 
 
 def canonical_name(name):
