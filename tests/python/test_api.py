@@ -39,6 +39,15 @@ CASES = {
     "slogdet": (lambda a: tuple(qm.slogdet(a)), lambda a: tuple(np.linalg.slogdet(a)), (A,)),
     "logdet": (lambda a: np.exp(qm.logdet(a)).real, np.linalg.det, (A,)),
     "matrix_power": (lambda a: qm.matrix_power(a, 3), lambda a: np.linalg.matrix_power(a, 3), (A,)),
+    "scale": (lambda x: qm.scale(x, 2.5), lambda x: 2.5 * x, (X,)),
+    "divide": (lambda x: qm.divide(x, 4), lambda x: x / 4, (X,)),
+    "partial_trace_left": (lambda a: qm.partial_trace_left(a, 2),
+                           lambda a: a[:2, :2] + a[2:, 2:], (A[:4, :4],)),
+    "partial_trace_right": (lambda a: qm.partial_trace_right(a, 2),
+                            lambda a: a.reshape(2, 2, 2, 2).trace(axis1=1, axis2=3), (A[:4, :4],)),
+    "eigh": (lambda a: qm.eigh(a).eigenvalues, np.linalg.eigvalsh, (H,)),
+    "principal_eigenvector": (lambda a: abs(qm.principal_eigenvector(a)),
+                              lambda a: abs(np.linalg.eigh(a)[1][:, -1]), (H,)),
 }
 
 
@@ -56,12 +65,22 @@ def variants(args):
 def test_functions_match_numpy_on_any_array_like(name):
     call, reference, args = CASES[name]
     for label, given in variants(args):
-        if label == "int64" and name in ("sqrt", "eigvalsh", "logdet_positive_definite"):
+        if label == "int64" and name in ("sqrt", "eigvalsh", "logdet_positive_definite", "eigh",
+                                         "principal_eigenvector"):
             continue  # rounding breaks positivity; integer coverage comes from the others
         want = reference(*(np.asarray(a, np.float64) for a in given))
         got = call(*given)
         np.testing.assert_allclose(np.asarray(got, np.float64), np.asarray(want, np.float64),
                                    rtol=1e-9, atol=1e-9, err_msg=label)
+
+
+@pytest.mark.parametrize("name", sorted(n for n in CASES if len(CASES[n][2]) == 2))
+def test_mixed_dtype_arguments_promote(name):
+    call, reference, (first, second) = CASES[name]
+    got = call(first.astype(np.float32), second.astype(np.complex64))
+    assert np.asarray(got).dtype == np.complex64
+    want = reference(first, second.astype(np.complex128))
+    np.testing.assert_allclose(got, want, rtol=2e-4, atol=2e-4)
 
 
 @pytest.mark.parametrize("first,second,expected", [
