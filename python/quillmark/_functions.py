@@ -527,7 +527,8 @@ def solve(a, b, /, *, out=None, dtype=None, compute_dtype=None, context=None):
 
 def logdet(a, /, *, dtype=None, compute_dtype=None, context=None):
     """Principal complex logarithm of ``det(a)`` (imaginary part 0 or pi for real input); ``a`` is
-    a square matrix or a factorisation from :func:`lu_factor`.
+    a square matrix or a factorisation from :func:`lu_factor`. A singular matrix fails in the
+    factorisation (see :func:`slogdet` for a result of ``-inf`` instead).
 
     >>> import quillmark as qm
     >>> complex(qm.logdet([[-1.0, 0.0], [0.0, 1.0]]))
