@@ -24,5 +24,5 @@ ctest --test-dir "$BUILD_DIR" --output-on-failure -j2
 log "Python tests"
 "$PY" -m pytest -q tests/python
 
-# --- further checks ----------------------------------------------------------------------------
-# (sanitizer runs are added here)
+# --- sanitizer runs ----------------------------------------------------------------------------
+# The call of scripts/sanitize.sh goes here.
