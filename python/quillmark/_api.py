@@ -177,11 +177,12 @@ def layout_word(x):
     return f"{order} {x.shape}"
 
 
-def refuse(info, arrays, asked, reason="no implementation fits"):
+def refusal(info, arrays, asked, reason="no implementation fits"):
+    """The TypeError for a call that no implementation serves: what was asked, what is served."""
     dtypes = ", ".join(dtype_name(a.dtype) if isinstance(a, np.ndarray) else type(a).__name__
                        for a in arrays)
     layouts = ", ".join(layout_word(a) for a in arrays)
-    raise TypeError(
+    return TypeError(
         f"quillmark.{info.name} - {reason}: asked for dtype {asked} with inputs of dtypes ({dtypes}) "
         f"and layouts ({layouts}); the operation serves: {', '.join(info.served)}")
 
@@ -215,15 +216,15 @@ def working_dtype(info, arrays, dtype, weak=()):
     if dtype is not None:
         dt = numpy_dtype(dtype)
         if dtype_name(dt) not in info.outputs_for:
-            refuse(info, arrays, dtype_name(dt), "dtype not served")
+            raise refusal(info, arrays, dtype_name(dt), "dtype not served")
         return dt
     dt = _promote(arrays, weak)
     name = dtype_name(dt) if dt is not None else None
     while name is not None and name not in info.outputs_for:
         name = _WIDER.get(name)
     if name is None:
-        refuse(info, arrays, dtype_name(dt) if dt is not None else "(no common dtype)",
-               "no dtype of the inputs' kind is served")
+        raise refusal(info, arrays, dtype_name(dt) if dt is not None else "(no common dtype)",
+                      "no dtype of the inputs' kind is served")
     return numpy_dtype(name)
 
 
@@ -299,8 +300,5 @@ def execute(info, ctx, inputs, outputs, compute_dtype):
         if getattr(error, "reason", "") == "no_backend_available":
             arrays = [a for a in inputs if isinstance(a, np.ndarray)] or list(outputs)
             asked = dtype_name(arrays[0].dtype) if arrays and hasattr(arrays[0], "dtype") else "?"
-            try:
-                refuse(info, arrays, asked)
-            except TypeError as refusal:
-                raise refusal from error
+            raise refusal(info, arrays, asked) from error
         raise
