@@ -286,3 +286,33 @@ def test_stubs_match_the_functions():
         assert [p.name for p in params] == [a.arg for a in stub_params], name
         assert [p.kind == p.KEYWORD_ONLY for p in params] == \
             [a in node.kwonlyargs for a in stub_params], name
+
+
+PROMOTABLE = ["bool", "int8", "uint8", "int32", "int64", "float16", "float32", "float64",
+              "complex64", "complex128"]
+
+
+@pytest.mark.parametrize("op", ["add", "multiply", "matmul", "kron", "trace"])
+def test_every_dtype_pair_computes_what_numpy_computes(op):
+    """Whatever NumPy promotes to, the result holds the same values in a dtype at least as
+    precise (integers without an int32 kernel and bool arithmetic widen)."""
+    for d1 in PROMOTABLE:
+        for d2 in PROMOTABLE:
+            x = (np.arange(6).reshape(2, 3) % 2 if "bool" in (d1, d2) else
+                 np.arange(6).reshape(2, 3) % 5).astype(d1)
+            y = (np.arange(6).reshape(3, 2) % 2 if "bool" in (d1, d2) else
+                 np.arange(6).reshape(3, 2) % 3).astype(d2)
+            wide_x, wide_y = x.astype(np.complex128), y.astype(np.complex128)
+            if op == "trace":
+                got, want = qm.trace(x), np.trace(wide_x)
+            elif op == "matmul":
+                got, want = qm.matmul(x, y), wide_x @ wide_y
+            elif op == "kron":
+                got, want = qm.kron(x, y), np.kron(wide_x, wide_y)
+            else:
+                got, want = getattr(qm, op)(x, y.T), getattr(np, op)(wide_x, wide_y.T)
+            numpy_dtype = np.result_type(x) if op == "trace" else np.result_type(x, y)
+            got = np.asarray(got)
+            assert got.dtype.itemsize >= min(numpy_dtype.itemsize, 4), (d1, d2, got.dtype)
+            assert (got.dtype.kind == "c") == (numpy_dtype.kind == "c"), (d1, d2, got.dtype)
+            np.testing.assert_array_equal(got.astype(np.complex128), want, err_msg=f"{d1} {d2}")
