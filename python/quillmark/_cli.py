@@ -244,12 +244,12 @@ def _progress(items, **kw):
     return tqdm(items, **kw)
 
 
-def bench(args):
+def bench(args, argv):
     threads = qm.Context(thread_count=args.threads).thread_count
     if any(os.environ.get(v) != str(threads) for v in _BLAS_THREAD_VARS):
         # NumPy's BLAS reads its thread count once, when it loads: rerun with it fixed.
         env = dict(os.environ, **{v: str(threads) for v in _BLAS_THREAD_VARS})
-        return subprocess.call([sys.executable, "-m", "quillmark", *sys.argv[1:]], env=env)
+        return subprocess.call([sys.executable, "-m", "quillmark", *argv], env=env)
     ctx = qm.Context(thread_count=threads) if args.threads else qm.default_context()
     rng = np.random.default_rng(0)
     factor = 4 if np.dtype(args.dtype).kind == "c" else 1
@@ -294,6 +294,7 @@ def bench(args):
 
 
 def main(argv=None):
+    argv = sys.argv[1:] if argv is None else list(argv)
     parser = argparse.ArgumentParser(prog="python -m quillmark", description=__doc__)
     sub = parser.add_subparsers(dest="command", required=True)
     sub.add_parser("info", help="version, SIMD engine, threads, backends, catalogue summary")
@@ -320,5 +321,5 @@ def main(argv=None):
     elif args.command == "check":
         return 0 if check(tuple(args.dtypes)) else 1
     elif args.command == "bench":
-        return bench(args)
+        return bench(args, argv)
     return 0
