@@ -295,7 +295,8 @@ def bench(args, argv):
 
 def main(argv=None):
     argv = sys.argv[1:] if argv is None else list(argv)
-    parser = argparse.ArgumentParser(prog="python -m quillmark", description=__doc__)
+    parser = argparse.ArgumentParser(prog="python -m quillmark",
+                                     description="Inspect, check and benchmark quillmark.")
     sub = parser.add_subparsers(dest="command", required=True)
     sub.add_parser("info", help="version, SIMD engine, threads, backends, catalogue summary")
     p = sub.add_parser("describe", help="one operation's contract and implementations")
