@@ -4,6 +4,7 @@
 #include <cmath>
 #include <complex>
 #include <functional>
+#include <limits>
 #include <new>
 #include <type_traits>
 
@@ -117,6 +118,13 @@ LuOutcome factor_panel(C* a, std::uint64_t n, std::uint64_t k0, std::uint64_t k1
         Key<C, R> best{};
         for (std::uint64_t i = k; i < n; ++i) {
             if (!finite(col[i])) return {LuStop::non_finite, k, outcome.swaps};
+            if constexpr (IsComplex<C>::value) {
+                // |re| + |im| bounds the modulus from above; with a margin for the roundings of
+                // both, a candidate below the best cannot win and needs no modulus.
+                const R bound = std::fabs(col[i].real()) + std::fabs(col[i].imag());
+                if (i != k && !best.scaled && bound * (R(1) + 4 * std::numeric_limits<R>::epsilon()) < best.magnitude)
+                    continue;
+            }
             const auto key = key_of<C, R>(col[i]);
             if (i == k || (key.scaled != best.scaled ? key.scaled : key.magnitude > best.magnitude)) {
                 best = key;
