@@ -301,7 +301,11 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
         for (std::uint64_t p = 0; p + 1 < n; ++p) {
             std::copy(m + p * ld, m + p * ld + n, cp);
             RW app = real_part(cp[p]);
-            for (std::uint64_t q = p + 1; q < n; ++q) {
+            // Row q of rotation (p, q) reaches the columns of the same cache-line block of q at
+            // once and the later columns when the block is done, a line per column.
+            for (std::uint64_t q0 = p + 1; q0 < n; q0 += line) {
+            const std::uint64_t q1 = std::min(n, q0 + line);
+            for (std::uint64_t q = q0; q < q1; ++q) {
                 W* const cq = m + q * ld;
                 const W apq = conj_of(cp[q]);
                 const RW aqq = real_part(cq[q]);
@@ -329,10 +333,16 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
                 cp[q] = W(0);
                 cq[p] = W(0);
                 cq[q] = W(aqq + delta);
-                for (std::uint64_t k = q + 1; k < n; ++k)
+                for (std::uint64_t k = q + 1; k < q1; ++k)
                     m[k * ld + q] = conj_of(cq[k]);
                 if (vt)
                     rotate_pair(vt->data() + p * n, vt->data() + q * n, n, c, s);
+            }
+            for (std::uint64_t k = q1; k < n; ++k) {
+                W* const ck = m + k * ld;
+                for (std::uint64_t q = q0; q < q1; ++q)
+                    ck[q] = conj_of(m[q * ld + k]);
+            }
             }
             std::copy(cp, cp + n, m + p * ld);
             for (std::uint64_t k = 0; k < n; ++k)
