@@ -3,9 +3,11 @@
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/string.h>
 
+#include <bit>
 #include <cstring>
 #include <limits>
 #include <stdexcept>
+#include <string_view>
 
 #include "native_types.hpp"
 #include "storage/borrowed_host_storage.hpp"
@@ -38,7 +40,7 @@ bool dtype_equals(nb::handle dtype, nb::handle other) {
     return equal == 1;
 }
 
-std::optional<ScalarType> recognise(char kind, std::size_t itemsize, nb::handle dtype) {
+std::optional<ScalarType> recognise(char kind, std::size_t itemsize) {
     using enum ScalarType;
     switch (kind) {
     case 'f':
@@ -67,30 +69,117 @@ std::optional<ScalarType> recognise(char kind, std::size_t itemsize, nb::handle 
         if (itemsize == 16)
             return complex128;
         return std::nullopt;
-    case 'V':
-        // Neither low-precision type is a NumPy builtin; both come as extension/structured dtypes.
-        if (itemsize == 2 && dtype_equals(dtype, low_precision_dtypes().attr("bfloat16")))
-            return bfloat16;
-        if (itemsize == 4 && dtype_equals(dtype, low_precision_dtypes().attr("complex32")))
-            return complex32;
-        return std::nullopt;
     default:
         return std::nullopt;
     }
 }
 
-// Attribute names are interned once, so that per-call lookups neither build nor hash strings.
-#define QM_NAME(text)                                                                                        \
-    ([]() -> nb::handle {                                                                                    \
-        static PyObject* const name = PyUnicode_InternFromString(text);                                      \
-        return name;                                                                                         \
-    }())
+PyTypeObject* ndarray_type() {
+    static PyObject* type = nb::object(numpy_module().attr("ndarray")).release().ptr();
+    return reinterpret_cast<PyTypeObject*>(type);
+}
 
-bool truth(nb::handle value) {
-    const int result = PyObject_IsTrue(value.ptr());
-    if (result < 0)
+// An attribute read through ndarray's own descriptor, which a subclass cannot replace.
+nb::object base_attribute(nb::handle array, const char* name) {
+    nb::object descriptor = nb::handle(reinterpret_cast<PyObject*>(ndarray_type())).attr(name);
+    PyObject* value = Py_TYPE(descriptor.ptr())->tp_descr_get(descriptor.ptr(), array.ptr(),
+                                                             reinterpret_cast<PyObject*>(Py_TYPE(array.ptr())));
+    if (!value)
         throw nb::python_error();
-    return result == 1;
+    return nb::steal(value);
+}
+
+// The element type named by a buffer format ("d", "<f", ">Zd", "T{e:real:e:imag:}", ...).
+struct FormatType {
+    std::optional<ScalarType> storage;
+    bool is_bool = false;
+    bool native = true;
+};
+
+// NumPy exports complex32 as the record "T{e:real:e:imag:}", each field possibly preceded by a
+// native byte-order or size mark ("T{=e:real:e:imag:}" at addresses that are not aligned).
+bool is_complex32_record(std::string_view format) {
+    const auto field = [&format](std::string_view name) {
+        if (!format.empty() && (format[0] == '@' || format[0] == '=' || format[0] == '<'))
+            format.remove_prefix(1);
+        if (!format.starts_with(name))
+            return false;
+        format.remove_prefix(name.size());
+        return true;
+    };
+    if (!format.starts_with("T{"))
+        return false;
+    format.remove_prefix(2);
+    return field("e:real:") && field("e:imag:") && format == "}";
+}
+
+FormatType read_format(const char* format, std::size_t itemsize) {
+    static_assert(std::endian::native == std::endian::little, "byte-order prefixes are read for little-endian hosts");
+    FormatType type;
+    if (!format)
+        format = "B";
+    if (*format == '@' || *format == '=' || *format == '<') {
+        ++format;
+    } else if (*format == '>' || *format == '!') {
+        type.native = false;
+        ++format;
+    }
+    if (format[0] == 'T') {
+        if (itemsize == 4 && is_complex32_record(format))
+            type.storage = ScalarType::complex32;
+        return type;
+    }
+    const bool complex = *format == 'Z';
+    if (complex)
+        ++format;
+    if (format[0] == '\0' || format[1] != '\0')
+        return type;
+    char kind = 0;
+    switch (format[0]) {
+    case 'e': case 'f': case 'd': kind = complex ? 'c' : 'f'; break;
+    case 'b': case 'h': case 'i': case 'l': case 'q': case 'n': kind = 'i'; break;
+    case 'B': case 'H': case 'I': case 'L': case 'Q': case 'N': kind = 'u'; break;
+    case '?': type.is_bool = !complex; return type;
+    default: return type;
+    }
+    if (complex && kind != 'c')
+        return type;
+    type.storage = recognise(kind, itemsize);
+    return type;
+}
+
+std::size_t element_alignment(ScalarType type) noexcept {
+    switch (type) {
+    case ScalarType::bfloat16:
+    case ScalarType::float16:
+    case ScalarType::complex32:
+        return 2;
+    case ScalarType::float32:
+    case ScalarType::int32:
+    case ScalarType::uint32:
+    case ScalarType::complex64:
+    case ScalarType::complex_int32:
+        return 4;
+    default:
+        return 8;
+    }
+}
+
+// Contiguity as NumPy defines it: axes of length one place no constraint; an empty array is both.
+bool contiguous(const Py_buffer& view, bool c_order) {
+    Py_ssize_t expected = view.itemsize;
+    for (int i = 0; i < view.ndim; ++i) {
+        const int axis = c_order ? view.ndim - 1 - i : i;
+        const Py_ssize_t extent = view.shape[axis];
+        if (extent == 0)
+            return true;
+        if (extent != 1) {
+            if (view.strides[axis] != expected)
+                return false;
+            expected *= extent;
+        }
+    }
+    return true;
 }
 
 template <class P>
@@ -134,39 +223,96 @@ const char* raw_view_dtype(ScalarType storage) noexcept {
 } // namespace
 
 bool is_ndarray(nb::handle object) {
-    static PyObject* ndarray = nb::object(numpy_module().attr("ndarray")).release().ptr();
-    const int result = PyObject_IsInstance(object.ptr(), ndarray);
-    if (result < 0)
-        throw nb::python_error();
-    return result == 1;
+    return PyObject_TypeCheck(object.ptr(), ndarray_type());
+}
+
+ArrayFacts::ArrayFacts(ArrayFacts&& other) noexcept { *this = std::move(other); }
+
+ArrayFacts& ArrayFacts::operator=(ArrayFacts&& other) noexcept {
+    if (this != &other) {
+        release();
+        array = other.array;
+        data = other.data;
+        ndim = other.ndim;
+        shape = other.shape;
+        strides = other.strides;
+        storage = other.storage;
+        is_bool = other.is_bool;
+        dtype_name = std::move(other.dtype_name);
+        c_contiguous = other.c_contiguous;
+        f_contiguous = other.f_contiguous;
+        aligned = other.aligned;
+        native = other.native;
+        writeable = other.writeable;
+        view_ = other.view_;
+        other.view_ = Py_buffer{};
+        raw_ = std::move(other.raw_);
+    }
+    return *this;
+}
+
+ArrayFacts::~ArrayFacts() { release(); }
+
+void ArrayFacts::release() noexcept {
+    if (view_.obj)
+        PyBuffer_Release(&view_);
+    view_ = Py_buffer{};
+}
+
+std::uint64_t ArrayFacts::byte_size() const noexcept {
+    if (!view_.obj)
+        return 0;
+    return static_cast<std::uint64_t>(view_.len);
 }
 
 ArrayFacts inspect_array(nb::handle array) {
     ArrayFacts facts;
     facts.array = array;
-    facts.ndim = nb::cast<std::size_t>(array.attr(QM_NAME("ndim")));
-    nb::tuple shape = nb::cast<nb::tuple>(array.attr(QM_NAME("shape")));
-    for (std::size_t axis = 0; axis < facts.ndim && axis < 2; ++axis)
-        facts.shape[axis] = nb::cast<std::uint64_t>(shape[axis]);
-
-    nb::object dtype = array.attr(QM_NAME("dtype"));
-    const std::string kind = nb::cast<std::string>(dtype.attr(QM_NAME("kind")));
-    const auto itemsize = nb::cast<std::size_t>(dtype.attr(QM_NAME("itemsize")));
-    facts.native = truth(dtype.attr(QM_NAME("isnative")));
-    if (kind == "b") {
-        facts.is_bool = true;
-        facts.dtype_name = "bool";
+    nb::handle exporter = array;
+    if (PyObject_GetBuffer(array.ptr(), &facts.view_, PyBUF_RECORDS_RO) != 0) {
+        // NumPy exports no buffer for extension dtypes: bfloat16 is reached through a raw
+        // uint16 view of the same memory; any other such dtype is only named, for the messages.
+        PyErr_Clear();
+        facts.view_ = Py_buffer{};
+        nb::object dtype = base_attribute(array, "dtype");
+        if (!dtype_equals(dtype, low_precision_dtypes().attr("bfloat16"))) {
+            facts.ndim = nb::cast<std::size_t>(base_attribute(array, "ndim"));
+            facts.dtype_name = nb::cast<std::string>(dtype.attr("name"));
+            return facts;
+        }
+        nb::handle type(reinterpret_cast<PyObject*>(ndarray_type()));
+        facts.raw_ = type.attr("view")(array, numpy_module().attr("uint16"), type);
+        exporter = facts.raw_;
+        if (PyObject_GetBuffer(exporter.ptr(), &facts.view_, PyBUF_RECORDS_RO) != 0)
+            throw nb::python_error();
+        facts.storage = ScalarType::bfloat16;
+        facts.native = true; // a byte-swapped bfloat16 dtype does not compare equal
     } else {
-        facts.storage = kind.size() == 1 ? recognise(kind[0], itemsize, dtype) : std::nullopt;
-        facts.dtype_name = facts.storage ? std::string(scalar_name(*facts.storage))
-                                         : nb::cast<std::string>(dtype.attr(QM_NAME("name")));
+        const FormatType type = read_format(facts.view_.format, static_cast<std::size_t>(facts.view_.itemsize));
+        facts.storage = type.storage;
+        facts.is_bool = type.is_bool;
+        facts.native = type.native;
     }
 
-    nb::object flags = array.attr(QM_NAME("flags"));
-    facts.c_contiguous = truth(flags.attr(QM_NAME("c_contiguous")));
-    facts.f_contiguous = truth(flags.attr(QM_NAME("f_contiguous")));
-    facts.aligned = truth(flags.attr(QM_NAME("aligned")));
-    facts.writeable = truth(flags.attr(QM_NAME("writeable")));
+    const Py_buffer& view = facts.view_;
+    facts.data = view.buf;
+    facts.ndim = static_cast<std::size_t>(view.ndim);
+    for (int axis = 0; axis < view.ndim && axis < 2; ++axis) {
+        facts.shape[axis] = static_cast<std::uint64_t>(view.shape[axis]);
+        facts.strides[axis] = view.strides[axis] / view.itemsize;
+    }
+    facts.c_contiguous = contiguous(view, true);
+    facts.f_contiguous = contiguous(view, false);
+    facts.writeable = !view.readonly;
+    if (facts.is_bool) {
+        facts.dtype_name = "bool";
+        facts.aligned = true;
+    } else if (facts.storage) {
+        facts.dtype_name = scalar_name(*facts.storage);
+        facts.aligned = reinterpret_cast<std::uintptr_t>(view.buf) % element_alignment(*facts.storage) == 0;
+    } else {
+        facts.dtype_name = nb::cast<std::string>(base_attribute(array, "dtype").attr("name"));
+    }
     return facts;
 }
 
@@ -187,21 +333,7 @@ bool is_complex_type(ScalarType type) noexcept {
            type == ScalarType::complex_int32 || type == ScalarType::complex_int64;
 }
 
-nb::ndarray<nb::ro> import_array(const ArrayFacts& facts, std::vector<nb::object>& keep) {
-    nb::handle source = facts.array;
-    if (facts.low_precision()) {
-        keep.push_back(facts.array.attr(QM_NAME("view"))(raw_view_dtype(*facts.storage)));
-        source = keep.back();
-    }
-    nb::ndarray<nb::ro> imported;
-    if (!nb::try_cast(source, imported, false))
-        throw std::invalid_argument("host binding requires a NumPy ndarray");
-    return imported;
-}
-
-void* array_data(const ArrayFacts& facts, std::vector<nb::object>& keep) {
-    return const_cast<void*>(import_array(facts, keep).data());
-}
+void* array_data(const ArrayFacts& facts, std::vector<nb::object>&) { return facts.data; }
 
 std::unique_ptr<OperandEntity> borrow_storage(ScalarType storage, OperandKind kind, void* data,
                                               std::array<std::uint64_t, 2> extent, MatrixLayout layout) {

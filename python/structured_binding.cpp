@@ -122,14 +122,13 @@ void lu_from_values(NativeLUOperand* self, nb::handle values, const std::string&
         keep.push_back(values.attr("astype")(values.attr("dtype").attr("newbyteorder")("=")));
         facts = inspect_array(keep.back());
     }
-    nb::ndarray<nb::ro> source = import_array(facts, keep);
 
     NativeLUOperand operand;
     const std::uint64_t n = facts.shape[0];
     make_structured(operand, policy, OperandKind::lu, n);
     if (n != 0)
         gather(element, static_cast<std::byte*>(buffer(operand, 0).data),
-               static_cast<const std::byte*>(source.data()), n, source.stride(0), source.stride(1));
+               static_cast<const std::byte*>(facts.data), n, facts.strides[0], facts.strides[1]);
     new (self) NativeLUOperand(std::move(operand));
 }
 

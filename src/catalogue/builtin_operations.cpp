@@ -248,18 +248,21 @@ constexpr OperandKind E = OperandKind::eigen;
 struct BuiltinRow {
     const char* name;
     Rule rule;
+    // Element i of the output depends on element i of each vector input only, so an output that
+    // is exactly one of the inputs can be computed in place.
+    bool elementwise = false;
 };
 
 constexpr std::array<BuiltinRow, kBuiltinOperationCount> kRows{{
-    {"quillmark.sqrt", unary_vector},
-    {"quillmark.conjugate", in_place_vector},
-    {"quillmark.multiply", binary_vector},
-    {"quillmark.add", binary_vector},
-    {"quillmark.subtract", binary_vector},
+    {"quillmark.sqrt", unary_vector, true},
+    {"quillmark.conjugate", in_place_vector, true},
+    {"quillmark.multiply", binary_vector, true},
+    {"quillmark.add", binary_vector, true},
+    {"quillmark.subtract", binary_vector, true},
     {"quillmark.sum", vector_to_scalar},
     {"quillmark.norm", vector_to_scalar},
-    {"quillmark.scale", vector_and_scalar},
-    {"quillmark.divide", vector_and_scalar},
+    {"quillmark.scale", vector_and_scalar, true},
+    {"quillmark.divide", vector_and_scalar, true},
     {"quillmark.transpose", transposed_matrix},
     {"quillmark.adjoint", transposed_matrix},
     {"quillmark.matmul", matrix_product},
@@ -594,6 +597,13 @@ void register_builtin_operations(OperationRegistry& registry, const Registration
     for (OperationSpec& spec : specs)
         if (registry.sealed() || registry.contains(spec.id())) registry.register_operation(std::move(spec), provenance);
     for (OperationSpec& spec : specs) registry.register_operation(std::move(spec), provenance);
+}
+
+bool builtin_elementwise(const OperationId& id) noexcept {
+    const auto ids = builtin_operation_ids();
+    for (std::size_t i = 0; i < ids.size(); ++i)
+        if (ids[i] == id) return kRows[i].elementwise;
+    return false;
 }
 
 std::shared_ptr<const OperationNumerics> operation_numerics(const OperationId& id) {

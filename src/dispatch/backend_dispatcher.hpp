@@ -62,7 +62,8 @@ public:
     const BackendAdaptationRegistry& adaptations() const noexcept { return *adaptations_; }
 
     // Cheapest registration over the backend kinds; ties go to cpu_scalar, then cpu_simd.
-    // Throws DispatchError no_backend_available when no kind has a candidate.
+    // Throws DispatchError no_backend_available when no kind has a candidate. Recent choices are
+    // remembered by handle and exact operand keys, so a repeated call shape skips the search.
     Choice choose(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
                   std::span<const BackendOperandKey> outputs) const;
 
@@ -86,8 +87,13 @@ public:
                       std::span<const BackendOperandKey> registered) const;
 
 private:
+    class ChoiceCache;
+    Choice search(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
+                  std::span<const BackendOperandKey> outputs) const;
     const BackendRegistry* registry_;
     const BackendAdaptationRegistry* adaptations_;
+    // Shared by copies, which look at the same registries.
+    std::shared_ptr<ChoiceCache> cache_;
 };
 
 } // namespace quillmark
