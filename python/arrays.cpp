@@ -182,34 +182,42 @@ bool contiguous(const Py_buffer& view, bool c_order) {
     return true;
 }
 
+// An entity made in `arena` (destroyed, never freed, by its deleter), or on the heap without one.
+template <class E, class... Args> BorrowedEntity make_entity(std::pmr::memory_resource* arena, Args&&... args) {
+    if (!arena)
+        return BorrowedEntity(new E(std::forward<Args>(args)...));
+    std::pmr::polymorphic_allocator<> allocator(arena);
+    return BorrowedEntity(allocator.new_object<E>(std::forward<Args>(args)...), EntityDeleter{true});
+}
+
 template <class P>
-std::unique_ptr<OperandEntity> borrow_real(OperandKind kind, void* data, std::array<std::uint64_t, 2> extent,
-                                           MatrixLayout layout) {
+BorrowedEntity borrow_real(std::pmr::memory_resource* arena, OperandKind kind, void* data,
+                           std::array<std::uint64_t, 2> extent, MatrixLayout layout) {
     auto* elements = static_cast<typename P::storage_type*>(data);
     switch (kind) {
     case OperandKind::scalar:
-        return std::make_unique<BorrowedDenseHostRealScalar<P>>(elements);
+        return make_entity<BorrowedDenseHostRealScalar<P>>(arena, elements);
     case OperandKind::vector:
-        return std::make_unique<BorrowedDenseHostRealVector<P>>(elements, extent[0]);
+        return make_entity<BorrowedDenseHostRealVector<P>>(arena, elements, extent[0]);
     case OperandKind::matrix:
-        return std::make_unique<BorrowedDenseHostRealMatrix<P>>(elements, extent[0], extent[1], layout);
+        return make_entity<BorrowedDenseHostRealMatrix<P>>(arena, elements, extent[0], extent[1], layout);
     default:
         throw std::logic_error("borrow_storage - only dense kinds can be borrowed");
     }
 }
 
 template <class P>
-std::unique_ptr<OperandEntity> borrow_complex(OperandKind kind, void* data,
-                                              std::array<std::uint64_t, 2> extent, MatrixLayout layout) {
+BorrowedEntity borrow_complex(std::pmr::memory_resource* arena, OperandKind kind, void* data,
+                              std::array<std::uint64_t, 2> extent, MatrixLayout layout) {
     using S = typename P::storage_type;
     switch (kind) {
     case OperandKind::scalar:
-        return std::make_unique<BorrowedDenseHostComplexSplitScalar<P>>(static_cast<component_t<S>*>(data));
+        return make_entity<BorrowedDenseHostComplexSplitScalar<P>>(arena, static_cast<component_t<S>*>(data));
     case OperandKind::vector:
-        return std::make_unique<BorrowedDenseHostComplexInterleavedVector<P>>(static_cast<S*>(data),
+        return make_entity<BorrowedDenseHostComplexInterleavedVector<P>>(arena, static_cast<S*>(data),
                                                                               extent[0]);
     case OperandKind::matrix:
-        return std::make_unique<BorrowedDenseHostComplexInterleavedMatrix<P>>(static_cast<S*>(data),
+        return make_entity<BorrowedDenseHostComplexInterleavedMatrix<P>>(arena, static_cast<S*>(data),
                                                                               extent[0], extent[1], layout);
     default:
         throw std::logic_error("borrow_storage - only dense kinds can be borrowed");
@@ -238,12 +246,12 @@ ArrayFacts& ArrayFacts::operator=(ArrayFacts&& other) noexcept {
         strides = other.strides;
         storage = other.storage;
         is_bool = other.is_bool;
-        dtype_name = std::move(other.dtype_name);
         c_contiguous = other.c_contiguous;
         f_contiguous = other.f_contiguous;
         aligned = other.aligned;
         native = other.native;
         writeable = other.writeable;
+        foreign_name_ = std::move(other.foreign_name_);
         view_ = other.view_;
         other.view_ = Py_buffer{};
         raw_ = std::move(other.raw_);
@@ -256,65 +264,66 @@ ArrayFacts::~ArrayFacts() { release(); }
 void ArrayFacts::release() noexcept {
     if (view_.obj)
         PyBuffer_Release(&view_);
-    view_ = Py_buffer{};
+    view_.obj = nullptr;
 }
 
 std::uint64_t ArrayFacts::byte_size() const noexcept {
-    if (!view_.obj)
-        return 0;
-    return static_cast<std::uint64_t>(view_.len);
+    return view_.obj ? static_cast<std::uint64_t>(view_.len) : 0;
 }
 
-ArrayFacts inspect_array(nb::handle array) {
-    ArrayFacts facts;
-    facts.array = array;
-    nb::handle exporter = array;
-    if (PyObject_GetBuffer(array.ptr(), &facts.view_, PyBUF_RECORDS_RO) != 0) {
+std::string ArrayFacts::dtype_name() const {
+    if (is_bool)
+        return "bool";
+    if (storage)
+        return std::string(scalar_name(*storage));
+    return foreign_name_;
+}
+
+ArrayFacts::ArrayFacts(nb::handle object) : array(object) {
+    if (PyObject_GetBuffer(object.ptr(), &view_, PyBUF_RECORDS_RO) != 0) {
         // NumPy exports no buffer for extension dtypes: bfloat16 is reached through a raw
         // uint16 view of the same memory; any other such dtype is only named, for the messages.
         PyErr_Clear();
-        facts.view_ = Py_buffer{};
-        nb::object dtype = base_attribute(array, "dtype");
+        view_ = Py_buffer{};
+        nb::object dtype = base_attribute(object, "dtype");
         if (!dtype_equals(dtype, low_precision_dtypes().attr("bfloat16"))) {
-            facts.ndim = nb::cast<std::size_t>(base_attribute(array, "ndim"));
-            facts.dtype_name = nb::cast<std::string>(dtype.attr("name"));
-            return facts;
+            ndim = nb::cast<std::size_t>(base_attribute(object, "ndim"));
+            foreign_name_ = nb::cast<std::string>(dtype.attr("name"));
+            return;
         }
         nb::handle type(reinterpret_cast<PyObject*>(ndarray_type()));
-        facts.raw_ = type.attr("view")(array, numpy_module().attr("uint16"), type);
-        exporter = facts.raw_;
-        if (PyObject_GetBuffer(exporter.ptr(), &facts.view_, PyBUF_RECORDS_RO) != 0)
+        raw_ = type.attr("view")(object, numpy_module().attr("uint16"), type);
+        if (PyObject_GetBuffer(raw_.ptr(), &view_, PyBUF_RECORDS_RO) != 0) {
+            view_ = Py_buffer{};
             throw nb::python_error();
-        facts.storage = ScalarType::bfloat16;
-        facts.native = true; // a byte-swapped bfloat16 dtype does not compare equal
+        }
+        storage = ScalarType::bfloat16;
+        native = true; // a byte-swapped bfloat16 dtype does not compare equal
     } else {
-        const FormatType type = read_format(facts.view_.format, static_cast<std::size_t>(facts.view_.itemsize));
-        facts.storage = type.storage;
-        facts.is_bool = type.is_bool;
-        facts.native = type.native;
+        const FormatType type = read_format(view_.format, static_cast<std::size_t>(view_.itemsize));
+        storage = type.storage;
+        is_bool = type.is_bool;
+        native = type.native;
     }
 
-    const Py_buffer& view = facts.view_;
-    facts.data = view.buf;
-    facts.ndim = static_cast<std::size_t>(view.ndim);
-    for (int axis = 0; axis < view.ndim && axis < 2; ++axis) {
-        facts.shape[axis] = static_cast<std::uint64_t>(view.shape[axis]);
-        facts.strides[axis] = view.strides[axis] / view.itemsize;
+    data = view_.buf;
+    ndim = static_cast<std::size_t>(view_.ndim);
+    for (int axis = 0; axis < view_.ndim && axis < 2; ++axis) {
+        shape[axis] = static_cast<std::uint64_t>(view_.shape[axis]);
+        strides[axis] = view_.strides[axis] / view_.itemsize;
     }
-    facts.c_contiguous = contiguous(view, true);
-    facts.f_contiguous = contiguous(view, false);
-    facts.writeable = !view.readonly;
-    if (facts.is_bool) {
-        facts.dtype_name = "bool";
-        facts.aligned = true;
-    } else if (facts.storage) {
-        facts.dtype_name = scalar_name(*facts.storage);
-        facts.aligned = reinterpret_cast<std::uintptr_t>(view.buf) % element_alignment(*facts.storage) == 0;
-    } else {
-        facts.dtype_name = nb::cast<std::string>(base_attribute(array, "dtype").attr("name"));
-    }
-    return facts;
+    c_contiguous = contiguous(view_, true);
+    f_contiguous = contiguous(view_, false);
+    writeable = !view_.readonly;
+    if (is_bool)
+        aligned = true;
+    else if (storage)
+        aligned = reinterpret_cast<std::uintptr_t>(view_.buf) % element_alignment(*storage) == 0;
+    else
+        foreign_name_ = nb::cast<std::string>(base_attribute(object, "dtype").attr("name"));
 }
+
+ArrayFacts inspect_array(nb::handle array) { return ArrayFacts(array); }
 
 ScalarType default_compute(ScalarType storage) noexcept {
     switch (storage) {
@@ -335,25 +344,32 @@ bool is_complex_type(ScalarType type) noexcept {
 
 void* array_data(const ArrayFacts& facts, std::vector<nb::object>&) { return facts.data; }
 
-std::unique_ptr<OperandEntity> borrow_storage(ScalarType storage, OperandKind kind, void* data,
-                                              std::array<std::uint64_t, 2> extent, MatrixLayout layout) {
+void EntityDeleter::operator()(OperandEntity* entity) const noexcept {
+    if (in_arena)
+        entity->~OperandEntity();
+    else
+        delete entity;
+}
+
+BorrowedEntity borrow_storage(ScalarType storage, OperandKind kind, void* data, std::array<std::uint64_t, 2> extent,
+                              MatrixLayout layout, std::pmr::memory_resource* arena) {
     switch (storage) {
     case ScalarType::float32:
-        return borrow_real<PolicyF32>(kind, data, extent, layout);
+        return borrow_real<PolicyF32>(arena, kind, data, extent, layout);
     case ScalarType::float64:
-        return borrow_real<PolicyF64>(kind, data, extent, layout);
+        return borrow_real<PolicyF64>(arena, kind, data, extent, layout);
     case ScalarType::bfloat16:
-        return borrow_real<PolicyBF16>(kind, data, extent, layout);
+        return borrow_real<PolicyBF16>(arena, kind, data, extent, layout);
     case ScalarType::float16:
-        return borrow_real<PolicyF16>(kind, data, extent, layout);
+        return borrow_real<PolicyF16>(arena, kind, data, extent, layout);
     case ScalarType::int32:
-        return borrow_real<PolicyI32>(kind, data, extent, layout);
+        return borrow_real<PolicyI32>(arena, kind, data, extent, layout);
     case ScalarType::complex32:
-        return borrow_complex<PolicyC32>(kind, data, extent, layout);
+        return borrow_complex<PolicyC32>(arena, kind, data, extent, layout);
     case ScalarType::complex64:
-        return borrow_complex<PolicyC64>(kind, data, extent, layout);
+        return borrow_complex<PolicyC64>(arena, kind, data, extent, layout);
     case ScalarType::complex128:
-        return borrow_complex<PolicyC128>(kind, data, extent, layout);
+        return borrow_complex<PolicyC128>(arena, kind, data, extent, layout);
     default:
         throw std::logic_error("borrow_storage - storage dtype has no compiled policy");
     }

@@ -4,7 +4,9 @@
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
 
+#include <cstddef>
 #include <cstring>
+#include <memory_resource>
 #include <stdexcept>
 #include <string_view>
 
@@ -87,16 +89,25 @@ struct Marshalled {
         descriptors.reserve(roles);
         operands.reserve(roles);
         memory.reserve(roles);
+        outputs.reserve(roles);
     }
-    std::vector<ArrayFacts> arrays;
-    std::vector<std::unique_ptr<OperandEntity>> entities;
-    std::vector<OperandDescriptor> descriptors;
-    std::vector<OperationBindings::Binding> operands;
-    std::vector<ArrayOperand> memory;
-    std::vector<nb::object> outputs;
-    std::vector<BoolResult> bools;
-    std::vector<std::unique_ptr<std::byte[]>> scratch; // private copies made for overlapping arrays
-    std::vector<CopyBack> copy_backs;                  // outputs computed in scratch, in role order
+    Marshalled(const Marshalled&) = delete;
+    Marshalled& operator=(const Marshalled&) = delete;
+
+    // Everything below lives in this arena, which a call with a few operands never outgrows: the
+    // marshalling of a small call makes no heap allocation of its own.
+    alignas(std::max_align_t) std::array<std::byte, 4096> buffer;
+    std::pmr::monotonic_buffer_resource arena{buffer.data(), buffer.size()};
+
+    std::pmr::vector<ArrayFacts> arrays{&arena};
+    std::pmr::vector<BorrowedEntity> entities{&arena};
+    std::pmr::vector<OperandDescriptor> descriptors{&arena};
+    std::pmr::vector<OperationBindings::Binding> operands{&arena};
+    std::pmr::vector<ArrayOperand> memory{&arena};
+    std::pmr::vector<nb::object> outputs{&arena};
+    std::pmr::vector<BoolResult> bools{&arena};
+    std::pmr::vector<std::unique_ptr<std::byte[]>> scratch{&arena}; // private copies of overlapping arrays
+    std::pmr::vector<CopyBack> copy_backs{&arena};                  // outputs computed in scratch, in role order
 };
 
 std::invalid_argument failure(const std::string& text) {
@@ -183,6 +194,14 @@ nb::str role_key(OperandRole role) {
     return nb::borrow<nb::str>(key);
 }
 
+// A borrowed value, or null when the key is absent; a failing key comparison propagates.
+PyObject* dict_item(PyObject* dict, PyObject* key) {
+    PyObject* value = PyDict_GetItemWithError(dict, key);
+    if (!value && PyErr_Occurred())
+        throw nb::python_error();
+    return value;
+}
+
 bool is_word(PyObject* object, const char* word) {
     return PyUnicode_Check(object) && PyUnicode_CompareWithASCIIString(object, word) == 0;
 }
@@ -198,16 +217,16 @@ void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity) {
 void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const nb::dict& locations,
                   const nb::dict& compute_dtypes, Marshalled& out) {
     const nb::str key = role_key(role.role);
-    PyObject* bound = PyDict_GetItem(bindings.ptr(), key.ptr());
+    PyObject* bound = dict_item(bindings.ptr(), key.ptr());
     if (!bound)
         throw failure("missing binding " + role_text(role.role));
-    PyObject* location = PyDict_GetItem(locations.ptr(), key.ptr());
+    PyObject* location = dict_item(locations.ptr(), key.ptr());
     if (!location)
         throw failure("missing location for " + role_text(role.role));
     const bool cuda = is_word(location, "cuda");
     if (!cuda && !is_word(location, "host"))
         throw failure("invalid location for " + role_text(role.role));
-    PyObject* compute = PyDict_GetItem(compute_dtypes.ptr(), key.ptr());
+    PyObject* compute = PyDict_GET_SIZE(compute_dtypes.ptr()) ? dict_item(compute_dtypes.ptr(), key.ptr()) : nullptr;
 
     const nb::handle object(bound);
     if (is_output_role(role.role))
@@ -247,7 +266,7 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
     // Arrays.
     if (!array)
         throw std::invalid_argument("host binding requires a NumPy ndarray");
-    const ArrayFacts& facts = out.arrays.emplace_back(inspect_array(object));
+    const ArrayFacts& facts = out.arrays.emplace_back(object);
     if (facts.ndim > 2)
         throw failure("array binding rank must be zero, one or two");
     const OperandKind kind = role.kind.value_or(kind_of_rank(facts.ndim));
@@ -266,7 +285,7 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
         compute_type = default_compute(*facts.storage);
     }
     const auto compute_text = [&] {
-        return compute ? compute_name : compute_type ? std::string(scalar_name(*compute_type)) : facts.dtype_name;
+        return compute ? compute_name : compute_type ? std::string(scalar_name(*compute_type)) : facts.dtype_name();
     };
 
     if (facts.is_bool) {
@@ -281,12 +300,12 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
         auto scalar = std::make_unique<BoundRealScalarEntity<PolicyI32>>(*target != 0 ? 1 : 0);
         out.bools.push_back({target, scalar.get()});
         bind(out, role, *scalar);
-        out.entities.push_back(std::move(scalar));
+        out.entities.emplace_back(scalar.release());
         return;
     }
 
     if (!facts.storage || !compute_type || !is_compiled_policy(*facts.storage, *compute_type))
-        throw uncompiled(compute_text(), facts.dtype_name);
+        throw uncompiled(compute_text(), facts.dtype_name());
 
     if (facts.low_precision() && (!facts.c_contiguous || !facts.native || (writes && !facts.writeable)))
         refuse_low_precision();
@@ -301,7 +320,7 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
         throw failure("output binding must be writable");
 
     const auto extent = array_extent(facts);
-    auto entity = borrow_storage(*facts.storage, kind, facts.data, extent, layout);
+    auto entity = borrow_storage(*facts.storage, kind, facts.data, extent, layout, &out.arena);
     bind(out, role, *entity);
     out.entities.push_back(std::move(entity));
     out.memory.back() = {static_cast<std::byte*>(facts.data), facts.byte_size(), *facts.storage, kind, extent,
@@ -313,7 +332,7 @@ std::byte* privatise(Marshalled& m, std::size_t i) {
     ArrayOperand& array = m.memory[i];
     auto& copy = m.scratch.emplace_back(new std::byte[array.bytes]);
     std::memcpy(copy.get(), array.data, array.bytes);
-    auto entity = borrow_storage(array.storage, array.kind, copy.get(), array.extent, array.layout);
+    auto entity = borrow_storage(array.storage, array.kind, copy.get(), array.extent, array.layout, &m.arena);
     OperationBindings::Binding& binding = m.operands[i];
     binding = {entity.get(), binding.writable ? entity.get() : nullptr};
     m.entities.push_back(std::move(entity));
@@ -326,7 +345,7 @@ std::byte* privatise(Marshalled& m, std::size_t i) {
 // with each other are computed in private copies and written back in role order.
 void separate_overlaps(Marshalled& m, std::size_t inputs, bool elementwise) {
     const std::size_t count = m.memory.size();
-    std::vector<bool> copied(count, false);
+    std::pmr::vector<bool> copied(count, false, &m.arena);
     for (std::size_t j = inputs; j < count; ++j) {
         for (std::size_t i = 0; i < inputs; ++i) {
             if (copied[i] || !m.memory[j].overlaps(m.memory[i]))
@@ -414,9 +433,9 @@ OperandDescriptor describe_input(nb::handle object, OperandRole role) {
         throw failure("array binding rank must be zero, one or two");
     const std::string compute = facts.is_bool   ? "int32"
                                 : facts.storage ? std::string(scalar_name(default_compute(*facts.storage)))
-                                                : facts.dtype_name;
+                                                : facts.dtype_name();
     if (!facts.storage || !is_compiled_policy(*facts.storage, default_compute(*facts.storage)))
-        throw uncompiled(compute, facts.dtype_name);
+        throw uncompiled(compute, facts.dtype_name());
     auto entity = borrow_storage(*facts.storage, kind_of_rank(facts.ndim), facts.data, array_extent(facts),
                                  array_layout(facts));
     return describe_operand(*entity, role);

@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <memory_resource>
 #include <optional>
 #include <string>
 #include <vector>
@@ -67,6 +68,8 @@ std::shared_ptr<const SealedCatalogue> builtin_catalogue();
 class ArrayFacts {
 public:
     ArrayFacts() = default;
+    // Requires is_ndarray(array).
+    explicit ArrayFacts(nb::handle array);
     ArrayFacts(ArrayFacts&& other) noexcept;
     ArrayFacts& operator=(ArrayFacts&& other) noexcept;
     ArrayFacts(const ArrayFacts&) = delete;
@@ -80,7 +83,6 @@ public:
     std::array<std::int64_t, 2> strides{}; // in elements
     std::optional<ScalarType> storage;     // empty for bool and for dtypes the library lacks
     bool is_bool = false;
-    std::string dtype_name; // the library's name, else NumPy's
     bool c_contiguous = false;
     bool f_contiguous = false;
     bool aligned = false; // the address suits the element's own alignment
@@ -92,10 +94,12 @@ public:
     }
     // Bytes spanned by the elements of a contiguous array.
     std::uint64_t byte_size() const noexcept;
+    // The library's name of the dtype, else NumPy's.
+    std::string dtype_name() const;
 
 private:
-    friend ArrayFacts inspect_array(nb::handle array);
     void release() noexcept;
+    std::string foreign_name_;
     Py_buffer view_{};
     nb::object raw_; // the uint16 view through which a bfloat16 array is exported
 };
@@ -111,8 +115,14 @@ void* array_data(const ArrayFacts& facts, std::vector<nb::object>& keep);
 
 // A borrowed storage of the kind over caller memory holding `storage` elements. Complex scalars
 // are split (imaginary part right after the real part); complex vectors and matrices interleaved.
-std::unique_ptr<OperandEntity> borrow_storage(ScalarType storage, OperandKind kind, void* data,
-                                              std::array<std::uint64_t, 2> extent, MatrixLayout layout);
+// Made in `arena` when one is given: the entity must then not outlive it.
+struct EntityDeleter {
+    bool in_arena = false;
+    void operator()(OperandEntity* entity) const noexcept;
+};
+using BorrowedEntity = std::unique_ptr<OperandEntity, EntityDeleter>;
+BorrowedEntity borrow_storage(ScalarType storage, OperandKind kind, void* data, std::array<std::uint64_t, 2> extent,
+                              MatrixLayout layout, std::pmr::memory_resource* arena = nullptr);
 
 // A new array of the storage dtype holding a copy of `count` elements at `source`.
 nb::object export_array(ScalarType storage, const std::vector<std::size_t>& shape, bool column_major,

@@ -43,6 +43,7 @@ public:
     BackendExecutionBindings& operator=(BackendExecutionBindings&&) noexcept = default;
     ~BackendExecutionBindings() = default;
 
+    void reserve(std::size_t positions) { slots_.reserve(positions); }
     // Append the next position; the return value is that position.
     std::size_t bind_read(const OperandEntity& operand);
     std::size_t bind_write(OperandEntity& operand);

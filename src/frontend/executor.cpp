@@ -38,6 +38,7 @@ struct ProcessRun {
     void operator()() const {
         BackendExecutionSession session(runtime);
         BackendExecutionBindings execution;
+        execution.reserve(operands.size());
         for (std::size_t i = 0; i < operands.size(); ++i) {
             if (i < inputs)
                 execution.bind_read(*operands[i]->operand);
