@@ -166,20 +166,91 @@ std::size_t element_alignment(ScalarType type) noexcept {
 }
 
 // Contiguity as NumPy defines it: axes of length one place no constraint; an empty array is both.
-bool contiguous(const Py_buffer& view, bool c_order) {
-    Py_ssize_t expected = view.itemsize;
-    for (int i = 0; i < view.ndim; ++i) {
-        const int axis = c_order ? view.ndim - 1 - i : i;
-        const Py_ssize_t extent = view.shape[axis];
+bool contiguous(int ndim, const Py_ssize_t* shape, const Py_ssize_t* strides, Py_ssize_t itemsize, bool c_order) {
+    Py_ssize_t expected = itemsize;
+    for (int i = 0; i < ndim; ++i) {
+        const int axis = c_order ? ndim - 1 - i : i;
+        const Py_ssize_t extent = shape[axis];
         if (extent == 0)
             return true;
         if (extent != 1) {
-            if (view.strides[axis] != expected)
+            if (strides[axis] != expected)
                 return false;
             expected *= extent;
         }
     }
     return true;
+}
+
+// NumPy's array and dtype records, as far as their layout is shared by every NumPy release since
+// 1.7: it is the layout that compiled extensions read through NumPy's own accessor macros.
+// Reading it costs a few loads, where a buffer export builds and compares a format string per
+// array; and it is the array's real state, which no Python-level override can change.
+struct NumpyDescr {
+    PyObject_HEAD
+    PyTypeObject* typeobj;
+    char kind;
+    char type;
+    char byteorder;
+    char former_flags;
+    int type_num;
+};
+struct NumpyArray {
+    PyObject_HEAD
+    char* data;
+    int nd;
+    Py_ssize_t* dimensions;
+    Py_ssize_t* strides;
+    PyObject* base;
+    NumpyDescr* descr;
+    int flags;
+};
+constexpr int kNumpyWriteable = 0x0400;
+
+struct RecordType {
+    std::optional<ScalarType> storage;
+    bool is_bool = false;
+    Py_ssize_t itemsize = 0;
+};
+
+// The built-in NumPy type numbers (stable across releases) of the dtypes read from the record;
+// any other dtype (complex32's record dtype, extension dtypes) takes the buffer path.
+RecordType record_type(int type_num) noexcept {
+    static_assert(sizeof(long) == 8, "NumPy's long is int64 on this platform");
+    switch (type_num) {
+    case 0: return {std::nullopt, true, 1};
+    case 5: return {ScalarType::int32, false, 4};
+    case 6: return {ScalarType::uint32, false, 4};
+    case 7: case 9: return {ScalarType::int64, false, 8};
+    case 8: case 10: return {ScalarType::uint64, false, 8};
+    case 11: return {ScalarType::float32, false, 4};
+    case 12: return {ScalarType::float64, false, 8};
+    case 14: return {ScalarType::complex64, false, 8};
+    case 15: return {ScalarType::complex128, false, 16};
+    case 23: return {ScalarType::float16, false, 2};
+    default: return {};
+    }
+}
+
+// Checks the record layout once against a buffer export of a known array; a NumPy whose records
+// differ is read through buffer exports only.
+bool numpy_records_readable() {
+    static const bool readable = [] {
+        nb::object probe = numpy_module().attr("zeros")(nb::make_tuple(2, 3), "float64");
+        Py_buffer view{};
+        if (PyObject_GetBuffer(probe.ptr(), &view, PyBUF_RECORDS_RO) != 0) {
+            PyErr_Clear();
+            return false;
+        }
+        const auto* record = reinterpret_cast<const NumpyArray*>(probe.ptr());
+        const bool same = record->data == view.buf && record->nd == 2 && record->dimensions[0] == 2 &&
+                          record->dimensions[1] == 3 && record->strides[0] == 24 && record->strides[1] == 8 &&
+                          record->descr && record->descr->type_num == 12 && record->descr->kind == 'f' &&
+                          (record->flags & kNumpyWriteable) != 0;
+        PyBuffer_Release(&view);
+        return same;
+    }();
+    return readable;
 }
 
 // An entity made in `arena` (destroyed, never freed, by its deleter), or on the heap without one.
@@ -251,7 +322,9 @@ ArrayFacts& ArrayFacts::operator=(ArrayFacts&& other) noexcept {
         aligned = other.aligned;
         native = other.native;
         writeable = other.writeable;
+        bytes_ = other.bytes_;
         foreign_name_ = std::move(other.foreign_name_);
+        held_ = std::move(other.held_);
         view_ = other.view_;
         other.view_ = Py_buffer{};
         raw_ = std::move(other.raw_);
@@ -267,9 +340,7 @@ void ArrayFacts::release() noexcept {
     view_.obj = nullptr;
 }
 
-std::uint64_t ArrayFacts::byte_size() const noexcept {
-    return view_.obj ? static_cast<std::uint64_t>(view_.len) : 0;
-}
+std::uint64_t ArrayFacts::byte_size() const noexcept { return bytes_; }
 
 std::string ArrayFacts::dtype_name() const {
     if (is_bool)
@@ -279,7 +350,37 @@ std::string ArrayFacts::dtype_name() const {
     return foreign_name_;
 }
 
+bool ArrayFacts::read_record(nb::handle object) {
+    if (!numpy_records_readable())
+        return false;
+    const auto* record = reinterpret_cast<const NumpyArray*>(object.ptr());
+    const RecordType type = record_type(record->descr->type_num);
+    if ((!type.storage && !type.is_bool) || record->nd < 0)
+        return false;
+    held_ = nb::borrow(object);
+    storage = type.storage;
+    is_bool = type.is_bool;
+    native = record->descr->byteorder != '>';
+    data = record->data;
+    ndim = static_cast<std::size_t>(record->nd);
+    bytes_ = static_cast<std::uint64_t>(type.itemsize);
+    for (int axis = 0; axis < record->nd; ++axis) {
+        bytes_ *= static_cast<std::uint64_t>(record->dimensions[axis]);
+        if (axis < 2) {
+            shape[axis] = static_cast<std::uint64_t>(record->dimensions[axis]);
+            strides[axis] = record->strides[axis] / type.itemsize;
+        }
+    }
+    c_contiguous = contiguous(record->nd, record->dimensions, record->strides, type.itemsize, true);
+    f_contiguous = contiguous(record->nd, record->dimensions, record->strides, type.itemsize, false);
+    writeable = (record->flags & kNumpyWriteable) != 0;
+    aligned = is_bool || reinterpret_cast<std::uintptr_t>(data) % element_alignment(*storage) == 0;
+    return true;
+}
+
 ArrayFacts::ArrayFacts(nb::handle object) : array(object) {
+    if (read_record(object))
+        return;
     if (PyObject_GetBuffer(object.ptr(), &view_, PyBUF_RECORDS_RO) != 0) {
         // NumPy exports no buffer for extension dtypes: bfloat16 is reached through a raw
         // uint16 view of the same memory; any other such dtype is only named, for the messages.
@@ -307,13 +408,14 @@ ArrayFacts::ArrayFacts(nb::handle object) : array(object) {
     }
 
     data = view_.buf;
+    bytes_ = static_cast<std::uint64_t>(view_.len);
     ndim = static_cast<std::size_t>(view_.ndim);
     for (int axis = 0; axis < view_.ndim && axis < 2; ++axis) {
         shape[axis] = static_cast<std::uint64_t>(view_.shape[axis]);
         strides[axis] = view_.strides[axis] / view_.itemsize;
     }
-    c_contiguous = contiguous(view_, true);
-    f_contiguous = contiguous(view_, false);
+    c_contiguous = contiguous(view_.ndim, view_.shape, view_.strides, view_.itemsize, true);
+    f_contiguous = contiguous(view_.ndim, view_.shape, view_.strides, view_.itemsize, false);
     writeable = !view_.readonly;
     if (is_bool)
         aligned = true;

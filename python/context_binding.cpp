@@ -202,16 +202,36 @@ PyObject* dict_item(PyObject* dict, PyObject* key) {
     return value;
 }
 
-bool is_word(PyObject* object, const char* word) {
-    return PyUnicode_Check(object) && PyUnicode_CompareWithASCIIString(object, word) == 0;
+// The descriptor of a borrowed array entity, from what marshalling already knows.
+OperandDescriptor describe_array(OperandRole role, const OperandEntity& entity, OperandKind kind,
+                                 std::array<std::uint64_t, 2> extent, MatrixLayout layout) {
+    OperandDescriptor d;
+    d.role = role;
+    d.kind = kind;
+    d.dtype = entity.dtype();
+    d.complex_layout = entity.complex_layout();
+    d.matrix_layout = layout;
+    d.extent = extent;
+    return d;
 }
 
-void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity) {
-    out.descriptors.push_back(describe_operand(entity, role.role));
+// `word` is an interned constant: the usual literal matches by identity.
+bool is_word(PyObject* object, PyObject* word) {
+    return object == word || (PyUnicode_Check(object) && PyUnicode_Compare(object, word) == 0);
+}
+
+PyObject* interned(const char* text) { return PyUnicode_InternFromString(text); }
+
+void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity, const OperandDescriptor& descriptor) {
+    out.descriptors.push_back(descriptor);
     if (role.access == OperandAccess::read)
         out.operands.push_back({&entity, nullptr});
     else
         out.operands.push_back({&entity, &entity});
+}
+
+void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity) {
+    bind(out, role, entity, describe_operand(entity, role.role));
 }
 
 void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const nb::dict& locations,
@@ -223,8 +243,10 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
     PyObject* location = dict_item(locations.ptr(), key.ptr());
     if (!location)
         throw failure("missing location for " + role_text(role.role));
-    const bool cuda = is_word(location, "cuda");
-    if (!cuda && !is_word(location, "host"))
+    static PyObject* const host = interned("host");
+    static PyObject* const cuda_word = interned("cuda");
+    const bool cuda = is_word(location, cuda_word);
+    if (!cuda && !is_word(location, host))
         throw failure("invalid location for " + role_text(role.role));
     PyObject* compute = PyDict_GET_SIZE(compute_dtypes.ptr()) ? dict_item(compute_dtypes.ptr(), key.ptr()) : nullptr;
 
@@ -321,7 +343,7 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
 
     const auto extent = array_extent(facts);
     auto entity = borrow_storage(*facts.storage, kind, facts.data, extent, layout, &out.arena);
-    bind(out, role, *entity);
+    bind(out, role, *entity, describe_array(role.role, *entity, kind, extent, layout));
     out.entities.push_back(std::move(entity));
     out.memory.back() = {static_cast<std::byte*>(facts.data), facts.byte_size(), *facts.storage, kind, extent,
                          layout};

@@ -61,10 +61,10 @@ std::shared_ptr<const SealedCatalogue> builtin_catalogue();
 
 // ---- NumPy arrays (interpreter lock held for all of these) ----
 
-// One ndarray as its buffer exports it. Shape, strides, dtype, flags and data all come from that
-// single export, never from attributes that a subclass can override; the export is held (keeping
-// the array alive and its memory in place) until this object is destroyed, with the interpreter
-// lock held.
+// One ndarray as NumPy itself holds it: shape, strides, dtype, flags and data all come from one
+// reading of the array's record (or, for dtypes outside NumPy's built-in ones, of its buffer
+// export), never from attributes that a subclass can override. The array (and any export) is
+// held until this object is destroyed, with the interpreter lock held.
 class ArrayFacts {
 public:
     ArrayFacts() = default;
@@ -98,8 +98,13 @@ public:
     std::string dtype_name() const;
 
 private:
+    // Reads a NumPy array of a built-in dtype directly from its record; false leaves the facts
+    // untouched for the buffer path.
+    bool read_record(nb::handle object);
     void release() noexcept;
+    std::uint64_t bytes_ = 0;
     std::string foreign_name_;
+    nb::object held_; // the array itself when read from its record
     Py_buffer view_{};
     nb::object raw_; // the uint16 view through which a bfloat16 array is exported
 };
