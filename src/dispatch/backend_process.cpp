@@ -148,9 +148,8 @@ void BackendProcess::insert(std::unique_ptr<BackendProcessStep> step, bool front
     check_usable(front ? "BackendProcess::push_front" : "BackendProcess::push_back");
     if (!step)
         throw std::invalid_argument(front ? "BackendProcess::push_front - null step" : "BackendProcess::push_back - null step");
-    if (!steps_) steps_ = std::make_shared<StepList>();
-    if (front) steps_->push_front(std::move(step));
-    else steps_->push_back(std::move(step));
+    if (front) steps_.insert(steps_.begin(), std::move(step));
+    else steps_.push_back(std::move(step));
 }
 
 void BackendProcess::push_front(std::unique_ptr<BackendProcessStep> step) { insert(std::move(step), true); }
@@ -167,7 +166,7 @@ void BackendProcess::set_execution_plan(BackendExecutionPlan plan) {
 
 const BackendProcessStep& BackendProcess::step(std::size_t index) const {
     if (index >= step_count()) throw std::out_of_range("BackendProcess::step - step index is out of range");
-    return *(*steps_)[index];
+    return *steps_[index];
 }
 
 void BackendProcess::execute(BackendExecutionSession& session, BackendExecutionBindings& bindings, bool fail_fast) {
@@ -181,14 +180,12 @@ void BackendProcess::execute(BackendExecutionSession& session, BackendExecutionB
     std::exception_ptr failure;
     {
         SessionScope scope(session);
-        if (steps_) {
-            for (auto& step : *steps_) {
-                try {
-                    step->execute(session, bindings);
-                } catch (...) {
-                    failure = std::current_exception();
-                    break;
-                }
+        for (auto& step : steps_) {
+            try {
+                step->execute(session, bindings);
+            } catch (...) {
+                failure = std::current_exception();
+                break;
             }
         }
     }
@@ -204,9 +201,8 @@ void BackendProcess::execute(BackendExecutionSession& session, BackendExecutionB
 
 void BackendProcess::mark_unusable() noexcept {
     unusable_ = true;
-    if (!steps_) return;
-    for (auto& step : *steps_) (void)step.release();
-    steps_->clear();
+    for (auto& step : steps_) (void)step.release();
+    steps_.clear();
 }
 
 } // namespace quillmark
