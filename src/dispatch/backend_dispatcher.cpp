@@ -213,6 +213,15 @@ BackendProcess BackendDispatcher::dispatch(std::uint32_t handle, std::span<const
     return process;
 }
 
+const CpuKernelMaterialiser* BackendDispatcher::direct_kernel(std::uint32_t handle,
+                                                             std::span<const OperandDescriptor> inputs,
+                                                             std::span<const OperandDescriptor> outputs) const {
+    const RequestedKeys requested_inputs(inputs), requested_outputs(outputs);
+    const Choice choice = choose(handle, requested_inputs.keys(), requested_outputs.keys());
+    if (choice.match.cost != 0) return nullptr;
+    return choice.match.entry->materialiser().target<CpuKernelMaterialiser>();
+}
+
 void BackendDispatcher::adapt_input(BackendProcess& process, std::span<const OperandDescriptor> descriptors,
                                     std::span<const BackendOperandKey> requested,
                                     std::span<const BackendOperandKey> registered) const {

@@ -72,6 +72,12 @@ public:
     BackendProcess dispatch(std::uint32_t handle, std::span<const OperandDescriptor> inputs,
                             std::span<const OperandDescriptor> outputs) const;
 
+    // The kernel that one execution runs when the chosen registration is a single CPU kernel whose
+    // operand keys match the request exactly (no adaptation); null otherwise, when dispatch()
+    // makes the process.
+    const CpuKernelMaterialiser* direct_kernel(std::uint32_t handle, std::span<const OperandDescriptor> inputs,
+                                               std::span<const OperandDescriptor> outputs) const;
+
     // Input adaptation steps go in front of the process (kept in build order).
     void adapt_input(BackendProcess& process, std::span<const OperandDescriptor> descriptors,
                      std::span<const BackendOperandKey> requested,

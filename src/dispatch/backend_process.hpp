@@ -202,6 +202,17 @@ private:
 // Produces a fresh process for one execution.
 using BackendMaterialiser = std::function<BackendProcess()>;
 
+// The materialiser of a process that is one LaunchCpuKernelStep. It is a named type so that a
+// dispatcher can recognise such a registration (std::function::target) and launch its kernel
+// directly, with the same session, failure and deferred-work handling as the process would have.
+struct CpuKernelMaterialiser {
+    BackendKind backend;
+    LaunchCpuKernelStep::Kernel kernel;
+
+    BackendProcess operator()() const;
+    void launch(BackendExecutionSession& session, BackendExecutionBindings& bindings, bool fail_fast) const;
+};
+
 // A materialiser whose process is the single LaunchCpuKernelStep of `kernel`.
 BackendMaterialiser cpu_kernel_materialiser(BackendKind backend, LaunchCpuKernelStep::Kernel kernel);
 

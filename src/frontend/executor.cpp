@@ -27,9 +27,11 @@ void check_access(const OperationSpec& spec, const RoleDeclaration& role, const 
         refuse(spec, "writable binding " + role_text(role.role) + " is const");
 }
 
-// What the runtime runs; passed by one reference so that no closure is allocated per call.
+// What the runtime runs: the chosen kernel directly, or else the dispatched process. Passed by one
+// reference so that no closure is allocated per call.
 struct ProcessRun {
-    BackendProcess& process;
+    const CpuKernelMaterialiser* kernel;
+    BackendProcess* process;
     std::span<const OperationBindings::Binding* const> operands;
     std::size_t inputs;
     const std::shared_ptr<const CpuRuntimeContext>& runtime;
@@ -45,7 +47,10 @@ struct ProcessRun {
             else
                 execution.bind_write(*operands[i]->writable);
         }
-        process.execute(session, execution, fail_fast);
+        if (kernel)
+            kernel->launch(session, execution, fail_fast);
+        else
+            process->execute(session, execution, fail_fast);
     }
 };
 
@@ -96,10 +101,13 @@ void QuillmarkExecutor::run(const OperationSpec& spec, std::span<const OperandDe
                             std::span<const OperationBindings::Binding* const> operands, bool fail_fast) const {
     spec.validate(descriptors);
     const std::size_t inputs = spec.input_count();
-    BackendProcess process =
-        context_->dispatcher().dispatch(spec.handle(), descriptors.first(inputs), descriptors.subspan(inputs));
+    const BackendDispatcher& dispatcher = context_->dispatcher();
+    const auto input_descriptors = descriptors.first(inputs), output_descriptors = descriptors.subspan(inputs);
+    const CpuKernelMaterialiser* kernel = dispatcher.direct_kernel(spec.handle(), input_descriptors, output_descriptors);
+    BackendProcess process;
+    if (!kernel) process = dispatcher.dispatch(spec.handle(), input_descriptors, output_descriptors);
     const auto& runtime = context_->runtime();
-    const ProcessRun task{process, operands, inputs, runtime, fail_fast};
+    const ProcessRun task{kernel, &process, operands, inputs, runtime, fail_fast};
     runtime->run(std::cref(task));
 }
 
