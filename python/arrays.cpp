@@ -305,36 +305,25 @@ bool is_ndarray(nb::handle object) {
     return PyObject_TypeCheck(object.ptr(), ndarray_type());
 }
 
-ArrayFacts::ArrayFacts(ArrayFacts&& other) noexcept { *this = std::move(other); }
-
-ArrayFacts& ArrayFacts::operator=(ArrayFacts&& other) noexcept {
+HeldBuffer& HeldBuffer::operator=(HeldBuffer&& other) noexcept {
     if (this != &other) {
         release();
-        array = other.array;
-        data = other.data;
-        ndim = other.ndim;
-        shape = other.shape;
-        strides = other.strides;
-        storage = other.storage;
-        is_bool = other.is_bool;
-        c_contiguous = other.c_contiguous;
-        f_contiguous = other.f_contiguous;
-        aligned = other.aligned;
-        native = other.native;
-        writeable = other.writeable;
-        bytes_ = other.bytes_;
-        foreign_name_ = std::move(other.foreign_name_);
-        held_ = std::move(other.held_);
         view_ = other.view_;
-        other.view_ = Py_buffer{};
-        raw_ = std::move(other.raw_);
+        other.view_.obj = nullptr;
     }
     return *this;
 }
 
-ArrayFacts::~ArrayFacts() { release(); }
+bool HeldBuffer::acquire(nb::handle object) {
+    release();
+    if (PyObject_GetBuffer(object.ptr(), &view_, PyBUF_RECORDS_RO) == 0)
+        return true;
+    PyErr_Clear();
+    view_.obj = nullptr;
+    return false;
+}
 
-void ArrayFacts::release() noexcept {
+void HeldBuffer::release() noexcept {
     if (view_.obj)
         PyBuffer_Release(&view_);
     view_.obj = nullptr;
@@ -381,11 +370,9 @@ bool ArrayFacts::read_record(nb::handle object) {
 ArrayFacts::ArrayFacts(nb::handle object) : array(object) {
     if (read_record(object))
         return;
-    if (PyObject_GetBuffer(object.ptr(), &view_, PyBUF_RECORDS_RO) != 0) {
+    if (!export_.acquire(object)) {
         // NumPy exports no buffer for extension dtypes: bfloat16 is reached through a raw
         // uint16 view of the same memory; any other such dtype is only named, for the messages.
-        PyErr_Clear();
-        view_ = Py_buffer{};
         nb::object dtype = base_attribute(object, "dtype");
         if (!dtype_equals(dtype, low_precision_dtypes().attr("bfloat16"))) {
             ndim = nb::cast<std::size_t>(base_attribute(object, "ndim"));
@@ -394,33 +381,33 @@ ArrayFacts::ArrayFacts(nb::handle object) : array(object) {
         }
         nb::handle type(reinterpret_cast<PyObject*>(ndarray_type()));
         raw_ = type.attr("view")(object, numpy_module().attr("uint16"), type);
-        if (PyObject_GetBuffer(raw_.ptr(), &view_, PyBUF_RECORDS_RO) != 0) {
-            view_ = Py_buffer{};
-            throw nb::python_error();
-        }
+        if (!export_.acquire(raw_))
+            throw std::logic_error("ArrayFacts - the uint16 view of a bfloat16 array exports no buffer");
         storage = ScalarType::bfloat16;
         native = true; // a byte-swapped bfloat16 dtype does not compare equal
     } else {
-        const FormatType type = read_format(view_.format, static_cast<std::size_t>(view_.itemsize));
+        const FormatType type =
+            read_format(export_.view().format, static_cast<std::size_t>(export_.view().itemsize));
         storage = type.storage;
         is_bool = type.is_bool;
         native = type.native;
     }
 
-    data = view_.buf;
-    bytes_ = static_cast<std::uint64_t>(view_.len);
-    ndim = static_cast<std::size_t>(view_.ndim);
-    for (int axis = 0; axis < view_.ndim && axis < 2; ++axis) {
-        shape[axis] = static_cast<std::uint64_t>(view_.shape[axis]);
-        strides[axis] = view_.strides[axis] / view_.itemsize;
+    const Py_buffer& view = export_.view();
+    data = view.buf;
+    bytes_ = static_cast<std::uint64_t>(view.len);
+    ndim = static_cast<std::size_t>(view.ndim);
+    for (int axis = 0; axis < view.ndim && axis < 2; ++axis) {
+        shape[axis] = static_cast<std::uint64_t>(view.shape[axis]);
+        strides[axis] = view.strides[axis] / view.itemsize;
     }
-    c_contiguous = contiguous(view_.ndim, view_.shape, view_.strides, view_.itemsize, true);
-    f_contiguous = contiguous(view_.ndim, view_.shape, view_.strides, view_.itemsize, false);
-    writeable = !view_.readonly;
+    c_contiguous = contiguous(view.ndim, view.shape, view.strides, view.itemsize, true);
+    f_contiguous = contiguous(view.ndim, view.shape, view.strides, view.itemsize, false);
+    writeable = !view.readonly;
     if (is_bool)
         aligned = true;
     else if (storage)
-        aligned = reinterpret_cast<std::uintptr_t>(view_.buf) % element_alignment(*storage) == 0;
+        aligned = reinterpret_cast<std::uintptr_t>(view.buf) % element_alignment(*storage) == 0;
     else
         foreign_name_ = nb::cast<std::string>(base_attribute(object, "dtype").attr("name"));
 }

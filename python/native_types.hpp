@@ -61,6 +61,22 @@ std::shared_ptr<const SealedCatalogue> builtin_catalogue();
 
 // ---- NumPy arrays (interpreter lock held for all of these) ----
 
+// A buffer export, released (with the interpreter lock held) when this is destroyed.
+class HeldBuffer {
+public:
+    HeldBuffer() = default;
+    HeldBuffer(HeldBuffer&& other) noexcept { *this = std::move(other); }
+    HeldBuffer& operator=(HeldBuffer&& other) noexcept;
+    ~HeldBuffer() { release(); }
+    // Exports the object's buffer; false, with the Python error cleared, when it offers none.
+    bool acquire(nb::handle object);
+    const Py_buffer& view() const noexcept { return view_; }
+
+private:
+    void release() noexcept;
+    Py_buffer view_{};
+};
+
 // One ndarray as NumPy itself holds it: shape, strides, dtype, flags and data all come from one
 // reading of the array's record (or, for dtypes outside NumPy's built-in ones, of its buffer
 // export), never from attributes that a subclass can override. The array (and any export) is
@@ -70,11 +86,6 @@ public:
     ArrayFacts() = default;
     // Requires is_ndarray(array).
     explicit ArrayFacts(nb::handle array);
-    ArrayFacts(ArrayFacts&& other) noexcept;
-    ArrayFacts& operator=(ArrayFacts&& other) noexcept;
-    ArrayFacts(const ArrayFacts&) = delete;
-    ArrayFacts& operator=(const ArrayFacts&) = delete;
-    ~ArrayFacts();
 
     nb::handle array;
     void* data = nullptr;
@@ -101,11 +112,10 @@ private:
     // Reads a NumPy array of a built-in dtype directly from its record; false leaves the facts
     // untouched for the buffer path.
     bool read_record(nb::handle object);
-    void release() noexcept;
     std::uint64_t bytes_ = 0;
     std::string foreign_name_;
     nb::object held_; // the array itself when read from its record
-    Py_buffer view_{};
+    HeldBuffer export_;
     nb::object raw_; // the uint16 view through which a bfloat16 array is exported
 };
 
