@@ -58,6 +58,7 @@ struct ArrayOperand {
     OperandKind kind = OperandKind::scalar;
     std::array<std::uint64_t, 2> extent{};
     MatrixLayout layout = MatrixLayout::none;
+    bool copied = false; // rebound to a private copy
 
     bool overlaps(const ArrayOperand& other) const noexcept {
         if (bytes == 0 || other.bytes == 0)
@@ -346,7 +347,7 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
     bind(out, role, *entity, describe_array(role.role, *entity, kind, extent, layout));
     out.entities.push_back(std::move(entity));
     out.memory.back() = {static_cast<std::byte*>(facts.data), facts.byte_size(), *facts.storage, kind, extent,
-                         layout};
+                         layout, false};
 }
 
 // Rebinds position `i` to a private copy of its array's current contents.
@@ -358,6 +359,7 @@ std::byte* privatise(Marshalled& m, std::size_t i) {
     OperationBindings::Binding& binding = m.operands[i];
     binding = {entity.get(), binding.writable ? entity.get() : nullptr};
     m.entities.push_back(std::move(entity));
+    array.copied = true;
     return copy.get();
 }
 
@@ -367,15 +369,13 @@ std::byte* privatise(Marshalled& m, std::size_t i) {
 // with each other are computed in private copies and written back in role order.
 void separate_overlaps(Marshalled& m, std::size_t inputs, bool elementwise) {
     const std::size_t count = m.memory.size();
-    std::pmr::vector<bool> copied(count, false, &m.arena);
     for (std::size_t j = inputs; j < count; ++j) {
         for (std::size_t i = 0; i < inputs; ++i) {
-            if (copied[i] || !m.memory[j].overlaps(m.memory[i]))
+            if (m.memory[i].copied || !m.memory[j].overlaps(m.memory[i]))
                 continue;
             if (elementwise && m.memory[j].same_array(m.memory[i]))
                 continue;
             privatise(m, i);
-            copied[i] = true;
         }
     }
     for (std::size_t j = inputs; j < count; ++j) {
