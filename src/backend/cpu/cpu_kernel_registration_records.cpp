@@ -14,10 +14,6 @@ Numerics make(ImplementationNumerics n) { return std::make_shared<const Implemen
 constexpr double kSingleDeflation = static_cast<double>(1e-4f);
 const double kEpsilonRatio = std::ldexp(1.0, -29);
 
-SymbolicExpression lu_work(SymbolicExpression n) {
-    return SymbolicExpression::make_operator(ExpressionKind::divide, {product_of({lit(2), cube(std::move(n))}), lit(3)});
-}
-
 ImplementationNumerics simd_base(const char* algorithm, Stability stability, PrecisionMode mode,
                                  SymbolicExpression work, SymbolicExpression space, std::vector<std::string> notes) {
     ImplementationNumerics n;
@@ -104,25 +100,11 @@ Numerics eigen_record(const RecordPolicy& p, const char* algorithm) {
     return make(std::move(n));
 }
 
-Numerics simd_lu_factor_record() {
-    return make(simd_base("simd.partial_pivoting.lu", Stability::backward_stable, PrecisionMode::native,
-                          lu_work(out_dim(0, 0)), lit(0),
-                          {"Partial pivoting can exhibit growth for adversarial matrices.",
-                           "Pivot selection and updates use native single precision.",
-                           "Workspace is implementation and library dependent."}));
-}
-
 Numerics simd_solve_record() {
     return make(simd_base("simd.lu.forward_backward_substitution", Stability::backward_stable, PrecisionMode::native,
                           product_of({lit(2), square(in_dim(0, 0))}), lit(0),
                           {"Forward error depends on conditioning and the stored LU factors.",
                            "Triangular substitutions accumulate in native single precision."}));
-}
-
-Numerics simd_logdet_record() {
-    return make(simd_base("simd.lu_logdet", Stability::backward_stable, PrecisionMode::native, in_dim(0, 0), lit(0),
-                          {"Accuracy degrades when diagonal factors are badly scaled.",
-                           "The logarithms are evaluated in native single precision."}));
 }
 
 Numerics simd_power_iteration_record() {

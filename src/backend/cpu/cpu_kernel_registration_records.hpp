@@ -50,9 +50,7 @@ Numerics widened_record(const RecordPolicy& p, const char* algorithm, SymbolicEx
 Numerics eigen_record(const RecordPolicy& p, const char* algorithm);
 
 // Records of the SIMD backend (complex64 only).
-Numerics simd_lu_factor_record();
 Numerics simd_solve_record();
-Numerics simd_logdet_record();
 Numerics simd_power_iteration_record();
 Numerics simd_eigen_record();
 Numerics simd_gemm_record();

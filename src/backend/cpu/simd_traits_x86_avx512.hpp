@@ -4,6 +4,7 @@
 // from translation units built with the AVX-512 flags.
 #include <immintrin.h>
 
+#include <bit>
 #include <complex>
 #include <cstdint>
 
@@ -112,7 +113,7 @@ struct Avx512C64 {
 
     static vector zero() noexcept { return _mm512_setzero_ps(); }
     static vector set1(scalar z) noexcept {
-        return _mm512_castpd_ps(_mm512_set1_pd(*reinterpret_cast<const double*>(&z)));
+        return _mm512_castpd_ps(_mm512_set1_pd(std::bit_cast<double>(z)));
     }
     static vector load(const scalar* p) noexcept { return _mm512_loadu_ps(f(p)); }
     static void store(scalar* p, vector v) noexcept { _mm512_storeu_ps(f(p), v); }
@@ -120,9 +121,9 @@ struct Avx512C64 {
     static void store_partial(scalar* p, vector v, int count) noexcept { real::store_partial(f(p), v, 2 * count); }
     static vector add(vector a, vector b) noexcept { return _mm512_add_ps(a, b); }
     static vector sub(vector a, vector b) noexcept { return _mm512_sub_ps(a, b); }
-    static vector swap_parts(vector a) noexcept { return _mm512_permute_ps(a, 0xB1); }
-    static vector real_parts(vector a) noexcept { return _mm512_moveldup_ps(a); }
-    static vector imag_parts(vector a) noexcept { return _mm512_movehdup_ps(a); }
+    static vector swap_parts(vector a) noexcept { return _mm512_maskz_permute_ps(0xFFFF, a, 0xB1); }
+    static vector real_parts(vector a) noexcept { return _mm512_maskz_moveldup_ps(0xFFFF, a); }
+    static vector imag_parts(vector a) noexcept { return _mm512_maskz_movehdup_ps(0xFFFF, a); }
     static vector conj(vector a) noexcept {
         return _mm512_castsi512_ps(
             _mm512_xor_si512(_mm512_castps_si512(a), _mm512_set1_epi64(std::int64_t(0x8000000000000000ull))));
