@@ -10,6 +10,7 @@
 #include "backend/cpu/floating_point_kernels.hpp"
 #include "backend/cpu/cpu_kernel_registration_table.hpp"
 #include "backend/cpu/structured_solver.hpp"
+#include "dispatch/layout_adaptation.hpp"
 #include "storage/access.hpp"
 
 namespace quillmark {
@@ -485,6 +486,7 @@ void register_cpu_backends(BackendRegistry& registry, const RegistrationProvenan
     using namespace cpu_registration;
     register_rows(registry, BackendKind::cpu_scalar, provenance, scalar_registrations());
     register_rows(registry, BackendKind::cpu_simd, provenance, simd_registrations());
+    install_complex64_relayout(&simd_relayout);
 }
 
 } // namespace quillmark

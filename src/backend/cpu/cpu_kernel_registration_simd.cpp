@@ -267,6 +267,19 @@ EigenView<c64> eigen(OperandEntity& e) { return eigen_view<c64>(e, kKernelLabel)
 
 } // namespace
 
+// The interleaved matrix adapter's relayout. The adapter also serves registrations outside this
+// backend, so an unusable engine hands the copy back to its portable loop instead of failing.
+bool simd_relayout(const c64* src, c64* dst, u64 rows, u64 cols) noexcept {
+    const ComplexEngine* z = nullptr;
+    try {
+        z = &cpu::selected_complex_engine();
+    } catch (...) {
+        return false;
+    }
+    z->transpose(rows, cols, src, cols, dst, rows, false);
+    return true;
+}
+
 std::vector<Registration> simd_registrations() {
     constexpr ScalarType c = ScalarType::complex64;
     const RecordPolicy rp{c, c};

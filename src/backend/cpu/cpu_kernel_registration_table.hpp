@@ -1,7 +1,9 @@
 #pragma once
 // One table-driven registrar for both CPU backends: each backend lists its registrations as rows
 // (operation, operand keys, kernel, record) and `register_rows` enters them under its kind.
+#include <complex>
 #include <cstddef>
+#include <cstdint>
 #include <stdexcept>
 #include <vector>
 
@@ -29,6 +31,9 @@ void register_rows(BackendRegistry& registry, BackendKind backend, const Registr
 std::vector<Registration> scalar_registrations();
 // complex64 interleaved kernels of the selected SIMD engine.
 std::vector<Registration> simd_registrations();
+// The selected engine's relayout for the interleaved matrix adapter; false when no engine is usable.
+bool simd_relayout(const std::complex<float>* src, std::complex<float>* dst, std::uint64_t rows,
+                   std::uint64_t cols) noexcept;
 
 BackendOperandKey key_of(OperandKind kind, ScalarType storage, ScalarType compute, ComplexLayout complex,
                          MatrixLayout layout);

@@ -87,23 +87,23 @@ template <class Z> double squared_norm(u64 n, const c64* x) noexcept {
     return total;
 }
 
-// Tiled so that the strided side stays in cache; the traits' conj keeps the sign flip vectorised.
+// lanes x lanes register blocks inside cache tiles; the ragged edges go element by element.
 template <class Z>
 void transpose(u64 rows, u64 cols, const c64* src, u64 lds, c64* dst, u64 ldd, bool conjugate) noexcept {
-    constexpr u64 tile = 32;
+    constexpr u64 L = Z::lanes, tile = 32;
     for (u64 ib = 0; ib < rows; ib += tile) {
         const u64 ie = std::min(rows, ib + tile);
         for (u64 jb = 0; jb < cols; jb += tile) {
             const u64 je = std::min(cols, jb + tile);
-            for (u64 j = jb; j < je; ++j) {
-                c64* out = dst + j * ldd;
-                for (u64 i = ib; i < ie; ++i) out[i] = src[i * lds + j];
+            u64 i = ib;
+            for (; i + L <= ie; i += L) {
+                u64 j = jb;
+                for (; j + L <= je; j += L) Z::transpose_block(src + i * lds + j, lds, dst + j * ldd + i, ldd, conjugate);
+                for (; j < je; ++j)
+                    for (u64 r = i; r < i + L; ++r) dst[j * ldd + r] = conjugate ? std::conj(src[r * lds + j]) : src[r * lds + j];
             }
-            if (conjugate)
-                for (u64 j = jb; j < je; ++j) {
-                    c64* out = dst + j * ldd + ib;
-                    each_vector<Z>(ie - ib, nullptr, out, [](auto, auto v) { return Z::conj(v); });
-                }
+            for (; i < ie; ++i)
+                for (u64 j = jb; j < je; ++j) dst[j * ldd + i] = conjugate ? std::conj(src[i * lds + j]) : src[i * lds + j];
         }
     }
 }

@@ -149,6 +149,21 @@ struct Avx256C64 {
         const __m256d hi = _mm256_cvtps_pd(_mm256_extractf128_ps(v, 1));
         return Avx256F64::sum(_mm256_fmadd_pd(lo, lo, _mm256_mul_pd(hi, hi)));
     }
+    // dst[j*ldd + i] = src[i*lds + j] for a lanes x lanes block; each complex number moves as one
+    // 64-bit lane.
+    static void transpose_block(const scalar* src, std::uint64_t lds, scalar* dst, std::uint64_t ldd,
+                                bool conjugate) noexcept {
+        auto row = [&](std::uint64_t i) { return _mm256_loadu_pd(reinterpret_cast<const double*>(src + i * lds)); };
+        const __m256d r0 = row(0), r1 = row(1), r2 = row(2), r3 = row(3);
+        const __m256d t0 = _mm256_unpacklo_pd(r0, r1), t1 = _mm256_unpackhi_pd(r0, r1);
+        const __m256d t2 = _mm256_unpacklo_pd(r2, r3), t3 = _mm256_unpackhi_pd(r2, r3);
+        const __m256d out[4] = {_mm256_permute2f128_pd(t0, t2, 0x20), _mm256_permute2f128_pd(t1, t3, 0x20),
+                                _mm256_permute2f128_pd(t0, t2, 0x31), _mm256_permute2f128_pd(t1, t3, 0x31)};
+        for (int j = 0; j < 4; ++j) {
+            const vector v = _mm256_castpd_ps(out[j]);
+            store(dst + j * ldd, conjugate ? conj(v) : v);
+        }
+    }
 };
 
 } // namespace quillmark::cpu::simd

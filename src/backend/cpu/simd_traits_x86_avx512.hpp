@@ -152,6 +152,28 @@ struct Avx512C64 {
         const __m512d hi = _mm512_maskz_cvtps_pd(avx512_detail::kAll8, avx512_detail::high_half(v));
         return Avx512F64::sum(_mm512_fmadd_pd(lo, lo, _mm512_mul_pd(hi, hi)));
     }
+    // dst[j*ldd + i] = src[i*lds + j] for a lanes x lanes block, in three rounds of pair,
+    // 128-bit and 256-bit interleaving.
+    static void transpose_block(const scalar* src, std::uint64_t lds, scalar* dst, std::uint64_t ldd,
+                                bool conjugate) noexcept {
+        __m512d r[8], t[8], u[8];
+        for (int i = 0; i < 8; ++i) r[i] = _mm512_loadu_pd(reinterpret_cast<const double*>(src + i * lds));
+        for (int i = 0; i < 8; i += 2) {
+            t[i] = _mm512_maskz_unpacklo_pd(avx512_detail::kAll8, r[i], r[i + 1]);
+            t[i + 1] = _mm512_maskz_unpackhi_pd(avx512_detail::kAll8, r[i], r[i + 1]);
+        }
+        for (int h = 0; h < 8; h += 4)
+            for (int k = 0; k < 2; ++k) {
+                u[h + k] = _mm512_maskz_shuffle_f64x2(avx512_detail::kAll8, t[h + k], t[h + k + 2], 0x88);
+                u[h + k + 2] = _mm512_maskz_shuffle_f64x2(avx512_detail::kAll8, t[h + k], t[h + k + 2], 0xDD);
+            }
+        for (int k = 0; k < 4; ++k) {
+            const vector lo = _mm512_castpd_ps(_mm512_maskz_shuffle_f64x2(avx512_detail::kAll8, u[k], u[k + 4], 0x88));
+            const vector hi = _mm512_castpd_ps(_mm512_maskz_shuffle_f64x2(avx512_detail::kAll8, u[k], u[k + 4], 0xDD));
+            store(dst + k * ldd, conjugate ? conj(lo) : lo);
+            store(dst + (k + 4) * ldd, conjugate ? conj(hi) : hi);
+        }
+    }
 };
 
 } // namespace quillmark::cpu::simd
