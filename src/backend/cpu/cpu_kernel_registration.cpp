@@ -350,6 +350,15 @@ template <class P> Kernel principal_eigenvector_kernel() {
 
 template <class P> RecordPolicy record_policy() { return {P::storage_scalar, P::compute_scalar}; }
 
+// The view makers that kernel arguments are fetched with.
+template <class P> struct Views {
+    static constexpr auto V = &vec<P>;
+    static constexpr auto M = &mat<P>;
+    static constexpr auto S = &sca<P>;
+    static constexpr auto RS = &real_sca<P>;
+    static constexpr auto F = &flag;
+};
+
 // The operations that the int32 policy serves too.
 template <class P> void common_rows(std::vector<Registration>& rows) {
     using K = typename Policy<P>::K;
@@ -358,10 +367,8 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
     const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar(), f = flag_key();
     const Stability arithmetic = Pol::integer ? Stability::exact : Stability::backward_stable;
     const SymbolicExpression length = in_dim(0, 0);
-    constexpr auto V = &vec<P>;
-    constexpr auto M = &mat<P>;
-    constexpr auto S = &sca<P>;
-    constexpr auto F = &flag;
+    using Vw = Views<P>;
+    constexpr auto V = Vw::V, M = Vw::M, S = Vw::S, F = Vw::F;
     const Numerics elementwise = generic_record(rp, {"cpu.elementwise", arithmetic, length});
     const Numerics transpose = generic_record(
         rp, {"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})});
@@ -407,11 +414,8 @@ template <class P> void floating_rows(std::vector<Registration>& rows) {
     const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar(), f = flag_key();
     const SymbolicExpression length = in_dim(0, 0), order = in_dim(0, 0);
     const Stability bs = Stability::backward_stable;
-    constexpr auto V = &vec<P>;
-    constexpr auto M = &mat<P>;
-    constexpr auto S = &sca<P>;
-    constexpr auto RS = &real_sca<P>;
-    constexpr auto F = &flag;
+    using Vw = Views<P>;
+    constexpr auto V = Vw::V, M = Vw::M, S = Vw::S, RS = Vw::RS, F = Vw::F;
     const Numerics elementwise = generic_record(rp, {"cpu.elementwise", bs, length});
     const Numerics partial = generic_record(
         rp, {"cpu.partial_trace", bs, product_of({in_dim(0, 0), out_dim(0, 0)}), lit(0), ReductionOrder::sequential});

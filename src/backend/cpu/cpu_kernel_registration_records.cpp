@@ -14,18 +14,28 @@ Numerics make(ImplementationNumerics n) { return std::make_shared<const Implemen
 constexpr double kSingleDeflation = static_cast<double>(1e-4f);
 const double kEpsilonRatio = std::ldexp(1.0, -29);
 
-ImplementationNumerics simd_base(const char* algorithm, Stability stability, PrecisionMode mode,
-                                 SymbolicExpression work, SymbolicExpression space, std::vector<std::string> notes) {
+// Every record: what runs, how stable, its cost, and in which dtype and order it accumulates.
+ImplementationNumerics base(const char* algorithm, Stability stability, SymbolicExpression work,
+                            SymbolicExpression space, PrecisionMode mode, std::string accumulation,
+                            ReductionOrder order, std::vector<std::string> notes = {}) {
     ImplementationNumerics n;
     n.algorithm = algorithm;
     n.stability = stability;
     n.complexity.work = std::move(work);
     n.complexity.auxiliary_space = std::move(space);
     n.precision.mode = mode;
-    n.precision.accumulation_dtype = mode == PrecisionMode::mixed ? "complex128" : "complex64";
-    n.precision.reduction_order = ReductionOrder::library_defined;
+    n.precision.accumulation_dtype = std::move(accumulation);
+    n.precision.reduction_order = order;
     n.notes = std::move(notes);
     return n;
+}
+
+// The SIMD records are complex64 and leave the reduction order to the engine.
+ImplementationNumerics simd_base(const char* algorithm, Stability stability, PrecisionMode mode,
+                                 SymbolicExpression work, SymbolicExpression space, std::vector<std::string> notes) {
+    return base(algorithm, stability, std::move(work), std::move(space), mode,
+                mode == PrecisionMode::mixed ? "complex128" : "complex64", ReductionOrder::library_defined,
+                std::move(notes));
 }
 
 } // namespace
@@ -40,63 +50,41 @@ SymbolicExpression square(SymbolicExpression n) {
 }
 
 Numerics generic_record(const RecordPolicy& p, Record r) {
-    ImplementationNumerics n;
-    n.algorithm = r.algorithm;
-    n.stability = r.stability;
-    n.complexity.work = std::move(r.work);
-    n.complexity.auxiliary_space = std::move(r.space);
-    n.precision.mode = p.reduced() ? PrecisionMode::widened : PrecisionMode::native;
-    n.precision.accumulation_dtype = std::string(scalar_name(p.compute));
-    n.precision.reduction_order = r.order;
-    n.notes = std::move(r.notes);
-    return make(std::move(n));
+    return make(base(r.algorithm, r.stability, std::move(r.work), std::move(r.space),
+                     p.reduced() ? PrecisionMode::widened : PrecisionMode::native, std::string(scalar_name(p.compute)),
+                     r.order, std::move(r.notes)));
 }
 
 Numerics lu_record(const RecordPolicy& p, const char* algorithm, SymbolicExpression work, SymbolicExpression space) {
-    ImplementationNumerics n;
-    n.algorithm = algorithm;
-    n.stability = Stability::backward_stable;
-    n.complexity.work = std::move(work);
-    n.complexity.auxiliary_space = std::move(space);
-    n.precision.mode = p.reduced() ? PrecisionMode::mixed : PrecisionMode::native;
-    n.precision.accumulation_dtype = std::string(scalar_name(p.compute));
-    n.precision.reduction_order = ReductionOrder::sequential;
-    return make(std::move(n));
+    return make(base(algorithm, Stability::backward_stable, std::move(work), std::move(space),
+                     p.reduced() ? PrecisionMode::mixed : PrecisionMode::native, std::string(scalar_name(p.compute)),
+                     ReductionOrder::sequential));
 }
 
 Numerics widened_record(const RecordPolicy& p, const char* algorithm, SymbolicExpression work,
                         SymbolicExpression space, std::vector<std::string> notes,
                         std::vector<AlgorithmParameter> parameters) {
-    ImplementationNumerics n;
-    n.algorithm = algorithm;
-    n.stability = Stability::backward_stable;
-    n.complexity.work = std::move(work);
-    n.complexity.auxiliary_space = std::move(space);
-    n.precision.mode = p.single() ? PrecisionMode::widened : PrecisionMode::native;
-    n.precision.accumulation_dtype =
-        p.single() ? (p.complex() ? "complex128" : "float64") : std::string(scalar_name(p.compute));
-    n.precision.reduction_order = ReductionOrder::sequential;
+    ImplementationNumerics n = base(
+        algorithm, Stability::backward_stable, std::move(work), std::move(space),
+        p.single() ? PrecisionMode::widened : PrecisionMode::native,
+        p.single() ? (p.complex() ? "complex128" : "float64") : std::string(scalar_name(p.compute)),
+        ReductionOrder::sequential, std::move(notes));
     n.parameters = std::move(parameters);
-    n.notes = std::move(notes);
     return make(std::move(n));
 }
 
 Numerics eigen_record(const RecordPolicy& p, const char* algorithm) {
     const double scale = p.single() ? 1.0 : kEpsilonRatio;
-    ImplementationNumerics n;
-    n.algorithm = algorithm;
-    n.stability = Stability::not_guaranteed;
-    n.complexity.work = product_of({lit(10), cube(in_dim(0, 0))});
-    n.complexity.auxiliary_space = product_of({lit(3), square(in_dim(0, 0))});
-    n.precision.mode = p.single() ? PrecisionMode::mixed : PrecisionMode::native;
-    n.precision.accumulation_dtype = "complex128";
-    n.precision.reduction_order = ReductionOrder::sequential;
+    ImplementationNumerics n = base(
+        algorithm, Stability::not_guaranteed, product_of({lit(10), cube(in_dim(0, 0))}),
+        product_of({lit(3), square(in_dim(0, 0))}), p.single() ? PrecisionMode::mixed : PrecisionMode::native,
+        "complex128", ReductionOrder::sequential,
+        {"Real inputs are embedded in complex working storage; output precision follows the signature."});
     n.parameters = {
         {"maximum_iterations", std::int64_t{256}, "Per active dimension."},
         {"convergence_tolerance", kSingleDeflation * scale, "Relative deflation tolerance."},
         {"residual_tolerance", 0.001 * scale, "Normalised right-eigenpair residual."},
     };
-    n.notes = {"Real inputs are embedded in complex working storage; output precision follows the signature."};
     return make(std::move(n));
 }
 
