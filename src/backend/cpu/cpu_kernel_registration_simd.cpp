@@ -8,8 +8,6 @@
 // out.
 #include <algorithm>
 #include <cmath>
-#include <cstring>
-#include <limits>
 #include <stdexcept>
 #include <vector>
 
