@@ -1,6 +1,7 @@
 // The CPU registrations: coverage per policy and backend, and the published implementation records.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <variant>
 
@@ -124,4 +125,25 @@ TEST(CpuRegistration, SimdRecordsDescribeTheComplexEngine) {
     EXPECT_EQ(parameter(eig, "residual_tolerance"), 0.001);
     EXPECT_EQ(record(BuiltinOperation::matrix_power, ScalarType::complex64, BackendKind::cpu_simd).notes,
               std::vector<std::string>{"Intermediate matrices use the compute dtype; only the final output is rounded."});
+}
+
+// Equal costs go to cpu_scalar, so a cpu_simd registration whose keys the scalar backend also
+// registers could never run.
+TEST(CpuRegistration, EverySimdRegistrationCanWinDispatch) {
+    const SealedCatalogue& c = catalogue();
+    std::size_t simd = 0;
+    for (const OperationId& id : c.operations.operations()) {
+        const auto registrations = c.backends.registrations_for(c.operations.lookup(id).handle());
+        for (const auto& [key, entry] : registrations) {
+            if (key->backend() != BackendKind::cpu_simd) continue;
+            ++simd;
+            for (const auto& [other, other_entry] : registrations) {
+                if (other->backend() != BackendKind::cpu_scalar) continue;
+                const bool same = std::ranges::equal(key->inputs(), other->inputs()) &&
+                                  std::ranges::equal(key->outputs(), other->outputs());
+                EXPECT_FALSE(same) << id.to_string();
+            }
+        }
+    }
+    EXPECT_EQ(simd, 11u);
 }
