@@ -111,26 +111,25 @@ void lu_from_values(NativeLUOperand* self, nb::handle values, const std::string&
         throw std::invalid_argument("LUOperand - matrix must be square");
     if (!facts.storage || !is_floating_storage(*facts.storage))
         throw std::invalid_argument("LUOperand - matrix requires floating point storage");
-    if (!dtype.empty() && dtype != facts.dtype_name)
+    if (!dtype.empty() && dtype != facts.dtype_name())
         throw std::invalid_argument("LUOperand - explicit dtype does not match array storage");
     const std::size_t element = scalar_metadata(*facts.storage).element_size;
     if (nb::cast<std::uintptr_t>(values.attr("ctypes").attr("data")) % element != 0)
         throw std::invalid_argument("LUOperand - input must be aligned");
-    const DataTypeDescriptor policy = structured_policy(facts.dtype_name, compute_dtype);
+    const DataTypeDescriptor policy = structured_policy(facts.dtype_name(), compute_dtype);
     std::vector<nb::object> keep;
     if (!facts.native) {
         // Foreign byte order: read the values through a native-order copy.
         keep.push_back(values.attr("astype")(values.attr("dtype").attr("newbyteorder")("=")));
         facts = inspect_array(keep.back());
     }
-    nb::ndarray<nb::ro> source = import_array(facts, keep);
 
     NativeLUOperand operand;
     const std::uint64_t n = facts.shape[0];
     make_structured(operand, policy, OperandKind::lu, n);
     if (n != 0)
         gather(element, static_cast<std::byte*>(buffer(operand, 0).data),
-               static_cast<const std::byte*>(source.data()), n, source.stride(0), source.stride(1));
+               static_cast<const std::byte*>(facts.data), n, facts.strides[0], facts.strides[1]);
     new (self) NativeLUOperand(std::move(operand));
 }
 
@@ -193,8 +192,9 @@ void init_lu_factor(NativeLUFactor* self, nb::handle a, const NativeContext& con
     new (self) NativeLUFactor(std::move(factor));
 }
 
-// Row-major n x columns right-hand sides of the factor's own dtype, solved in place; false when
-// the dtype has no direct path.
+// Row-major n x columns right-hand sides of the factor's own dtype, solved in place by the
+// scalar backend's substitution; false when the dtype has no direct path. complex64 has none: a
+// lone complex64 vector is solved by the SIMD engine, and every column must get its answer.
 bool solve_columns_in_place(const NativeLUOperand& lu, std::byte* data, std::uint64_t columns) {
     const MatrixGeometry g{lu.size, lu.size, MatrixLayout::column_major};
     const void* factors = buffer(lu, 0).data;
@@ -206,7 +206,6 @@ bool solve_columns_in_place(const NativeLUOperand& lu, std::byte* data, std::uin
     switch (lu.storage) {
     case ScalarType::float32: return run(static_cast<float*>(nullptr));
     case ScalarType::float64: return run(static_cast<double*>(nullptr));
-    case ScalarType::complex64: return run(static_cast<std::complex<float>*>(nullptr));
     case ScalarType::complex128: return run(static_cast<std::complex<double>*>(nullptr));
     default: return false;
     }
