@@ -1,6 +1,7 @@
 #pragma once
-// Fused multiply-subtract kernels of the blocked LU over a vector-traits struct V (scalar,
-// vector, lanes, load, store, broadcast, set1, fnmadd(a, b, c) = c - a*b rounded once). Included
+// Fused multiply-subtract kernels of the blocked LU over a vector-traits struct V (the engine
+// traits' scalar, vector, lanes, load, store, broadcast, set1, fnma(a, b, c) = c - a*b rounded
+// once, plus alternate(even, odd) and swap_pairs for interleaved complex). Included
 // only by the translation units built with V's instruction set; V lives in their anonymous
 // namespace, so nothing instantiated here is shared with baseline code.
 #include <cstdint>
@@ -16,10 +17,10 @@ template <class V> void axpy(std::uint64_t n, const typename V::scalar* x, typen
     const typename V::vector uv = V::set1(u);
     std::uint64_t i = 0;
     for (; i + 2 * V::lanes <= n; i += 2 * V::lanes) {
-        V::store(y + i, V::fnmadd(V::load(x + i), uv, V::load(y + i)));
-        V::store(y + i + V::lanes, V::fnmadd(V::load(x + i + V::lanes), uv, V::load(y + i + V::lanes)));
+        V::store(y + i, V::fnma(V::load(x + i), uv, V::load(y + i)));
+        V::store(y + i + V::lanes, V::fnma(V::load(x + i + V::lanes), uv, V::load(y + i + V::lanes)));
     }
-    for (; i + V::lanes <= n; i += V::lanes) V::store(y + i, V::fnmadd(V::load(x + i), uv, V::load(y + i)));
+    for (; i + V::lanes <= n; i += V::lanes) V::store(y + i, V::fnma(V::load(x + i), uv, V::load(y + i)));
     for (; i < n; ++i) y[i] = fused(-x[i], u, y[i]);
 }
 
@@ -35,8 +36,8 @@ void complex_axpy(std::uint64_t n, const typename V::scalar* x, typename V::scal
     std::uint64_t i = 0;
     for (; i + V::lanes <= m; i += V::lanes) {
         const typename V::vector xv = V::load(x + i);
-        const typename V::vector t = V::fnmadd(xv, rv, V::load(y + i));
-        V::store(y + i, V::fnmadd(V::swap_pairs(xv), iv, t));
+        const typename V::vector t = V::fnma(xv, rv, V::load(y + i));
+        V::store(y + i, V::fnma(V::swap_pairs(xv), iv, t));
     }
     for (; i < m; i += 2) {
         const S xr = x[i], xi = x[i + 1];
@@ -81,7 +82,7 @@ void tile(std::uint64_t kc, const typename V::scalar* a, const typename V::scala
         for (int r = 0; r < MR; ++r) {
             const typename V::vector ar = V::broadcast(a + r);
 #pragma GCC unroll 4
-            for (int v = 0; v < NV; ++v) acc[r][v] = V::fnmadd(ar, bv[v], acc[r][v]);
+            for (int v = 0; v < NV; ++v) acc[r][v] = V::fnma(ar, bv[v], acc[r][v]);
         }
         a += MR;
         b += V::lanes * NV;
