@@ -20,8 +20,6 @@ inline void gemm_tile(std::uint64_t kc, const typename V::scalar* a, const typen
     for (std::uint32_t i = 0; i < MR; ++i) __builtin_prefetch(c + i * ldc, 1);
 #pragma GCC unroll 4
     for (std::uint64_t p = 0; p < kc; ++p) {
-        __builtin_prefetch(b + 8 * V::lanes * NV);
-        __builtin_prefetch(a + 16 * MR);
         typename V::vector bv[NV];
 #pragma GCC unroll 4
         for (std::uint32_t v = 0; v < NV; ++v) bv[v] = V::load(b + V::lanes * v);
