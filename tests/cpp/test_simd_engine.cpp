@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "backend/cpu/floating_point_kernels.hpp"
+#include "backend/cpu/gemm_sources.hpp"
 #include "backend/cpu/simd_engine.hpp"
 
 using namespace quillmark;
@@ -109,6 +110,32 @@ TEST_P(SimdEngine, CarriesTheGemmKernelOfItsInstructionSet) {
     EXPECT_EQ(z.gemm.name, GetParam());
     ASSERT_NE(z.gemm.kernel, nullptr);
     EXPECT_EQ(z.gemm.kc % 2, 0u); // complex embeddings never split a pair
+}
+
+// Shapes around the tile (MR rows, NR/2 complex columns), past one depth block (kc/2 steps, so C
+// is accumulated) and past one row block.
+TEST_P(SimdEngine, ComplexProductMatchesWidenedReference) {
+    const cpu::ComplexEngine& z = engine();
+    const u64 mr = z.gemm.mr, nc = z.gemm.nr / 2, steps = z.gemm.kc / 2;
+    const u64 shapes[][3] = {{1, 1, 1}, {mr + 1, nc + 1, 3}, {2 * mr - 1, 2 * nc + 3, steps + 5},
+                             {z.gemm.mc + mr + 2, 3, 2 * steps + 1}};
+    for (const auto& [m, n, k] : shapes) {
+        SCOPED_TRACE(testing::Message() << m << "x" << k << " by " << k << "x" << n);
+        auto a = random_vector(m * k, 5), b = random_vector(k * n, 6);
+        std::vector<c64> c(m * n, c64(7.0f, 7.0f));
+        using Loader = cpu::InterleavedComplexLoader<c64, float>;
+        const cpu::ComplexLeftSource<Loader, float> left{{a.data(), k, 1}, false};
+        const cpu::InterleavedRightRowsSource<float> right{b.data(), n};
+        cpu::gemm<float>(z.gemm, m, 2 * n, 2 * k, left.packer(), right.packer(), reinterpret_cast<float*>(c.data()),
+                         2 * n, nullptr);
+        for (u64 i = 0; i < m; ++i)
+            for (u64 j = 0; j < n; ++j) {
+                std::complex<double> want;
+                for (u64 p = 0; p < k; ++p)
+                    want += std::complex<double>(a[i * k + p]) * std::complex<double>(b[p * n + j]);
+                expect_close(c[i * n + j], want, std::sqrt(double(k)) + 1);
+            }
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(Engines, SimdEngine, ::testing::Values("AVX2", "AVX512"));

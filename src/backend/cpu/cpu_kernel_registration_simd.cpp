@@ -61,13 +61,13 @@ template <class F> void chunks(Ctx ctx, u64 n, u64 work, F&& body) {
     ctx->parallel_for_chunks(0, n, work, ChunkBody([&body](u64 first, u64 last) { body(first, last); }));
 }
 
-// c (m x n, row stride n) = a (m x k, row stride lda) * b (k x n, row stride ldb), as the real
-// product of the complex embedding: the result comes out interleaved.
+// c (m x n, row stride n) = a (m x k, row stride lda) * b (k x n, row stride ldb) on the engine's
+// complex tile, which leaves the result interleaved.
 void product(const ComplexEngine& z, u64 m, u64 n, u64 k, const c64* a, u64 lda, const c64* b, u64 ldb, c64* c,
              Ctx ctx) {
     using Loader = cpu::InterleavedComplexLoader<c64, float>;
     const cpu::ComplexLeftSource<Loader, float> left{{a, lda, 1}, false};
-    const cpu::ComplexRightSource<Loader, float> right{{b, 1, ldb}};
+    const cpu::InterleavedRightRowsSource<float> right{b, ldb};
     cpu::gemm<float>(z.gemm, m, 2 * n, 2 * k, left.packer(), right.packer(), reinterpret_cast<float*>(c), 2 * n, ctx);
 }
 

@@ -159,4 +159,28 @@ template <class Loader, class R> struct ComplexRightSource {
     GemmPacker<R> packer() const { return {&pack, this}; }
 };
 
+// B of complex_gemm_tile from row-major interleaved storage, B(p, j) at p[p*ld + j]: line 2j + t
+// is part t of column j, and each complex depth step is one panel row copied as it stands, so a
+// panel fills the first half of its depth * width slot. Line offsets, counts, the panel width
+// and the depth (in reals, two per step) are even.
+template <class R> struct InterleavedRightRowsSource {
+    const std::complex<R>* p = nullptr;
+    std::uint64_t ld = 0;
+
+    static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
+                     std::uint64_t depth, std::uint64_t width) {
+        const auto& s = *static_cast<const InterleavedRightRowsSource*>(self);
+        for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
+            const std::uint64_t w = std::min(width, lines - q);
+            for (std::uint64_t step = 0; step < depth / 2; ++step) {
+                const R* src = reinterpret_cast<const R*>(s.p + (d0 / 2 + step) * s.ld) + l0 + q;
+                R* o = dst + step * width;
+                std::copy(src, src + w, o);
+                std::fill(o + w, o + width, R{});
+            }
+        }
+    }
+    GemmPacker<R> packer() const { return {&pack, this}; }
+};
+
 } // namespace quillmark::cpu

@@ -2,14 +2,14 @@
 
 #include <stdexcept>
 
+#include "backend/cpu/simd_isa_config.hpp"
 #include "runtime/simd_selection.hpp"
 
 namespace quillmark::cpu {
 namespace {
 
-ComplexEngine with_gemm(ComplexEngine engine) {
-    for (const GemmKernelInfo<float>& k : available_gemm_kernels<float>())
-        if (k.name == engine.name) engine.gemm = k;
+ComplexEngine with_gemm(ComplexEngine engine, const GemmBlocking& b, GemmMicroKernel<float> kernel) {
+    engine.gemm = {engine.name, b.mr, b.nr, b.mc, b.kc, b.nc, kernel};
     return engine;
 }
 
@@ -21,10 +21,10 @@ ComplexEngine with_gemm(ComplexEngine engine) {
 // Built on first use, after the processor check of the caller.
 const ComplexEngine& table(std::string_view name) {
     if (name == "AVX2") {
-        static const ComplexEngine avx2 = with_gemm(complex_engine_avx2());
+        static const ComplexEngine avx2 = with_gemm(complex_engine_avx2(), isa_avx256::gemm_c64, &gemm_microkernel_c64_avx2);
         return avx2;
     }
-    static const ComplexEngine avx512 = with_gemm(complex_engine_avx512());
+    static const ComplexEngine avx512 = with_gemm(complex_engine_avx512(), isa_avx512::gemm_c64, &gemm_microkernel_c64_avx512);
     return avx512;
 }
 

@@ -28,7 +28,8 @@ struct ComplexEngine {
     // dst[j*ldd + i] = src[i*lds + j] (conjugated on request) for i < rows, j < cols.
     void (*transpose)(std::uint64_t rows, std::uint64_t cols, const c64* src, std::uint64_t lds, c64* dst,
                       std::uint64_t ldd, bool conjugate) noexcept = nullptr;
-    // Micro-kernel and blocking of the real GEMM that complex products run on.
+    // Micro-kernel and blocking of complex products on interleaved operands, in reals (the
+    // packing of complex_gemm_tile: ComplexLeftSource and InterleavedRightRowsSource).
     GemmKernelInfo<float> gemm;
 };
 

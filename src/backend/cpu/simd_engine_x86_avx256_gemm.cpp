@@ -19,4 +19,10 @@ void gemm_microkernel_f32_avx2(std::uint64_t kc, const float* a, const float* b,
     gemm_tile<V, g.mr, g.nr / V::lanes>(kc, a, b, c, ldc, accumulate);
 }
 
+void gemm_microkernel_c64_avx2(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
+                               bool accumulate) noexcept {
+    constexpr GemmBlocking g = isa_avx256::gemm_c64;
+    complex_gemm_tile<simd::Avx256C64, g.mr, g.nr / simd::Avx256F32::lanes>(kc, a, b, c, ldc, accumulate);
+}
+
 } // namespace quillmark::cpu

@@ -19,4 +19,10 @@ void gemm_microkernel_f32_avx512(std::uint64_t kc, const float* a, const float* 
     gemm_tile<V, g.mr, g.nr / V::lanes>(kc, a, b, c, ldc, accumulate);
 }
 
+void gemm_microkernel_c64_avx512(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
+                               bool accumulate) noexcept {
+    constexpr GemmBlocking g = isa_avx512::gemm_c64;
+    complex_gemm_tile<simd::Avx512C64, g.mr, g.nr / simd::Avx512F32::lanes>(kc, a, b, c, ldc, accumulate);
+}
+
 } // namespace quillmark::cpu

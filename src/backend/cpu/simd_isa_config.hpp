@@ -25,17 +25,25 @@ struct GemmBlocking {
 namespace isa_avx256 {
 inline constexpr GemmBlocking gemm_f64{6, 8, 96, 256, 4080};
 inline constexpr GemmBlocking gemm_f32{6, 16, 96, 512, 4080};
+// complex64 on interleaved operands, in reals: nr = 16 floats is 8 complex columns.
+inline constexpr GemmBlocking gemm_c64{3, 16, 96, 512, 4080};
 } // namespace isa_avx256
 
 namespace isa_avx512 {
 inline constexpr GemmBlocking gemm_f64{8, 24, 96, 256, 4080};
 inline constexpr GemmBlocking gemm_f32{8, 48, 96, 512, 4080};
+inline constexpr GemmBlocking gemm_c64{4, 48, 96, 512, 4080};
 } // namespace isa_avx512
 
 void gemm_microkernel_f64_avx2(std::uint64_t kc, const double* a, const double* b, double* c, std::uint64_t ldc,
                                bool accumulate) noexcept;
 void gemm_microkernel_f32_avx2(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
                                bool accumulate) noexcept;
+// complex64 tiles (complex_gemm_tile's packing): kc counts reals, c is interleaved.
+void gemm_microkernel_c64_avx2(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
+                               bool accumulate) noexcept;
+void gemm_microkernel_c64_avx512(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
+                                 bool accumulate) noexcept;
 void gemm_microkernel_f64_avx512(std::uint64_t kc, const double* a, const double* b, double* c, std::uint64_t ldc,
                                  bool accumulate) noexcept;
 void gemm_microkernel_f32_avx512(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
