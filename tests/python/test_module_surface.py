@@ -25,14 +25,6 @@ def test_builder_builds_once():
         builder.load_plugin("/nonexistent/plugin.so")
 
 
-def test_failed_plugin_leaves_builder_usable(tmp_path):
-    builder = _native.ContextBuilder()
-    missing = str(tmp_path / "missing.so")
-    with pytest.raises(ValueError, match="^failed to load native plugin '.*missing.so'$"):
-        builder.load_plugin(missing)
-    assert builder.build().contains_operation("quillmark.solve@1")
-
-
 def test_operations_in_registration_order(catalogue):
     operations = catalogue.operations()
     assert isinstance(operations, tuple) and len(operations) == 32
@@ -61,25 +53,17 @@ def test_describe_schema(catalogue):
     ]
     assert list(d["numerics"]) == ["shapes", "constraints", "requirements", "notes"]
     assert d["provenance"] == {"kind": "builtin", "version": "0.1.1"}
-    assert d["implementations"]
     for implementation in d["implementations"]:
         assert list(implementation) == ["backend", "operands", "numerics", "provenance"]
-        assert implementation["backend"] in ("cpu_scalar", "cpu_simd")
         operands = implementation["operands"]
-        assert [o["role"] for o in operands] == [0, 2**31, 2**31 + 1]
-        assert [o["access"] for o in operands] == ["read", "write", "write"]
+        assert [(o["role"], o["access"]) for o in operands] == [(0, "read"), (2**31, "write"), (2**31 + 1, "write")]
         assert list(operands[0]) == ["role", "access", "kind", "dtype", "compute_dtype", "location",
                                      "storage_format", "complex_layout", "matrix_layout"]
-        assert operands[1]["matrix_layout"] == "none"
-        numerics = implementation["numerics"]
-        assert list(numerics) == ["algorithm", "stability", "complexity", "precision", "parameters", "notes"]
-        assert set(numerics["precision"]) >= {"mode", "accumulation_dtype", "reduction_order"}
-
-
-def test_describe_lists_every_registered_policy(catalogue):
-    policies = {(o["dtype"], o["compute_dtype"])
-                for impl in catalogue.describe("quillmark.solve@1")["implementations"]
-                for o in impl["operands"][:1]}
+        assert list(implementation["numerics"]) == ["algorithm", "stability", "complexity", "precision",
+                                                    "parameters", "notes"]
+    # Every registered policy is listed, not only the first implementation of each backend.
+    policies = {(impl["operands"][0]["dtype"], impl["operands"][0]["compute_dtype"])
+                for impl in catalogue.describe("quillmark.solve@1")["implementations"]}
     assert {("float32", "float32"), ("float64", "float64"), ("complex64", "complex64"),
             ("complex128", "complex128")} <= policies
 
@@ -256,6 +240,7 @@ def test_lu_factor_logdet_of_negative_determinant(ctx):
     (np.ones(4, np.float32), ValueError, "^solve - right-hand side size mismatch$"),
     (np.ones((3, 4), np.float32)[:, ::2], ValueError, "C-contiguous"),
     (np.ones((3, 2, 1), np.float32), ValueError, "rank one or two"),
+    (np.frombuffer(np.ones(3, np.float32).tobytes(), np.float32), ValueError, "writable"),  # read-only
     ([1.0, 2.0, 3.0], TypeError, None),
 ])
 def test_lu_factor_solve_refuses(ctx, rhs, error, message):
@@ -264,13 +249,6 @@ def test_lu_factor_solve_refuses(ctx, rhs, error, message):
     with pytest.raises(error, match=message):
         factor.solve(rhs)
     np.testing.assert_array_equal(rhs, before)
-
-
-def test_lu_factor_solve_refuses_read_only(ctx):
-    rhs = np.ones(2)
-    rhs.flags.writeable = False
-    with pytest.raises(ValueError, match="writable"):
-        _native.LUFactor(np.eye(2), ctx).solve(rhs)
 
 
 # ---- Native errors from solvers
