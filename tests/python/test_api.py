@@ -240,9 +240,10 @@ def test_default_context_is_made_once_across_threads(monkeypatch):
     def worker(i):
         barrier.wait()
         seen.append(qm.default_context())
-        a = A + i
+        a = np.tile(A + i, (8, 8))
         try:
-            np.testing.assert_allclose(qm.matmul(a, a), a @ a)
+            for _ in range(20):
+                np.testing.assert_allclose(qm.matmul(a, a), a @ a, rtol=1e-10, atol=1e-10)
         except AssertionError as e:
             errors.append(e)
 

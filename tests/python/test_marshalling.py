@@ -210,34 +210,6 @@ def test_explicit_default_compute_dtype_and_low_precision_pair(ctx):
     assert out.tolist() == [1.0, 2.0]
 
 
-def test_many_threads_share_one_context(ctx):
-    rng = np.random.default_rng(7)
-    pairs = [(rng.standard_normal((48, 48)), rng.standard_normal((48, 48))) for _ in range(8)]
-    results = [None] * 8
-    errors = []
-    start = threading.Barrier(8)
-
-    def work(i):
-        try:
-            a, b = pairs[i]
-            start.wait()
-            for _ in range(20):
-                out = np.empty((48, 48))
-                ctx.execute("quillmark.matmul@1", {"Input0": a, "Input1": b, "Output0": out}, HOST3)
-                np.testing.assert_allclose(out, a @ b, rtol=1e-10, atol=1e-10)
-            results[i] = out
-        except BaseException as e:  # reported from the main thread
-            errors.append(e)
-
-    threads = [threading.Thread(target=work, args=(i,)) for i in range(8)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    assert not errors
-    assert all(r is not None for r in results)
-
-
 def test_lu_factor_threads(ctx):
     rng = np.random.default_rng(3)
     a = rng.standard_normal((20, 20)) + 20 * np.eye(20)
