@@ -100,8 +100,9 @@ using LayoutBufferResolver = std::function<LayoutBuffers(const OperandEntity& en
 // "CPU layout adaptation - unsupported policy or operand kind".
 void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers);
 
-// How the adapters reach storage. `make_temporary` creates a zero-filled owned storage for the
-// descriptor (kind, dtype, layouts, extent); `buffers` resolves raw planes.
+// How the adapters reach storage. `make_temporary` creates owned storage for the descriptor (kind,
+// dtype, layouts, extent) whose contents may be anything, since a temporary is fully written
+// before it is read; null means the allocation failed. `buffers` resolves raw planes.
 struct CpuLayoutStorage {
     std::function<std::unique_ptr<OperandEntity>(const OperandDescriptor& descriptor)> make_temporary;
     LayoutBufferResolver buffers;
@@ -113,7 +114,8 @@ CpuLayoutStorage default_cpu_layout_storage();
 
 // Adds one input and one output adapter sharing cpu_layout_can_adapt. Input adaptation builds an
 // AdaptOperandStep; output adaptation builds an AdaptOperandStep (ahead of the kernel) and a
-// RestoreAdaptedStep (behind it).
+// RestoreAdaptedStep (behind it). For a write-only output the AdaptOperandStep only creates the
+// temporary: the caller's prior contents are not converted in.
 void install_cpu_layout_adapters(BackendAdaptationRegistry& registry);
 void install_cpu_layout_adapters(BackendAdaptationRegistry& registry, CpuLayoutStorage storage);
 
