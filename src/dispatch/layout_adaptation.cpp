@@ -1,6 +1,7 @@
 #include "dispatch/layout_adaptation.hpp"
 
 #include "storage/buffer_access.hpp"
+#include "runtime/cpu_runtime_context.hpp"
 #include "storage/host_storage_base.hpp"
 
 #include <emmintrin.h>
@@ -285,18 +286,40 @@ Conversion classify(const OperandEntity& src, const OperandEntity& dst) {
     unsupported();
 }
 
+// Element copies are independent, so large ones are spread over the runtime's workers.
+template <class Body> void for_chunks(const CpuRuntimeContext* runtime, std::uint64_t count, Body&& body) {
+    if (runtime == nullptr || count < 2) {
+        body(std::uint64_t{0}, count);
+        return;
+    }
+    runtime->parallel_for_chunks(0, count, count, ChunkBody([&body](std::uint64_t first, std::uint64_t last) {
+                                     body(first, last);
+                                 }));
+}
+
 template <class S, class T>
 void run_conversion(Conversion conversion, const LayoutBuffers& in, const LayoutBuffers& out, std::uint64_t rows,
-                    std::uint64_t cols) {
+                    std::uint64_t cols, const CpuRuntimeContext* runtime) {
     const std::uint64_t count = rows * cols;
     switch (conversion) {
-    case Conversion::to_split:
-        to_split(static_cast<const S*>(in.data), static_cast<T*>(out.data), static_cast<T*>(out.imag), count);
+    case Conversion::to_split: {
+        const S* src = static_cast<const S*>(in.data);
+        T* re = static_cast<T*>(out.data);
+        T* im = static_cast<T*>(out.imag);
+        for_chunks(runtime, count, [&](std::uint64_t first, std::uint64_t last) {
+            to_split(src + first, re + first, im + first, last - first);
+        });
         return;
-    case Conversion::to_interleaved:
-        to_interleaved(static_cast<const T*>(in.data), static_cast<const T*>(in.imag), static_cast<S*>(out.data),
-                       count);
+    }
+    case Conversion::to_interleaved: {
+        const T* re = static_cast<const T*>(in.data);
+        const T* im = static_cast<const T*>(in.imag);
+        S* dst = static_cast<S*>(out.data);
+        for_chunks(runtime, count, [&](std::uint64_t first, std::uint64_t last) {
+            to_interleaved(re + first, im + first, dst + first, last - first);
+        });
         return;
+    }
     case Conversion::transpose:
         relayout(static_cast<const S*>(in.data), static_cast<S*>(out.data), rows, cols);
         return;
@@ -340,14 +363,14 @@ AdaptationSteps build_steps(bool output, bool write_only, const CpuLayoutStorage
         // The kernel overwrites every element, so the caller's contents are not carried in.
         adapt = [](CpuExecutionContext&, const Entity&, Entity&) {};
     } else if (storage.buffers) {
-        adapt = [buffers = storage.buffers](CpuExecutionContext&, const Entity& source, Entity& temporary) {
-            convert_cpu_layout(source, temporary, buffers);
+        adapt = [buffers = storage.buffers](CpuExecutionContext& context, const Entity& source, Entity& temporary) {
+            convert_cpu_layout(source, temporary, buffers, context.runtime());
         };
     }
     if (storage.buffers) {
-        restore = [buffers = storage.buffers](CpuExecutionContext&, const OperandEntity& temporary,
+        restore = [buffers = storage.buffers](CpuExecutionContext& context, const OperandEntity& temporary,
                                               OperandEntity& original) {
-            convert_cpu_layout(temporary, original, buffers);
+            convert_cpu_layout(temporary, original, buffers, context.runtime());
         };
     }
 
@@ -462,7 +485,8 @@ void install_complex64_relayout(Complex64Relayout kernel) noexcept {
     installed_relayout.store(kernel, std::memory_order_release);
 }
 
-void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers) {
+void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers,
+                        const CpuRuntimeContext* runtime) {
     if (source.kind() != destination.kind() || source.extent() != destination.extent() ||
         !(source.dtype() == destination.dtype()))
         throw std::logic_error("CPU layout adaptation - shape or numerical policy mismatch");
@@ -480,9 +504,9 @@ void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination,
     check_planes(out, destination.complex_layout() == ComplexLayout::split, rows * cols, "CPU layout output");
 
     switch (dtype.storage()) {
-    case ScalarType::complex32: run_conversion<Complex32, Float16>(conversion, in, out, rows, cols); return;
-    case ScalarType::complex64: run_conversion<std::complex<float>, float>(conversion, in, out, rows, cols); return;
-    case ScalarType::complex128: run_conversion<std::complex<double>, double>(conversion, in, out, rows, cols); return;
+    case ScalarType::complex32: run_conversion<Complex32, Float16>(conversion, in, out, rows, cols, runtime); return;
+    case ScalarType::complex64: run_conversion<std::complex<float>, float>(conversion, in, out, rows, cols, runtime); return;
+    case ScalarType::complex128: run_conversion<std::complex<double>, double>(conversion, in, out, rows, cols, runtime); return;
     default: unsupported();
     }
 }

@@ -97,8 +97,10 @@ using LayoutBufferResolver = std::function<LayoutBuffers(const OperandEntity& en
 // Converts `source` into `destination`, which must have the same kind, extent and dtype (else
 // std::logic_error "CPU layout adaptation - shape or numerical policy mismatch"). Combinations the
 // conversion does not cover fail with std::invalid_argument
-// "CPU layout adaptation - unsupported policy or operand kind".
-void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers);
+// "CPU layout adaptation - unsupported policy or operand kind". Plane conversions spread over
+// `runtime`'s workers when one is given.
+void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers,
+                        const CpuRuntimeContext* runtime = nullptr);
 
 // How the adapters reach storage. `make_temporary` creates owned storage for the descriptor (kind,
 // dtype, layouts, extent) whose contents may be anything, since a temporary is fully written
