@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <complex>
 #include <functional>
@@ -218,12 +217,9 @@ TEST(EigenSolver, BadlyScaledMatrixIsBalanced) {
     EXPECT_LT(worst_residual(a, run_eig(a, MatrixLayout::column_major)), 1e-12);
 }
 
-TEST(EigenSolver, LargeMatrixIsFastAndAccurate) {
+TEST(EigenSolver, LargeMatrixIsAccurate) {
     const Matrix<double> a = random_matrix<double>(200, MatrixLayout::row_major, 77);
-    const auto start = std::chrono::steady_clock::now();
-    const Decomposed d = run_eig(a, MatrixLayout::column_major);
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 5.0);
-    EXPECT_LT(worst_residual(a, d), 1e-13);
+    EXPECT_LT(worst_residual(a, run_eig(a, MatrixLayout::column_major)), 1e-13);
 }
 
 TEST(EigenSolver, FailuresLeaveOutputsUntouched) {
