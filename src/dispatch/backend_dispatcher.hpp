@@ -30,7 +30,7 @@ struct BackendAdapter {
     Builder build;
     // Optional builder for a write-only output, whose prior contents need not reach the kernel;
     // `build` serves when it is empty.
-    Builder build_write_only;
+    Builder build_write_only{};
 };
 
 class BackendAdaptationRegistry {
