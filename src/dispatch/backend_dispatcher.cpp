@@ -34,13 +34,15 @@ const BackendAdapter* first_accepting(std::span<const BackendAdapter> adapters, 
 AdaptationSteps build_adaptations(std::span<const BackendAdapter> adapters, const std::string& name,
                                   std::size_t first_position, std::span<const OperandDescriptor> descriptors,
                                   std::span<const BackendOperandKey> requested,
-                                  std::span<const BackendOperandKey> registered) {
+                                  std::span<const BackendOperandKey> registered, std::uint64_t write_only = 0) {
     AdaptationSteps all;
     for (std::size_t i = 0; i < requested.size(); ++i) {
         if (requested[i] == registered[i]) continue;
         const BackendAdapter* adapter = first_accepting(adapters, requested[i], registered[i]);
         if (!adapter) throw_unsupported(name);
-        AdaptationSteps steps = adapter->build(first_position + i, descriptors[i], requested[i], registered[i]);
+        const bool overwritten = i < 64 && ((write_only >> i) & 1) != 0 && adapter->build_write_only;
+        const BackendAdapter::Builder& build = overwritten ? adapter->build_write_only : adapter->build;
+        AdaptationSteps steps = build(first_position + i, descriptors[i], requested[i], registered[i]);
         for (auto& step : steps.before) all.before.push_back(std::move(step));
         for (auto& step : steps.after) all.after.push_back(std::move(step));
     }
@@ -209,7 +211,8 @@ BackendProcess BackendDispatcher::dispatch(std::uint32_t handle, std::span<const
     process.set_execution_plan(std::move(plan));
     adapt_input(process, inputs, input_keys, choice.match.key->inputs());
     if (choice.backend == BackendKind::cuda) adapt_descriptor_input(process, inputs, choice.match.key->inputs());
-    adapt_output(process, inputs.size(), outputs, output_keys, choice.match.key->outputs());
+    adapt_output(process, inputs.size(), outputs, output_keys, choice.match.key->outputs(),
+                 registry_->write_only_outputs(handle));
     return process;
 }
 
@@ -247,12 +250,12 @@ void BackendDispatcher::adapt_descriptor_input(BackendProcess& /*process*/,
 void BackendDispatcher::adapt_output(BackendProcess& process, std::size_t first_position,
                                      std::span<const OperandDescriptor> descriptors,
                                      std::span<const BackendOperandKey> requested,
-                                     std::span<const BackendOperandKey> registered) const {
+                                     std::span<const BackendOperandKey> registered, std::uint64_t write_only) const {
     const std::string name = "adapt_output";
     if (descriptors.size() != requested.size() || requested.size() != registered.size())
         throw_count_mismatch(name, "output");
     insert_adaptations(process, build_adaptations(adaptations_->output_adapters(), name, first_position, descriptors,
-                                                  requested, registered));
+                                                  requested, registered, write_only));
 }
 
 } // namespace quillmark

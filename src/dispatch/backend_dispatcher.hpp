@@ -28,6 +28,9 @@ struct BackendAdapter {
                                                   const BackendOperandKey& registered)>;
     Predicate can_adapt;
     Builder build;
+    // Optional builder for a write-only output, whose prior contents need not reach the kernel;
+    // `build` serves when it is empty.
+    Builder build_write_only{};
 };
 
 class BackendAdaptationRegistry {
@@ -87,10 +90,11 @@ public:
     void adapt_descriptor_input(BackendProcess& process, std::span<const OperandDescriptor> descriptors,
                                 std::span<const BackendOperandKey> registered) const;
     // Output adaptations: their preparation steps go in front, their restore steps at the back.
-    // `first_position` is the bindings position of the first output (the input count).
+    // `first_position` is the bindings position of the first output (the input count); bit j of
+    // `write_only` marks output j as write-only.
     void adapt_output(BackendProcess& process, std::size_t first_position,
                       std::span<const OperandDescriptor> descriptors, std::span<const BackendOperandKey> requested,
-                      std::span<const BackendOperandKey> registered) const;
+                      std::span<const BackendOperandKey> registered, std::uint64_t write_only = 0) const;
 
 private:
     class ChoiceCache;

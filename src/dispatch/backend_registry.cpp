@@ -201,7 +201,7 @@ bool is_valid_dense_operand(ScalarCategory category, OperandKind kind, ComplexLa
 // ---- BackendRegistry ----
 
 BackendRegistry::BackendRegistry(const BackendRegistry& other)
-    : registrations_(other.registrations_), sealed_(other.sealed_) {
+    : registrations_(other.registrations_), write_only_(other.write_only_), sealed_(other.sealed_) {
     if (!sealed_) return;
     Index rebuilt;
     rebuilt.reserve(other.index_.size());
@@ -253,12 +253,19 @@ void BackendRegistry::seal(const OperationRegistry& catalogue) {
     if (sealed_) return;
     if (!catalogue.sealed()) throw std::logic_error("BackendRegistry::seal - operation catalogue must be sealed first");
     Index index;
+    std::unordered_map<std::uint32_t, std::uint64_t> write_only;
     for (const auto& [key, entry] : registrations_) {
         const OperationSpec& spec = catalogue.lookup(key.operation());
         if (entry.numerics()) entry.numerics()->validate(spec);
         index[spec.handle()].emplace_back(&key, &entry);
+        std::uint64_t mask = 0;
+        const auto outputs = spec.roles().subspan(spec.input_count());
+        for (std::size_t j = 0; j < outputs.size() && j < 64; ++j)
+            if (outputs[j].access == OperandAccess::write) mask |= std::uint64_t{1} << j;
+        write_only[spec.handle()] = mask;
     }
     index_ = std::move(index);
+    write_only_ = std::move(write_only);
     sealed_ = true;
 }
 
@@ -267,6 +274,11 @@ std::span<const BackendRegistry::IndexedRegistration> BackendRegistry::registrat
     auto it = index_.find(handle);
     if (it == index_.end()) return {};
     return it->second;
+}
+
+std::uint64_t BackendRegistry::write_only_outputs(std::uint32_t handle) const noexcept {
+    auto it = write_only_.find(handle);
+    return it == write_only_.end() ? 0 : it->second;
 }
 
 std::optional<BackendMatch> BackendRegistry::find(std::uint32_t handle, BackendKind backend,

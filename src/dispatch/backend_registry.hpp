@@ -169,6 +169,9 @@ public:
     std::size_t size() const noexcept { return registrations_.size(); }
     // The sealed per-operation list; empty for an unknown handle or before sealing.
     std::span<const IndexedRegistration> registrations_for(std::uint32_t handle) const noexcept;
+    // Bit j set: output j of the operation is write-only, so its prior contents are never read.
+    // Zero for an unknown handle or before sealing; outputs from the 64th on are never marked.
+    std::uint64_t write_only_outputs(std::uint32_t handle) const noexcept;
 
     std::optional<BackendMatch> find(std::uint32_t handle, BackendKind backend,
                                      std::span<const BackendOperandKey> inputs,
@@ -190,6 +193,7 @@ private:
 
     RegistrationMap registrations_;
     Index index_;
+    std::unordered_map<std::uint32_t, std::uint64_t> write_only_;
     bool sealed_ = false;
 };
 

@@ -1,12 +1,18 @@
 #include "dispatch/layout_adaptation.hpp"
 
 #include "storage/buffer_access.hpp"
-#include "storage/storage_factory.hpp"
+#include "runtime/cpu_runtime_context.hpp"
+#include "storage/host_storage_base.hpp"
+
+#include <emmintrin.h>
 
 #include <algorithm>
 #include <atomic>
+#include <mutex>
+#include <new>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace quillmark {
 namespace {
@@ -58,6 +64,162 @@ template <class S, class T> void to_interleaved(const T* re, const T* im, S* dst
         join(dst[i + 3], re[i + 3], im[i + 3]);
     }
     for (; i < n; ++i) join(dst[i], re[i], im[i]);
+}
+
+// The double and single precision copies are plain lane shuffles (bit-exact, NaN payloads
+// included): the element loops above do not vectorise, and these conversions are memory-bound.
+template <> void to_split(const std::complex<double>* src, double* re, double* im, std::uint64_t n) noexcept {
+    const double* s = reinterpret_cast<const double*>(src);
+    std::uint64_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const __m128d a = _mm_loadu_pd(s + 2 * i), b = _mm_loadu_pd(s + 2 * i + 2);
+        const __m128d c = _mm_loadu_pd(s + 2 * i + 4), d = _mm_loadu_pd(s + 2 * i + 6);
+        _mm_storeu_pd(re + i, _mm_unpacklo_pd(a, b));
+        _mm_storeu_pd(re + i + 2, _mm_unpacklo_pd(c, d));
+        _mm_storeu_pd(im + i, _mm_unpackhi_pd(a, b));
+        _mm_storeu_pd(im + i + 2, _mm_unpackhi_pd(c, d));
+    }
+    for (; i < n; ++i) parts(src[i], re[i], im[i]);
+}
+template <> void to_interleaved(const double* re, const double* im, std::complex<double>* dst, std::uint64_t n) noexcept {
+    double* d = reinterpret_cast<double*>(dst);
+    std::uint64_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const __m128d r0 = _mm_loadu_pd(re + i), r1 = _mm_loadu_pd(re + i + 2);
+        const __m128d m0 = _mm_loadu_pd(im + i), m1 = _mm_loadu_pd(im + i + 2);
+        _mm_storeu_pd(d + 2 * i, _mm_unpacklo_pd(r0, m0));
+        _mm_storeu_pd(d + 2 * i + 2, _mm_unpackhi_pd(r0, m0));
+        _mm_storeu_pd(d + 2 * i + 4, _mm_unpacklo_pd(r1, m1));
+        _mm_storeu_pd(d + 2 * i + 6, _mm_unpackhi_pd(r1, m1));
+    }
+    for (; i < n; ++i) join(dst[i], re[i], im[i]);
+}
+template <> void to_split(const std::complex<float>* src, float* re, float* im, std::uint64_t n) noexcept {
+    const float* s = reinterpret_cast<const float*>(src);
+    std::uint64_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const __m128 a = _mm_loadu_ps(s + 2 * i), b = _mm_loadu_ps(s + 2 * i + 4);
+        _mm_storeu_ps(re + i, _mm_shuffle_ps(a, b, _MM_SHUFFLE(2, 0, 2, 0)));
+        _mm_storeu_ps(im + i, _mm_shuffle_ps(a, b, _MM_SHUFFLE(3, 1, 3, 1)));
+    }
+    for (; i < n; ++i) parts(src[i], re[i], im[i]);
+}
+template <> void to_interleaved(const float* re, const float* im, std::complex<float>* dst, std::uint64_t n) noexcept {
+    float* d = reinterpret_cast<float*>(dst);
+    std::uint64_t i = 0;
+    for (; i + 4 <= n; i += 4) {
+        const __m128 r = _mm_loadu_ps(re + i), m = _mm_loadu_ps(im + i);
+        _mm_storeu_ps(d + 2 * i, _mm_unpacklo_ps(r, m));
+        _mm_storeu_ps(d + 2 * i + 4, _mm_unpackhi_ps(r, m));
+    }
+    for (; i < n; ++i) join(dst[i], re[i], im[i]);
+}
+
+// ---- scratch temporaries ----
+
+// Planes of adapted operands are reused between calls: a fresh large allocation costs a page
+// fault per page plus clearing, more than the conversion itself. The pool keeps a few blocks and
+// hands them out uninitialised, since a temporary is always filled before it is read (by the
+// conversion, or by the kernel for a write-only output).
+class ScratchPool {
+public:
+    struct Block {
+        void* data = nullptr;
+        std::size_t bytes = 0;
+    };
+    static constexpr std::size_t kAlignment = 64;
+
+    static ScratchPool& instance() {
+        static ScratchPool* pool = new ScratchPool(); // never destroyed: temporaries may outlive statics
+        return *pool;
+    }
+
+    // Throws std::bad_alloc.
+    Block acquire(std::size_t bytes) {
+        bytes = std::max(bytes, kAlignment);
+        {
+            std::lock_guard lock(mutex_);
+            // The smallest block that fits, unless it would waste more than half of itself.
+            auto best = free_.end();
+            for (auto it = free_.begin(); it != free_.end(); ++it)
+                if (it->bytes >= bytes && it->bytes / 2 <= bytes && (best == free_.end() || it->bytes < best->bytes))
+                    best = it;
+            if (best != free_.end()) {
+                const Block block = *best;
+                free_.erase(best);
+                held_ -= block.bytes;
+                return block;
+            }
+        }
+        return {::operator new(bytes, std::align_val_t{kAlignment}), bytes};
+    }
+
+    void release(Block block) noexcept {
+        if (!block.data) return;
+        {
+            std::lock_guard lock(mutex_);
+            if (free_.size() < kMaxBlocks && held_ + block.bytes <= kMaxHeldBytes) {
+                try {
+                    free_.push_back(block);
+                    held_ += block.bytes;
+                    return;
+                } catch (...) {
+                }
+            }
+        }
+        ::operator delete(block.data, std::align_val_t{kAlignment});
+    }
+
+private:
+    static constexpr std::size_t kMaxBlocks = 8;
+    static constexpr std::size_t kMaxHeldBytes = std::size_t{256} << 20;
+    std::mutex mutex_;
+    std::vector<Block> free_;
+    std::size_t held_ = 0;
+};
+
+constexpr std::size_t round_to_line(std::size_t bytes) noexcept {
+    return (bytes + ScratchPool::kAlignment - 1) / ScratchPool::kAlignment * ScratchPool::kAlignment;
+}
+
+template <class Base> class ScratchEntity final : public Base {
+public:
+    ScratchEntity(const DataTypeDescriptor& dtype, ComplexLayout complex, MatrixLayout layout,
+                  std::array<std::uint64_t, 2> extent, std::uint64_t count, std::size_t element_bytes)
+        : Base(dtype, complex, layout, extent) {
+        if (count > static_cast<std::size_t>(-1) / 2 / element_bytes) throw std::bad_array_new_length();
+        const std::size_t plane = round_to_line(count * element_bytes);
+        if constexpr (requires(Base& b) { b.imag(); }) {
+            using T = typename Base::component_type;
+            block_ = ScratchPool::instance().acquire(2 * plane);
+            T* re = static_cast<T*>(block_.data);
+            this->attach(re, reinterpret_cast<T*>(static_cast<char*>(block_.data) + plane), count);
+        } else {
+            using S = typename Base::element_type;
+            block_ = ScratchPool::instance().acquire(plane);
+            this->attach(static_cast<S*>(block_.data), count);
+        }
+    }
+    ~ScratchEntity() override { ScratchPool::instance().release(block_); }
+
+private:
+    ScratchPool::Block block_;
+};
+
+template <class Entity, class S, class T>
+std::unique_ptr<OperandEntity> make_scratch(const OperandDescriptor& d, std::uint64_t count) {
+    if (d.complex_layout == ComplexLayout::split)
+        return std::make_unique<ScratchEntity<SplitBufferEntity<Entity, T>>>(
+            d.dtype, d.complex_layout, d.matrix_layout, d.extent, count, sizeof(T));
+    return std::make_unique<ScratchEntity<SingleBufferEntity<Entity, S>>>(
+        d.dtype, d.complex_layout, d.matrix_layout, d.extent, count, sizeof(S));
+}
+
+template <class S, class T> std::unique_ptr<OperandEntity> make_scratch(const OperandDescriptor& d) {
+    if (d.kind == OperandKind::vector) return make_scratch<VectorEntity, S, T>(d, d.extent[0]);
+    if (d.extent[1] != 0 && d.extent[0] > static_cast<std::uint64_t>(-1) / d.extent[1])
+        throw std::bad_array_new_length();
+    return make_scratch<MatrixEntity, S, T>(d, d.extent[0] * d.extent[1]);
 }
 
 // Tiled so that both the reads and the strided writes stay in cache.
@@ -124,18 +286,40 @@ Conversion classify(const OperandEntity& src, const OperandEntity& dst) {
     unsupported();
 }
 
+// Element copies are independent, so large ones are spread over the runtime's workers.
+template <class Body> void for_chunks(const CpuRuntimeContext* runtime, std::uint64_t count, Body&& body) {
+    if (runtime == nullptr || count < 2) {
+        body(std::uint64_t{0}, count);
+        return;
+    }
+    runtime->parallel_for_chunks(0, count, count, ChunkBody([&body](std::uint64_t first, std::uint64_t last) {
+                                     body(first, last);
+                                 }));
+}
+
 template <class S, class T>
 void run_conversion(Conversion conversion, const LayoutBuffers& in, const LayoutBuffers& out, std::uint64_t rows,
-                    std::uint64_t cols) {
+                    std::uint64_t cols, const CpuRuntimeContext* runtime) {
     const std::uint64_t count = rows * cols;
     switch (conversion) {
-    case Conversion::to_split:
-        to_split(static_cast<const S*>(in.data), static_cast<T*>(out.data), static_cast<T*>(out.imag), count);
+    case Conversion::to_split: {
+        const S* src = static_cast<const S*>(in.data);
+        T* re = static_cast<T*>(out.data);
+        T* im = static_cast<T*>(out.imag);
+        for_chunks(runtime, count, [&](std::uint64_t first, std::uint64_t last) {
+            to_split(src + first, re + first, im + first, last - first);
+        });
         return;
-    case Conversion::to_interleaved:
-        to_interleaved(static_cast<const T*>(in.data), static_cast<const T*>(in.imag), static_cast<S*>(out.data),
-                       count);
+    }
+    case Conversion::to_interleaved: {
+        const T* re = static_cast<const T*>(in.data);
+        const T* im = static_cast<const T*>(in.imag);
+        S* dst = static_cast<S*>(out.data);
+        for_chunks(runtime, count, [&](std::uint64_t first, std::uint64_t last) {
+            to_interleaved(re + first, im + first, dst + first, last - first);
+        });
         return;
+    }
     case Conversion::transpose:
         relayout(static_cast<const S*>(in.data), static_cast<S*>(out.data), rows, cols);
         return;
@@ -153,7 +337,7 @@ void check_planes(const LayoutBuffers& b, bool split, std::uint64_t count, std::
 // ---- steps ----
 
 template <class Entity>
-AdaptationSteps build_steps(bool output, const CpuLayoutStorage& storage, std::size_t position,
+AdaptationSteps build_steps(bool output, bool write_only, const CpuLayoutStorage& storage, std::size_t position,
                             const OperandDescriptor& descriptor, const Key& registered) {
     const ComplexLayout complex = registered.complex_layout();
     const MatrixLayout layout = registered.matrix_layout().value_or(MatrixLayout::none);
@@ -175,13 +359,18 @@ AdaptationSteps build_steps(bool output, const CpuLayoutStorage& storage, std::s
     }
     typename AdaptOperandStep<Entity>::Adapt adapt;
     RestoreAdaptedStep::Restore restore;
-    if (storage.buffers) {
-        adapt = [buffers = storage.buffers](CpuExecutionContext&, const Entity& source, Entity& temporary) {
-            convert_cpu_layout(source, temporary, buffers);
+    if (write_only) {
+        // The kernel overwrites every element, so the caller's contents are not carried in.
+        adapt = [](CpuExecutionContext&, const Entity&, Entity&) {};
+    } else if (storage.buffers) {
+        adapt = [buffers = storage.buffers](CpuExecutionContext& context, const Entity& source, Entity& temporary) {
+            convert_cpu_layout(source, temporary, buffers, context.runtime());
         };
-        restore = [buffers = storage.buffers](CpuExecutionContext&, const OperandEntity& temporary,
+    }
+    if (storage.buffers) {
+        restore = [buffers = storage.buffers](CpuExecutionContext& context, const OperandEntity& temporary,
                                               OperandEntity& original) {
-            convert_cpu_layout(temporary, original, buffers);
+            convert_cpu_layout(temporary, original, buffers, context.runtime());
         };
     }
 
@@ -192,17 +381,24 @@ AdaptationSteps build_steps(bool output, const CpuLayoutStorage& storage, std::s
     return steps;
 }
 
-BackendAdapter make_adapter(bool output, CpuLayoutStorage storage) {
-    BackendAdapter adapter;
-    adapter.can_adapt = cpu_layout_can_adapt;
-    adapter.build = [output, storage = std::move(storage)](std::size_t position, const OperandDescriptor& descriptor,
-                                                           const Key& /*requested*/, const Key& registered) {
+BackendAdapter::Builder make_builder(bool output, bool write_only, CpuLayoutStorage storage) {
+    return [output, write_only, storage = std::move(storage)](std::size_t position, const OperandDescriptor& descriptor,
+                                                              const Key& /*requested*/, const Key& registered) {
         switch (registered.operand_kind()) {
-        case OperandKind::vector: return build_steps<VectorEntity>(output, storage, position, descriptor, registered);
-        case OperandKind::matrix: return build_steps<MatrixEntity>(output, storage, position, descriptor, registered);
+        case OperandKind::vector:
+            return build_steps<VectorEntity>(output, write_only, storage, position, descriptor, registered);
+        case OperandKind::matrix:
+            return build_steps<MatrixEntity>(output, write_only, storage, position, descriptor, registered);
         default: unsupported();
         }
     };
+}
+
+BackendAdapter make_adapter(bool output, const CpuLayoutStorage& storage) {
+    BackendAdapter adapter;
+    adapter.can_adapt = cpu_layout_can_adapt;
+    adapter.build = make_builder(output, false, storage);
+    if (output) adapter.build_write_only = make_builder(true, true, storage);
     return adapter;
 }
 
@@ -289,7 +485,8 @@ void install_complex64_relayout(Complex64Relayout kernel) noexcept {
     installed_relayout.store(kernel, std::memory_order_release);
 }
 
-void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers) {
+void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers,
+                        const CpuRuntimeContext* runtime) {
     if (source.kind() != destination.kind() || source.extent() != destination.extent() ||
         !(source.dtype() == destination.dtype()))
         throw std::logic_error("CPU layout adaptation - shape or numerical policy mismatch");
@@ -307,17 +504,27 @@ void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination,
     check_planes(out, destination.complex_layout() == ComplexLayout::split, rows * cols, "CPU layout output");
 
     switch (dtype.storage()) {
-    case ScalarType::complex32: run_conversion<Complex32, Float16>(conversion, in, out, rows, cols); return;
-    case ScalarType::complex64: run_conversion<std::complex<float>, float>(conversion, in, out, rows, cols); return;
-    case ScalarType::complex128: run_conversion<std::complex<double>, double>(conversion, in, out, rows, cols); return;
+    case ScalarType::complex32: run_conversion<Complex32, Float16>(conversion, in, out, rows, cols, runtime); return;
+    case ScalarType::complex64: run_conversion<std::complex<float>, float>(conversion, in, out, rows, cols, runtime); return;
+    case ScalarType::complex128: run_conversion<std::complex<double>, double>(conversion, in, out, rows, cols, runtime); return;
     default: unsupported();
     }
 }
 
 CpuLayoutStorage default_cpu_layout_storage() {
     CpuLayoutStorage storage;
-    storage.make_temporary = [](const OperandDescriptor& d) {
-        return make_dense_host_storage(d.dtype, d.kind, d.extent, d.complex_layout, d.matrix_layout);
+    storage.make_temporary = [](const OperandDescriptor& d) -> std::unique_ptr<OperandEntity> {
+        if (d.kind != OperandKind::vector && d.kind != OperandKind::matrix) unsupported();
+        try {
+            switch (d.dtype.storage()) {
+            case ScalarType::complex32: return make_scratch<Complex32, Float16>(d);
+            case ScalarType::complex64: return make_scratch<std::complex<float>, float>(d);
+            case ScalarType::complex128: return make_scratch<std::complex<double>, double>(d);
+            default: unsupported();
+            }
+        } catch (const std::bad_alloc&) {
+            return nullptr;
+        }
     };
     storage.buffers = [](const OperandEntity& entity, std::string_view label) {
         const ErasedBufferAccess& access = entity.erased_access();
@@ -341,7 +548,7 @@ void install_cpu_layout_adapters(BackendAdaptationRegistry& registry) {
 
 void install_cpu_layout_adapters(BackendAdaptationRegistry& registry, CpuLayoutStorage storage) {
     BackendAdapter input = make_adapter(false, storage);
-    BackendAdapter output = make_adapter(true, std::move(storage));
+    BackendAdapter output = make_adapter(true, storage);
     registry.add_input_adapter(std::move(input));
     registry.add_output_adapter(std::move(output));
 }

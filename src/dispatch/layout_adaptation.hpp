@@ -97,11 +97,14 @@ using LayoutBufferResolver = std::function<LayoutBuffers(const OperandEntity& en
 // Converts `source` into `destination`, which must have the same kind, extent and dtype (else
 // std::logic_error "CPU layout adaptation - shape or numerical policy mismatch"). Combinations the
 // conversion does not cover fail with std::invalid_argument
-// "CPU layout adaptation - unsupported policy or operand kind".
-void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers);
+// "CPU layout adaptation - unsupported policy or operand kind". Plane conversions spread over
+// `runtime`'s workers when one is given.
+void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers,
+                        const CpuRuntimeContext* runtime = nullptr);
 
-// How the adapters reach storage. `make_temporary` creates a zero-filled owned storage for the
-// descriptor (kind, dtype, layouts, extent); `buffers` resolves raw planes.
+// How the adapters reach storage. `make_temporary` creates owned storage for the descriptor (kind,
+// dtype, layouts, extent) whose contents may be anything, since a temporary is fully written
+// before it is read; null means the allocation failed. `buffers` resolves raw planes.
 struct CpuLayoutStorage {
     std::function<std::unique_ptr<OperandEntity>(const OperandDescriptor& descriptor)> make_temporary;
     LayoutBufferResolver buffers;
@@ -113,7 +116,8 @@ CpuLayoutStorage default_cpu_layout_storage();
 
 // Adds one input and one output adapter sharing cpu_layout_can_adapt. Input adaptation builds an
 // AdaptOperandStep; output adaptation builds an AdaptOperandStep (ahead of the kernel) and a
-// RestoreAdaptedStep (behind it).
+// RestoreAdaptedStep (behind it). For a write-only output the AdaptOperandStep only creates the
+// temporary: the caller's prior contents are not converted in.
 void install_cpu_layout_adapters(BackendAdaptationRegistry& registry);
 void install_cpu_layout_adapters(BackendAdaptationRegistry& registry, CpuLayoutStorage storage);
 

@@ -323,6 +323,40 @@ TEST(BackendDispatcher, RemembersAChoiceOnlyWhileTheAdaptersAreUnchanged) {
     EXPECT_FALSE(session.active());
 }
 
+TEST(BackendDispatcher, WriteOnlyOutputsTakeTheWriteOnlyBuilder) {
+    // One write output and one read_write output, both needing an adaptation: only the first may
+    // skip carrying the caller's contents in.
+    OperationRegistry catalogue;
+    const OperationId op{"test.two_outputs", 1};
+    catalogue.register_operation(
+        OperationSpec(op, {{input_role(0), OperandAccess::read, OperandKind::vector},
+                           {output_role(0), OperandAccess::write, OperandKind::vector},
+                           {output_role(1), OperandAccess::read_write, OperandKind::vector}}),
+        RegistrationProvenance());
+    catalogue.seal();
+    std::vector<std::string> log;
+    BackendRegistry registry;
+    registry.register_backend({BackendKind::cpu_scalar, op, {vec(float32)}, {vec(float64), vec(float64)}},
+                              marker(&log, "kernel"), RegistrationProvenance());
+    registry.seal(catalogue);
+    EXPECT_EQ(registry.write_only_outputs(catalogue.lookup(op).handle()), 1u);
+
+    const auto logging = [&log](std::string word) {
+        return [&log, word](std::size_t position, const OperandDescriptor&, const Key&, const Key&) {
+            log.push_back(word + std::to_string(position));
+            return AdaptationSteps{};
+        };
+    };
+    BackendAdaptationRegistry adapters;
+    adapters.add_output_adapter({[](const Key& a, const Key& b) { return a.kind == b.kind; }, logging("build"),
+                                 logging("write_only")});
+    BackendDispatcher dispatcher(registry, adapters);
+    const std::vector<OperandDescriptor> in{vector_descriptor(float32)};
+    const std::vector<OperandDescriptor> out{vector_descriptor(float32), vector_descriptor(float32)};
+    dispatcher.dispatch(catalogue.lookup(op).handle(), in, out);
+    EXPECT_EQ(log, (std::vector<std::string>{"write_only1", "build2"}));
+}
+
 // ---- Result policy ----
 
 TEST(ResultPolicy, RequestShapeIsCheckedFirst) {
