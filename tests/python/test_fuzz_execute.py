@@ -16,10 +16,9 @@ from conftest import SANITIZED
 
 ALLOWED = (ValueError, TypeError, IndexError, MemoryError, RuntimeError)
 
-# Both are memory faults of the array import that are being fixed on their own; until then the
-# fuzzer must not produce them, or one example would take the whole test process down.
+# A memory fault of the array import that is being fixed on its own; until then the fuzzer must
+# not produce it, or one example would take the whole test process down.
 SHAPE_OVERRIDING_SUBCLASSES = False
-MISALIGNED_COMPLEX32 = False
 
 CATALOGUE = quillmark.ContextBuilder().build()
 ROLES = {
@@ -97,7 +96,7 @@ def mutate_array(draw, rng, arr):
         arr = arr.copy()
         arr.flags.writeable = False
         return arr
-    if how == "misaligned" and (arr.dtype != complex32 or MISALIGNED_COMPLEX32):
+    if how == "misaligned":  # complex32 lands 2 bytes past a 4-byte boundary: aligned parts, unaligned whole
         step = 2 if arr.dtype == complex32 else 1
         raw = np.zeros(arr.nbytes + step, np.uint8)
         view = raw[step:].view(arr.dtype).reshape(arr.shape)
@@ -195,7 +194,7 @@ def snapshot(obj):
 
 
 CTX = quillmark.Context()
-EXAMPLES = 15 if SANITIZED else 40
+EXAMPLES = 25 if SANITIZED else 60
 
 
 @pytest.mark.parametrize("op", sorted(ROLES))
