@@ -16,6 +16,7 @@ JOBS=${JOBS:-2}
 FUZZ_SECONDS=${FUZZ_SECONDS:-30}
 STAGES=${SANITIZE_STAGES:-asan tsan fuzz}
 LOCK=/tmp/qm-build.lock
+FUZZ_TARGETS=$(for f in tests/fuzz/fuzz_*.cpp; do basename "$f" .cpp; done)
 
 locked() { if command -v flock >/dev/null; then flock "$LOCK" "$@"; else "$@"; fi; }
 stage() { printf '\n== sanitize: %s ==\n' "$*"; }
@@ -41,9 +42,8 @@ if wants asan; then
 
     stage "ASan+UBSan C++ tests"
     ASAN_OPTIONS=$ASAN_COMMON ctest --test-dir build/asan --output-on-failure -j "$JOBS"
-    for target in build/asan/fuzz_*; do
-        name=$(basename "$target")
-        ASAN_OPTIONS=$ASAN_COMMON "$target" "tests/fuzz/corpus/$name"
+    for name in $FUZZ_TARGETS; do
+        ASAN_OPTIONS=$ASAN_COMMON "build/asan/$name" "tests/fuzz/corpus/$name"
     done
 
     stage "Python suite against the ASan extension"
@@ -83,17 +83,21 @@ fi
 if wants fuzz; then
     start=$(date +%s)
     stage "libFuzzer targets (${FUZZ_SECONDS}s each)"
-    if ! command -v clang++ >/dev/null && command -v apt-get >/dev/null && [ "$(id -u)" = 0 ]; then
-        { apt-get update -qq && apt-get install -y -qq clang libclang-rt-dev >/dev/null; } || true
+    # libFuzzer comes with clang; std::source_location needs clang 16 or later. A missing clang
+    # is installed where the package manager can be used, else the targets are skipped.
+    CLANG=$(command -v clang++-19 clang++-16 | head -n 1 || true)
+    if [ -z "$CLANG" ] && command -v apt-get >/dev/null && [ "$(id -u)" = 0 ]; then
+        { apt-get update -qq && apt-get install -y -qq clang-19 libclang-rt-19-dev >/dev/null; } || true
+        CLANG=$(command -v clang++-19 || true)
     fi
-    if ! command -v clang++ >/dev/null; then
-        echo "clang++ is unavailable: libFuzzer targets skipped (their corpora were replayed in the ASan tree)"
+    if [ -z "$CLANG" ]; then
+        echo "clang 16+ is unavailable: libFuzzer targets skipped (their corpora were replayed in the ASan tree)"
     else
         configure build/fuzz -DQUILLMARK_SANITIZE=ON -DQUILLMARK_FUZZ=ON -DQUILLMARK_BUILD_TESTS=OFF \
-            -DQUILLMARK_BUILD_PYTHON=OFF -DCMAKE_CXX_COMPILER=clang++
+            -DQUILLMARK_BUILD_PYTHON=OFF -DCMAKE_CXX_COMPILER="$CLANG"
         locked cmake --build build/fuzz -j "$JOBS"
-        for target in build/fuzz/fuzz_*; do
-            name=$(basename "$target")
+        for name in $FUZZ_TARGETS; do
+            target=build/fuzz/$name
             work=build/fuzz/corpus/$name
             mkdir -p "$work"
             # New inputs go to the build tree; the seed corpus in the repository stays as it is.

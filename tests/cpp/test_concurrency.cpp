@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -59,6 +60,13 @@ bool loop_once(const CpuRuntimeContext& context, Occupancy& occupancy, std::uint
     return true;
 }
 
+// A worker hands its slot back just after its chunk reports completion, so the count may lag
+// the loop's return for a moment; a slot lost for good never comes back.
+bool budget_drains(const CpuWorkerBudget& budget) {
+    for (int i = 0; i < 5000 && budget.running() != 0; ++i) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    return budget.running() == 0;
+}
+
 } // namespace
 
 TEST(Concurrent, SharedBudgetCapsRunningChunksThroughFailures) {
@@ -77,7 +85,7 @@ TEST(Concurrent, SharedBudgetCapsRunningChunksThroughFailures) {
     for (auto& t : callers) t.join();
     EXPECT_EQ(wrong.load(), 0);
     EXPECT_LE(occupancy.peak.load(), static_cast<int>(kLimit));
-    EXPECT_EQ(budget->running(), 0u); // every slot came back, failing chunks included
+    EXPECT_TRUE(budget_drains(*budget)); // every slot came back, failing chunks included
 }
 
 TEST(Concurrent, ContextDroppedWhileOthersRun) {
@@ -98,5 +106,5 @@ TEST(Concurrent, ContextDroppedWhileOthersRun) {
     stop.store(true);
     worker.join();
     EXPECT_EQ(wrong.load(), 0);
-    EXPECT_EQ(budget->running(), 0u);
+    EXPECT_TRUE(budget_drains(*budget));
 }
