@@ -34,21 +34,19 @@ REAL_OF = {"complex64": "float32", "complex128": "float64", "complex32": "float1
 
 
 def make_array(rng, shape, name, special):
-    if name == "complex32":
-        return to_complex32(rng.standard_normal(shape) + 1j * rng.standard_normal(shape))
-    dtype = bfloat16 if name == "bfloat16" else np.dtype(name)
-    if dtype.kind == "c":
-        values = rng.standard_normal(shape) + 1j * rng.standard_normal(shape)
-    elif dtype.kind in "iub":
-        values = rng.integers(-3, 4, shape)
-    elif dtype.kind in "OU":
+    """Random contents of the named dtype; `special` plants one NaN or infinity in floating data."""
+    low = {"complex32": np.complex64, "bfloat16": np.float32}.get(name)
+    dtype = np.dtype(low or name)
+    if dtype.kind in "OU":
         return np.full(shape, 1, dtype=dtype)
-    else:
-        values = rng.standard_normal(shape)
-    out = np.asarray(values).astype(dtype)
-    if special and out.size and dtype.kind in "fc":
-        out.reshape(-1)[rng.integers(0, out.size)] = rng.choice([np.nan, np.inf, -np.inf])
-    return out
+    if dtype.kind in "iub":
+        return rng.integers(-3, 4, shape).astype(dtype)
+    values = rng.standard_normal(shape) + (1j * rng.standard_normal(shape) if dtype.kind == "c" else 0)
+    if special and values.size:
+        values.reshape(-1)[rng.integers(0, values.size)] = rng.choice([np.nan, np.inf, -np.inf])
+    if name == "complex32":
+        return to_complex32(values)
+    return np.asarray(values).astype(bfloat16 if name == "bfloat16" else dtype)
 
 
 def base_shapes(op, kinds, n, m):
