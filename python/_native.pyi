@@ -8,11 +8,6 @@ import numpy
 class NativeError(RuntimeError):
     pass
 
-def _raise_test_error(kind: str) -> None:
-    """
-    Raise a sample library error of the given kind (used by the test suite).
-    """
-
 def numeric_policies() -> tuple:
     """
     The compiled storage/compute dtype pairs, each a dict with 'dtype', 'compute_dtype' and 'default'.

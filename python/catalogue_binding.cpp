@@ -7,6 +7,7 @@
 
 #include "catalogue/description.hpp"
 #include "frontend/context_builder.hpp"
+#include "frontend/plugin_loader.hpp"
 #include "module_parts.hpp"
 #include "native_types.hpp"
 
@@ -55,6 +56,16 @@ Description describe_key_operand(OperandRole role, OperandAccess access, const B
                             key.matrix_layout().value_or(MatrixLayout::none));
 }
 
+// Native registrations also name their plugin and its one-line description.
+Description provenance_of(const SealedCatalogue& catalogue, const RegistrationProvenance& provenance) {
+    Description d = describe_provenance(provenance);
+    if (provenance.origin() == 0) return d;
+    d.set("owner", provenance.owner_id());
+    const NativePluginLibrary* plugin = find_native_plugin(catalogue.libraries, provenance);
+    d.set("description", plugin ? Description(plugin->description()) : Description());
+    return d;
+}
+
 Description describe_implementations(const SealedCatalogue& catalogue, const OperationSpec& spec) {
     const auto roles = spec.roles();
     const std::size_t inputs = spec.input_count();
@@ -70,7 +81,7 @@ Description describe_implementations(const SealedCatalogue& catalogue, const Ope
         implementation.set("backend", backend_kind_name(key->backend()));
         implementation.set("operands", std::move(operands));
         implementation.set("numerics", entry->numerics() ? describe(*entry->numerics()) : Description());
-        implementation.set("provenance", describe_provenance(entry->provenance()));
+        implementation.set("provenance", provenance_of(catalogue, entry->provenance()));
         list.push_back(std::move(implementation));
     }
     return list;
@@ -80,6 +91,7 @@ nb::object describe_by_id(const NativeCatalogue& self, const std::string& operat
     const OperationId id = OperationId::parse(operation);
     const OperationRegistry::Entry& entry = self.sealed->operations.entry(id);
     Description description = quillmark::describe_operation(entry);
+    description.set("provenance", provenance_of(*self.sealed, entry.provenance));
     description.set("implementations", describe_implementations(*self.sealed, entry.spec));
     return to_python(description);
 }

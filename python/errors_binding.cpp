@@ -41,26 +41,6 @@ void raise_library_error(const RuntimeError& e) {
     PyErr_SetObject(native_error_type, instance.ptr());
 }
 
-// Exercises the translators from Python tests without a failing kernel.
-void raise_test_error(const std::string& kind) {
-    if (kind == "tag") throw NativeErrorTag("tagged failure");
-    if (kind == "tag_empty") throw NativeErrorTag("");
-    if (kind == "runtime")
-        throw RuntimeError("quillmark.add@1", static_cast<ErrorReason>(12), "runtime failure");
-    if (kind == "dispatch")
-        throw DispatchError("BackendDispatcher::dispatch", ErrorReason::no_backend_available,
-                            "BackendDispatcher::dispatch - no backend entry available");
-    if (kind == "solver")
-        throw SolverError("CPU", 3, "zero LU pivot", "quillmark.lu_factor", "LU factorisation - singular matrix at pivot 3",
-                          ErrorReason::singular);
-    if (kind == "library")
-        throw BackendLibraryError("native plugin", 3, "QUILLMARK_STATUS_RUNTIME_ERROR", "demo.op@1",
-                                  "native kernel failed with plugin status 3");
-    if (kind == "argument")
-        throw ArgumentError("Matrix", ErrorReason::null_storage, "Matrix - storage cannot be null");
-    throw std::invalid_argument("_raise_test_error - unknown kind");
-}
-
 } // namespace
 
 void bind_errors(nb::module_& m) {
@@ -82,8 +62,6 @@ void bind_errors(nb::module_& m) {
             raise_library_error(e);
         }
     });
-    m.def("_raise_test_error", &raise_test_error, nb::arg("kind"),
-          "Raise a sample library error of the given kind (used by the test suite).");
 }
 
 void report_cleanup_failure(const std::exception* e) noexcept {

@@ -17,6 +17,14 @@ from ._native import (
 
 __version__ = "0.1.1"
 
+
+def get_include():
+    """The folder holding ``quillmark/plugin.h``, for compiling native plugins (``-I``)."""
+    import os
+
+    return os.path.join(os.path.dirname(__file__), "include")
+
+
 __all__ = [
     "NativeError",
     "available_backends",
@@ -25,6 +33,7 @@ __all__ = [
     "cuda_device_count",
     "cuda_is_available",
     "from_complex32",
+    "get_include",
     "numeric_policies",
     "to_complex32",
 ]

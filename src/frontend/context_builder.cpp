@@ -1,13 +1,13 @@
 #include "frontend/context_builder.hpp"
 
-#include <dlfcn.h>
-
+#include <iterator>
 #include <stdexcept>
 #include <unordered_set>
 
 #include "backend/cpu/cpu_kernel_registration.hpp"
 #include "catalogue/builtin_operations.hpp"
 #include "dispatch/layout_adaptation.hpp"
+#include "frontend/plugin_loader.hpp"
 
 namespace quillmark {
 namespace {
@@ -38,15 +38,14 @@ void QuillmarkContextBuilder::register_backend(BackendRegistryKey key, BackendMa
 void QuillmarkContextBuilder::load_plugin(const std::string& path) {
     if (sealed_) throw std::logic_error("QuillmarkContextBuilder::load_plugin - builder has already been sealed");
     if (path.empty()) throw std::invalid_argument("QuillmarkContextBuilder::load_plugin - path must not be empty");
-    // The plugin registration protocol works on copies of both registries so that a failing
-    // plugin leaves no trace; until it lands, loading stops after resolving the entry point.
-    void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
-    if (!handle) throw std::invalid_argument("failed to load native plugin '" + path + "'");
-    const bool has_entry = dlsym(handle, "quillmark_plugin_init") != nullptr;
-    dlclose(handle);
-    if (!has_entry)
-        throw std::invalid_argument("failed to resolve 'quillmark_plugin_init' in native plugin '" + path + "'");
-    throw std::logic_error("QuillmarkContextBuilder::load_plugin - native plugin registration is not available yet");
+    LoadedPlugin plugin = load_native_plugin(path, catalogue_, backends_);
+    // Reserve first so that nothing can fail once the first copy is installed.
+    libraries_.reserve(libraries_.size() + 1);
+    source_kernels_.reserve(source_kernels_.size() + plugin.kernels.size());
+    catalogue_ = std::move(plugin.catalogue);
+    backends_ = std::move(plugin.backends);
+    libraries_.push_back(std::move(plugin.library));
+    std::move(plugin.kernels.begin(), plugin.kernels.end(), std::back_inserter(source_kernels_));
 }
 
 void QuillmarkContextBuilder::validate() const {

@@ -1,5 +1,4 @@
 import numpy as np
-import pytest
 
 import quillmark
 from quillmark import _native
@@ -26,35 +25,6 @@ def test_numeric_policies_order():
     ]
     assert all(list(p) == ["dtype", "compute_dtype", "default"] and p["default"] is True
                for p in _native.numeric_policies())
-
-
-@pytest.mark.parametrize("kind, attrs", [
-    ("solver", {"operation": "quillmark.lu_factor", "reason": "singular", "library": "CPU",
-                "native_status": 3, "detail": "zero LU pivot"}),
-    ("library", {"operation": "demo.op@1", "reason": "library_failure", "library": "native plugin",
-                 "native_status": 3, "status_name": "QUILLMARK_STATUS_RUNTIME_ERROR"}),
-    ("dispatch", {"operation": "BackendDispatcher::dispatch", "reason": "no_backend_available"}),
-    ("runtime", {"operation": "quillmark.add@1", "reason": "backend_failure"}),
-])
-def test_library_errors_become_native_error(kind, attrs):
-    with pytest.raises(_native.NativeError) as info:
-        _native._raise_test_error(kind)
-    err = info.value
-    assert isinstance(err, RuntimeError)
-    for name, value in attrs.items():
-        assert getattr(err, name) == value
-    absent = {"library", "native_status", "status_name", "detail"} - set(attrs)
-    assert not any(hasattr(err, name) for name in absent)
-
-
-def test_tagged_and_argument_errors():
-    with pytest.raises(_native.NativeError, match="^tagged failure$"):
-        _native._raise_test_error("tag")
-    with pytest.raises(_native.NativeError, match="^Unknown exception$"):
-        _native._raise_test_error("tag_empty")
-    with pytest.raises(ValueError, match="^Matrix - storage cannot be null$") as info:
-        _native._raise_test_error("argument")
-    assert not isinstance(info.value, _native.NativeError)
 
 
 def test_complex32_helpers_round_trip():

@@ -1,0 +1,161 @@
+// NativeKernelStep over hand-made storages: what the kernel receives, and every marshalling
+// refusal, which must come before the callback runs.
+#include <gtest/gtest.h>
+
+#include "test_support.hpp"
+
+#include <cstring>
+#include <vector>
+
+#include "core/errors.hpp"
+#include "frontend/plugin_kernel_step.hpp"
+
+using namespace quillmark;
+using quillmark::testing::message_of;
+
+namespace {
+
+// A vector whose buffers and storage format a test chooses.
+class HandMadeVector final : public VectorEntity, public ErasedBufferAccess {
+public:
+    explicit HandMadeVector(std::vector<BufferDescriptor> buffers, StorageFormat format = StorageFormat::dense)
+        : buffers_(std::move(buffers)), format_(format) {}
+    const DataTypeDescriptor& dtype() const noexcept override { return dtype_; }
+    StorageFormat storage_format() const noexcept override { return format_; }
+    ComplexLayout complex_layout() const noexcept override { return ComplexLayout::none; }
+    MatrixLayout matrix_layout() const noexcept override { return MatrixLayout::none; }
+    std::array<std::uint64_t, 2> extent() const noexcept override { return {3, 0}; }
+    const ErasedBufferAccess& erased_access() const noexcept override { return *this; }
+    std::size_t buffer_count() const noexcept override { return buffers_.size(); }
+
+protected:
+    BufferDescriptor describe_buffer(std::size_t index) const noexcept override { return buffers_[index]; }
+
+private:
+    std::vector<BufferDescriptor> buffers_;
+    StorageFormat format_;
+    DataTypeDescriptor dtype_{ScalarType::float64, ScalarType::float64};
+};
+
+// What the last callback saw.
+struct Seen {
+    int calls = 0;
+    std::vector<quillmark_buffer_descriptor> buffers;
+    quillmark_status reply = QUILLMARK_STATUS_OK;
+    const char* message = nullptr;
+};
+Seen seen;
+
+quillmark_status record(void* user, const quillmark_kernel_invocation* invocation,
+                        const quillmark_error_capture* error) {
+    EXPECT_EQ(user, &seen);
+    ++seen.calls;
+    const quillmark_operand_entry& entry = invocation->operands[0];
+    seen.buffers.assign(entry.buffers, entry.buffers + entry.buffer_count);
+    if (seen.message) error->set_message(error->capture_context, {seen.message, std::strlen(seen.message)});
+    return seen.reply;
+}
+
+std::shared_ptr<const plugin_abi::KernelSchema> kernel(BackendKind backend = BackendKind::cpu_scalar,
+                                                       OperandKind kind = OperandKind::vector) {
+    quillmark_backend_operand declaration{36, 0, QUILLMARK_ACCESS_WRITE, QUILLMARK_OPERAND_VECTOR,
+                                          QUILLMARK_LOCATION_PAGEABLE_HOST, QUILLMARK_SCALAR_FLOAT64,
+                                          QUILLMARK_COMPLEX_LAYOUT_NONE, QUILLMARK_MATRIX_LAYOUT_NONE,
+                                          QUILLMARK_SCALAR_FLOAT64};
+    plugin_abi::OperandSchema operand{declaration,
+                                      OperandAccess::write,
+                                      kind,
+                                      Location::pageable_host,
+                                      DataTypeDescriptor(ScalarType::float64, ScalarType::float64),
+                                      ComplexLayout::none,
+                                      kind == OperandKind::matrix ? MatrixLayout::row_major : MatrixLayout::none};
+    return std::make_shared<const plugin_abi::KernelSchema>(
+        plugin_abi::KernelSchema{OperationId("probe.fill", 1), backend, {operand}, &record, &seen});
+}
+
+void run(const std::shared_ptr<const plugin_abi::KernelSchema>& schema, HandMadeVector& operand) {
+    BackendExecutionBindings bindings;
+    bindings.bind_write(operand);
+    BackendExecutionSession session;
+    NativeKernelStep(schema, nullptr).execute(session, bindings);
+}
+
+double values[4];
+BufferDescriptor buffer(BufferRole role = BufferRole::data, std::uint64_t count = 3, void* data = values) {
+    BufferDescriptor d = BufferDescriptor::of(values, count, role, {count, 0});
+    d.data = data;
+    return d;
+}
+
+struct Refusal {
+    const char* name;
+    std::vector<BufferDescriptor> buffers;
+    StorageFormat format;
+    OperandKind schema_kind;
+    BackendKind backend;
+    const char* message;
+};
+
+} // namespace
+
+TEST(NativeKernelStep, AcceptsAnEmptyBufferWithoutData) {
+    seen = {};
+    HandMadeVector operand({buffer(BufferRole::data, 0, nullptr)});
+    run(kernel(), operand);
+    EXPECT_EQ(seen.calls, 1);
+    EXPECT_EQ(seen.buffers.at(0).data, nullptr);
+}
+
+TEST(NativeKernelStep, RefusesBeforeCallingTheKernel) {
+    BufferDescriptor int_buffer = BufferDescriptor::of(reinterpret_cast<std::int32_t*>(values), 3);
+    const std::vector<Refusal> refusals{
+        {"sparse", {buffer()}, StorageFormat::sparse, OperandKind::vector, BackendKind::cpu_scalar,
+         "native kernel invocation requires dense storage"},
+        {"family", {buffer()}, StorageFormat::dense, OperandKind::matrix, BackendKind::cpu_scalar,
+         "native kernel binding family differs from its sealed signature"},
+        {"role", {buffer(static_cast<BufferRole>(8))}, StorageFormat::dense, OperandKind::vector,
+         BackendKind::cpu_scalar, "native operand has an unknown storage buffer role"},
+        {"fourth", {buffer(), buffer(), buffer(), buffer()}, StorageFormat::dense, OperandKind::vector,
+         BackendKind::cpu_scalar, "native operand requires too many storage buffers"},
+        {"null", {buffer(BufferRole::real, 3, nullptr)}, StorageFormat::dense, OperandKind::vector,
+         BackendKind::cpu_scalar, "native kernel operand marshalling - real buffer is null"},
+        {"count", {buffer(), buffer()}, StorageFormat::dense, OperandKind::vector, BackendKind::cpu_scalar,
+         "native kernel operand marshalling - descriptor buffer count mismatch"},
+        {"schema role", {buffer(BufferRole::eigenvalues)}, StorageFormat::dense, OperandKind::vector,
+         BackendKind::cpu_scalar, "native kernel operand marshalling - descriptor disagrees with buffer role"},
+        {"scalar type", {int_buffer}, StorageFormat::dense, OperandKind::vector, BackendKind::cpu_scalar,
+         "native kernel operand marshalling - descriptor disagrees with scalar type"},
+        {"cuda", {buffer()}, StorageFormat::dense, OperandKind::vector, BackendKind::cuda,
+         "native CUDA kernel reached a CPU-only build"},
+    };
+    for (const Refusal& r : refusals) {
+        seen = {};
+        HandMadeVector operand(r.buffers, r.format);
+        EXPECT_EQ(message_of([&] { run(kernel(r.backend, r.schema_kind), operand); }), r.message) << r.name;
+        EXPECT_EQ(seen.calls, 0) << r.name;
+    }
+}
+
+TEST(NativeKernelStep, FailingStatusBecomesTheLibraryError) {
+    for (const auto& [status, message, text, name] :
+         {std::tuple{3, "disk on fire", "native kernel on the CPU SIMD backend failed with plugin status 3: disk on fire",
+                     "QUILLMARK_STATUS_RUNTIME_ERROR"},
+          std::tuple{-7, static_cast<const char*>(nullptr), "native kernel on the CPU SIMD backend failed with plugin status -7",
+                     "QUILLMARK_STATUS_UNKNOWN"}}) {
+        seen = {};
+        seen.reply = status;
+        seen.message = message;
+        HandMadeVector operand({buffer()});
+        try {
+            run(kernel(BackendKind::cpu_simd), operand);
+            FAIL() << "no error for status " << status;
+        } catch (const BackendLibraryError& e) {
+            EXPECT_STREQ(e.what(), text);
+            EXPECT_EQ(e.library(), "native plugin");
+            EXPECT_EQ(e.native_status(), status);
+            EXPECT_EQ(e.status_name(), name);
+            EXPECT_EQ(e.operation(), "probe.fill@1");
+            EXPECT_EQ(e.reason(), ErrorReason::library_failure);
+        }
+    }
+}
