@@ -11,6 +11,15 @@ print(f"quillmark {info['version']}, {info['cpu_simd']} engine, {ctx.thread_coun
 rng = np.random.default_rng(7)
 a = rng.standard_normal((4, 4))
 b = rng.standard_normal((4, 3))
+
+# NumPy-style functions: any array-like in, new arrays (or named tuples) out.
+print("matmul matches NumPy:", np.allclose(quillmark.matmul(a, b), a @ b))
+w, v = quillmark.eigh(a + a.T)
+print("eigh eigenvalues:", np.round(w, 4))
+sign, logabsdet = quillmark.slogdet(a)
+print("slogdet:", float(sign), float(logabsdet))
+
+# The same operation through a context, with explicit role bindings.
 product = np.empty((4, 3))
 ctx.execute("quillmark.matmul@1", {"Input0": a, "Input1": b, "Output0": product},
             {"Input0": "host", "Input1": "host", "Output0": "host"})

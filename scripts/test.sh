@@ -1,27 +1,28 @@
 #!/usr/bin/env bash
-# Builds quillmark with its C++ test suite, installs it, and runs the C++ and Python tests.
-# Installs what it needs on a fresh machine.
+# Builds quillmark with its C++ test suite, installs it and runs the C++ and Python tests.
+#
+# On a fresh Debian machine it installs what is missing (see bootstrap.sh: apt-get packages, and
+# .venv unless a virtual environment is active). A second run reuses the environment and the
+# CMake tree in build/test, so only changed sources are rebuilt.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-PY=${PYTHON:-python3}
-PIP=("$PY" -m pip install -q --disable-pip-version-check --root-user-action=ignore)
-
-if ! { [ -f /usr/include/gtest/gtest.h ] || [ -f /usr/local/include/gtest/gtest.h ]; }; then
-    if command -v apt-get >/dev/null; then
-        apt-get update -qq && apt-get install -y -qq libgtest-dev
-    else
-        echo "GoogleTest headers are missing and apt-get is unavailable" >&2
-        exit 1
-    fi
-fi
-
-"${PIP[@]}" "scikit-build-core>=0.10" "nanobind>=2,<3" cmake ninja numpy ml_dtypes pytest hypothesis scipy
-
-# One CMake tree serves the installed extension and the C++ test binary.
+QM_NEED_GTEST=1
+source scripts/bootstrap.sh
 BUILD_DIR=build/test
-"${PIP[@]}" --no-build-isolation . \
-    -C cmake.define.QUILLMARK_BUILD_TESTS=ON \
-    -C build-dir="$BUILD_DIR"
+install_deps test "${BUILD_DEPS[@]}" "numpy>=1.24" "ml_dtypes>=0.3" tqdm "pytest>=7" "hypothesis>=6" \
+    "scipy>=1.10" matplotlib
 
+# --- build, install, test ----------------------------------------------------------------------
+# One CMake tree serves the installed extension and the C++ test binary.
+log "building and installing into $("$PY" -c 'import sys; print(sys.prefix)')"
+"${PIP[@]}" --no-build-isolation --no-deps . \
+    --config-settings=cmake.define.QUILLMARK_BUILD_TESTS=ON \
+    --config-settings=build-dir="$BUILD_DIR"
+
+log "C++ tests"
 ctest --test-dir "$BUILD_DIR" --output-on-failure -j2
+log "Python tests"
 "$PY" -m pytest -q tests/python
+
+# --- sanitizer runs ----------------------------------------------------------------------------
+# The call of scripts/sanitize.sh goes here.

@@ -1,7 +1,9 @@
 """quillmark: dense linear algebra with documented numeric contracts.
 
-Operations are named from a versioned catalogue ("quillmark.matmul@1"), NumPy arrays are bound
-to their roles and executed through a :class:`Context`.
+NumPy-style functions (``quillmark.matmul(a, b)``, ``quillmark.eigh(a)``, ...) run the catalogue's
+operations on any array-like. Underneath, operations are named from a versioned catalogue
+("quillmark.matmul@1"), NumPy arrays are bound to their roles and executed through a
+:class:`Context`.
 """
 
 from . import _native
@@ -44,3 +46,21 @@ for _name in ("ContextBuilder", "Context", "LUOperand", "EigenOperand", "LUFacto
         globals()[_name] = getattr(_native, _name)
         __all__.append(_name)
 del _name
+
+from ._api import default_context, describe, operations
+from ._functions import (
+    EigResult, EighResult, SlogdetResult, add, adjoint, conj, conjugate, divide, eig, eigh,
+    eigvalsh, eye, identity, inner, is_unitary, kron, logdet, logdet_positive_definite, lu_factor,
+    matmul, matrix_power, matvec, multiply, norm, outer, partial_trace_left, partial_trace_right,
+    principal_eigenvector, scale, slogdet, solve, sqrt, subtract, sum, trace, transpose, vdot,
+    vector_equal,
+)
+
+__all__ += [
+    "EigResult", "EighResult", "SlogdetResult", "add", "adjoint", "conj", "conjugate",
+    "default_context", "describe", "divide", "eig", "eigh", "eigvalsh", "eye", "identity", "inner",
+    "is_unitary", "kron", "logdet", "logdet_positive_definite", "lu_factor", "matmul",
+    "matrix_power", "matvec", "multiply", "norm", "operations", "outer", "partial_trace_left",
+    "partial_trace_right", "principal_eigenvector", "scale", "slogdet", "solve", "sqrt",
+    "subtract", "sum", "trace", "transpose", "vdot", "vector_equal",
+]

@@ -1,0 +1,318 @@
+"""The NumPy-style functions against NumPy on the inputs NumPy users pass."""
+import threading
+
+import numpy as np
+import pytest
+
+import quillmark as qm
+from quillmark import _api
+
+RNG = np.random.default_rng(5)
+A = RNG.standard_normal((5, 5))
+B = RNG.standard_normal((5, 5))
+X = RNG.standard_normal(5)
+Y = RNG.standard_normal(5)
+H = A @ A.T + 5 * np.eye(5)
+
+# name -> (call, reference, arguments); every argument is a 1-D or 2-D float64 array.
+CASES = {
+    "sqrt": (qm.sqrt, np.sqrt, (np.abs(X),)),
+    "conjugate": (qm.conjugate, np.conj, (X,)),
+    "add": (qm.add, np.add, (X, Y)),
+    "subtract": (qm.subtract, np.subtract, (A, B)),
+    "multiply": (qm.multiply, np.multiply, (X, Y)),
+    "sum": (qm.sum, np.sum, (A,)),
+    "norm": (qm.norm, np.linalg.norm, (X,)),
+    "transpose": (qm.transpose, np.transpose, (A,)),
+    "adjoint": (qm.adjoint, lambda a: a.conj().T, (A,)),
+    "matmul": (qm.matmul, np.matmul, (A, B)),
+    "matmul-vector": (qm.matmul, np.matmul, (A, X)),
+    "matvec": (qm.matvec, np.matmul, (A, X)),
+    "kron": (qm.kron, np.kron, (A[:2], B[:, :3])),
+    "inner": (qm.inner, np.vdot, (X, Y)),
+    "outer": (qm.outer, np.outer, (X, Y[:3])),
+    "trace": (qm.trace, np.trace, (A[:, :4],)),
+    "solve": (qm.solve, np.linalg.solve, (A, X)),
+    "solve-columns": (qm.solve, np.linalg.solve, (A, B[:, :3])),
+    "eigvalsh": (qm.eigvalsh, np.linalg.eigvalsh, (H,)),
+    "logdet_positive_definite": (qm.logdet_positive_definite, lambda a: np.linalg.slogdet(a)[1], (H,)),
+    "slogdet": (lambda a: tuple(qm.slogdet(a)), lambda a: tuple(np.linalg.slogdet(a)), (A,)),
+    "logdet": (lambda a: np.exp(qm.logdet(a)).real, np.linalg.det, (A,)),
+    "matrix_power": (lambda a: qm.matrix_power(a, 3), lambda a: np.linalg.matrix_power(a, 3), (A,)),
+    "scale": (lambda x: qm.scale(x, 2.5), lambda x: 2.5 * x, (X,)),
+    "divide": (lambda x: qm.divide(x, 4), lambda x: x / 4, (X,)),
+    "partial_trace_left": (lambda a: qm.partial_trace_left(a, 2),
+                           lambda a: a[:2, :2] + a[2:, 2:], (A[:4, :4],)),
+    "partial_trace_right": (lambda a: qm.partial_trace_right(a, 2),
+                            lambda a: a.reshape(2, 2, 2, 2).trace(axis1=1, axis2=3), (A[:4, :4],)),
+    "eigh": (lambda a: qm.eigh(a).eigenvalues, np.linalg.eigvalsh, (H,)),
+    "principal_eigenvector": (lambda a: abs(qm.principal_eigenvector(a)),
+                              lambda a: abs(np.linalg.eigh(a)[1][:, -1]), (H,)),
+}
+
+
+def variants(args):
+    """The same values as NumPy users hand them over."""
+    yield "ndarray", args
+    yield "list", tuple(a.tolist() for a in args)
+    yield "fortran", tuple(np.asfortranarray(a) for a in args)
+    yield "strided", tuple(np.repeat(a, 2, axis=-1)[..., ::2] for a in args)
+    yield "big-endian", tuple(a.astype(">f8") for a in args)
+    yield "int64", tuple(np.round(a * 4).astype(np.int64) for a in args)
+
+
+@pytest.mark.parametrize("name", sorted(CASES))
+def test_functions_match_numpy_on_any_array_like(name):
+    call, reference, args = CASES[name]
+    for label, given in variants(args):
+        if label == "int64" and name in ("sqrt", "eigvalsh", "logdet_positive_definite", "eigh",
+                                         "principal_eigenvector"):
+            continue  # rounding breaks positivity; integer coverage comes from the others
+        want = reference(*(np.asarray(a, np.float64) for a in given))
+        got = call(*given)
+        np.testing.assert_allclose(np.asarray(got, np.float64), np.asarray(want, np.float64),
+                                   rtol=1e-9, atol=1e-9, err_msg=label)
+
+
+@pytest.mark.parametrize("name", sorted(n for n in CASES if len(CASES[n][2]) == 2))
+def test_mixed_dtype_arguments_promote(name):
+    call, reference, (first, second) = CASES[name]
+    got = call(first.astype(np.float32), second.astype(np.complex64))
+    assert np.asarray(got).dtype == np.complex64
+    want = reference(first, second.astype(np.complex128))
+    np.testing.assert_allclose(got, want, rtol=2e-4, atol=2e-4)
+
+
+@pytest.mark.parametrize("first,second,expected", [
+    (np.float32, np.float64, np.float64),
+    (np.float32, np.complex64, np.complex64),
+    (np.float64, np.complex64, np.complex128),
+    (np.int32, np.int32, np.int32),       # add serves int32 itself
+    (np.int64, np.int64, np.float64),     # no int64 kernels: widened to float64
+    (np.int32, np.float32, np.float64),   # NumPy's own promotion
+    (np.float16, np.float32, np.float32),
+])
+def test_mixed_dtypes_follow_numpy_promotion(first, second, expected):
+    x, y = np.arange(1, 4).astype(first), np.arange(4, 7).astype(second)
+    got = qm.add(x, y)
+    assert got.dtype == expected
+    np.testing.assert_array_equal(got, (x + y).astype(expected))
+
+
+def test_python_scalars_do_not_widen():
+    x = np.arange(4, dtype=np.float32)
+    assert qm.scale(x, 2.5).dtype == np.float32
+    assert qm.multiply(x, 2).dtype == np.float32
+    assert qm.add([1, 2], 0.5).dtype == np.float64
+
+
+@pytest.mark.parametrize("dtype", ["bfloat16", "float16", "complex32"])
+def test_low_precision_storage(dtype):
+    x = qm.eye(3, dtype=dtype)
+    y = qm.add(x, x)
+    assert y.dtype == _api.numpy_dtype(dtype)
+    wide = qm.from_complex32(y) if dtype == "complex32" else y.astype(np.float32)
+    np.testing.assert_array_equal(wide, 2 * np.eye(3))
+    # complex32 promotes with a wider dtype as complex64 would
+    if dtype == "complex32":
+        assert qm.add(x, np.eye(3)).dtype == np.complex128
+
+
+def test_dlpack_producers_are_accepted():
+    class Producer:  # exposes only the DLPack protocol
+        def __init__(self, a):
+            self._a = a
+
+        def __dlpack__(self, **kwargs):
+            return self._a.__dlpack__(**kwargs)
+
+        def __dlpack_device__(self):
+            return self._a.__dlpack_device__()
+
+    np.testing.assert_allclose(qm.matmul(Producer(A), Producer(B)), A @ B)
+
+
+def test_inputs_are_never_written():
+    a, b = np.asfortranarray(A), B.copy()
+    qm.solve(a, b)
+    qm.conjugate(b)
+    np.testing.assert_array_equal(a, A)
+    np.testing.assert_array_equal(b, B)
+
+
+class TestOut:
+    def test_exact_out_is_written_and_returned(self):
+        out = np.empty((5, 5))
+        assert qm.matmul(A, B, out=out) is out
+        np.testing.assert_allclose(out, A @ B)
+
+    @pytest.mark.parametrize("out", [np.empty((5, 5), np.complex128), np.empty((5, 5), order="F"),
+                                     np.empty((5, 10))[:, ::2]])
+    def test_other_out_receives_a_cast_copy(self, out):
+        assert qm.matmul(A, B, out=out) is out
+        np.testing.assert_allclose(out, A @ B)
+
+    def test_out_of_wrong_shape_is_refused(self):
+        with pytest.raises(ValueError, match="shape"):
+            qm.add(X, Y, out=np.empty(4))
+
+    def test_in_place(self):
+        z = (X + 1j * Y).copy()
+        assert qm.conjugate(z, out=z) is z
+        np.testing.assert_array_equal(z, X - 1j * Y)
+        s = np.zeros(())
+        qm.sum(X, out=s)
+        assert s == pytest.approx(X.sum())
+
+    def test_solve_columns_into_out(self):
+        out = np.empty((5, 2))
+        assert qm.solve(qm.lu_factor(A), B[:, :2], out=out) is out
+        np.testing.assert_allclose(A @ out, B[:, :2], atol=1e-12)
+
+
+def test_named_results():
+    w, v = res = qm.eigh(H)
+    assert res.eigenvalues is w and res.eigenvectors is v
+    np.testing.assert_allclose(H @ v, v * w, atol=1e-10)
+
+    sign, logabs = res = qm.slogdet(A)
+    assert (res.sign, res.logabsdet) == (sign, logabs)
+
+    res = qm.eig(A)
+    assert res.eigenvalues.dtype == np.complex128
+    np.testing.assert_allclose(A @ res.eigenvectors, res.eigenvectors * res.eigenvalues, atol=1e-10)
+    assert qm.eig(A.astype(np.float32)).eigenvalues.dtype == np.complex64
+
+
+def test_lu_factor_serves_solve_and_logdet():
+    lu = qm.lu_factor(A)
+    np.testing.assert_allclose(A @ qm.solve(lu, X), X, atol=1e-12)
+    np.testing.assert_allclose(np.exp(qm.logdet(lu)), np.linalg.det(A))
+    with pytest.raises(qm.NativeError) as info:
+        qm.lu_factor(np.zeros((3, 3)))
+    assert info.value.reason == "singular"
+
+
+@pytest.mark.parametrize("call,fragments", [
+    (lambda: qm.sqrt([1.0], dtype="int32"), ["quillmark.sqrt", "int32", "float64", "bfloat16"]),
+    (lambda: qm.eigh(np.eye(2, dtype=object)), ["quillmark.eigh", "object", "complex128"]),
+    (lambda: qm.matmul(np.array([["a"]]), np.eye(1)), ["quillmark.matmul", "str", "float64"]),
+    (lambda: qm.add(np.ones(2, np.longdouble), [1, 2]), ["float128", "contiguous (2,)", "float32"]),
+])
+def test_refusals_name_the_request_and_what_is_served(call, fragments):
+    with pytest.raises(TypeError) as info:
+        call()
+    for fragment in fragments:
+        assert fragment in str(info.value)
+
+
+@pytest.mark.parametrize("call,message", [
+    (lambda: qm.add([1.0, 2.0], [1.0, 2.0, 3.0]), "broadcast"),
+    (lambda: qm.matmul(np.ones((2, 3)), np.ones((2, 3))), "inner dimensions"),
+    (lambda: qm.eigh(np.ones((2, 3))), "square"),
+    (lambda: qm.scale([1.0], [1.0, 2.0]), "scalar"),
+    (lambda: qm.matrix_power(np.eye(2), -1), "non-negative"),
+    (lambda: qm.trace(np.ones(3)), "two dimensions"),
+])
+def test_shape_faults_are_value_errors(call, message):
+    with pytest.raises(ValueError, match=message):
+        call()
+
+
+def test_compute_dtype_and_dtype_choose_the_policy():
+    half = qm.matmul(A, B, dtype="float16", compute_dtype="float32")
+    assert half.dtype == np.float16
+    np.testing.assert_allclose(half, A @ B, rtol=2e-2, atol=5e-2)
+    with pytest.raises(ValueError, match="uncompiled"):
+        qm.matmul(A, B, dtype="float32", compute_dtype="float64")
+
+
+def test_explicit_context_is_used():
+    ctx = qm.Context(thread_count=1)
+    np.testing.assert_allclose(qm.matmul(A, B, context=ctx), A @ B)
+    assert qm.is_unitary(np.eye(3), context=ctx) is True
+
+
+def test_default_context_is_made_once_across_threads(monkeypatch):
+    monkeypatch.setattr(_api, "_default_context", None)
+    barrier, seen, errors = threading.Barrier(8), [], []
+
+    def worker(i):
+        barrier.wait()
+        seen.append(qm.default_context())
+        a = A + i
+        try:
+            np.testing.assert_allclose(qm.matmul(a, a), a @ a)
+        except AssertionError as e:
+            errors.append(e)
+
+    threads = [threading.Thread(target=worker, args=(i,)) for i in range(8)]
+    for t in threads:
+        t.start()
+    for t in threads:
+        t.join()
+    assert not errors and len(seen) == 8 and all(c is seen[0] for c in seen)
+
+
+@pytest.mark.parametrize("name", ["solve", "quillmark.solve", "quillmark.solve@1"])
+def test_describe_accepts_short_and_canonical_names(name):
+    assert qm.describe(name)["id"] == "quillmark.solve@1"
+
+
+def test_every_operation_has_a_function():
+    for op in qm.operations():
+        short = op.split(".", 1)[1].split("@")[0]
+        assert callable(getattr(qm, short)), short
+        assert getattr(qm, short).__doc__ and ">>>" in getattr(qm, short).__doc__
+
+
+def test_stubs_match_the_functions():
+    import ast
+    import inspect
+    import pathlib
+
+    stub = pathlib.Path(qm._functions.__file__).with_suffix(".pyi")
+    stubbed = {node.name: node for node in ast.parse(stub.read_text()).body
+               if isinstance(node, ast.FunctionDef)}
+    public = {name for name in dir(qm._functions) if not name.startswith("_")
+              and inspect.isfunction(getattr(qm._functions, name))
+              and getattr(qm._functions, name).__module__ == "quillmark._functions"
+              and getattr(qm._functions, name).__name__ == name}  # aliases are assignments
+    assert public <= set(stubbed)
+    for name in public:
+        node = stubbed[name].args
+        params = list(inspect.signature(getattr(qm, name)).parameters.values())
+        stub_params = node.posonlyargs + node.args + node.kwonlyargs
+        assert [p.name for p in params] == [a.arg for a in stub_params], name
+        assert [p.kind == p.KEYWORD_ONLY for p in params] == \
+            [a in node.kwonlyargs for a in stub_params], name
+
+
+PROMOTABLE = ["bool", "int8", "uint8", "int32", "int64", "float16", "float32", "float64",
+              "complex64", "complex128"]
+
+
+@pytest.mark.parametrize("op", ["add", "multiply", "matmul", "kron", "trace"])
+def test_every_dtype_pair_computes_what_numpy_computes(op):
+    """Whatever NumPy promotes to, the result holds the same values in a dtype at least as
+    precise (integers without an int32 kernel and bool arithmetic widen)."""
+    for d1 in PROMOTABLE:
+        for d2 in PROMOTABLE:
+            x = (np.arange(6).reshape(2, 3) % 2 if "bool" in (d1, d2) else
+                 np.arange(6).reshape(2, 3) % 5).astype(d1)
+            y = (np.arange(6).reshape(3, 2) % 2 if "bool" in (d1, d2) else
+                 np.arange(6).reshape(3, 2) % 3).astype(d2)
+            wide_x, wide_y = x.astype(np.complex128), y.astype(np.complex128)
+            if op == "trace":
+                got, want = qm.trace(x), np.trace(wide_x)
+            elif op == "matmul":
+                got, want = qm.matmul(x, y), wide_x @ wide_y
+            elif op == "kron":
+                got, want = qm.kron(x, y), np.kron(wide_x, wide_y)
+            else:
+                got, want = getattr(qm, op)(x, y.T), getattr(np, op)(wide_x, wide_y.T)
+            numpy_dtype = np.result_type(x) if op == "trace" else np.result_type(x, y)
+            got = np.asarray(got)
+            assert got.dtype.itemsize >= min(numpy_dtype.itemsize, 4), (d1, d2, got.dtype)
+            assert (got.dtype.kind == "c") == (numpy_dtype.kind == "c"), (d1, d2, got.dtype)
+            np.testing.assert_array_equal(got.astype(np.complex128), want, err_msg=f"{d1} {d2}")

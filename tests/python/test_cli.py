@@ -1,0 +1,55 @@
+"""``python -m quillmark`` commands, each run as its own process."""
+import importlib.util
+import os
+import subprocess
+import sys
+
+import pytest
+
+
+def run(*args, cwd=None):
+    env = dict(os.environ, PYTHONWARNINGS="ignore")
+    return subprocess.run([sys.executable, "-m", "quillmark", *args], capture_output=True,
+                          text=True, timeout=300, cwd=cwd, env=env)
+
+
+def test_info():
+    result = run("info")
+    assert result.returncode == 0, result.stderr
+    for fragment in ("quillmark 0.1.1", "SIMD engine", "threads", "32 (", "cpu_scalar"):
+        assert fragment in result.stdout
+
+
+@pytest.mark.parametrize("name", ["eigh", "quillmark.solve@1"])
+def test_describe(name):
+    result = run("describe", name)
+    assert result.returncode == 0, result.stderr
+    for fragment in ("roles", "Input0", "notes", "implementations", "float64"):
+        assert fragment in result.stdout
+
+
+def test_describe_unknown_operation_fails_cleanly():
+    result = run("describe", "no_such_operation")
+    assert result.returncode == 2
+    assert "not registered" in result.stderr and "Traceback" not in result.stderr
+
+
+def test_check_passes_every_operation():
+    result = run("check", "--dtypes", "float64", "complex64")
+    assert result.returncode == 0, result.stdout + result.stderr
+    assert "64 passed, 0 failed" in result.stdout
+    assert "FAIL" not in result.stdout
+
+
+def test_bench_tiny(tmp_path):
+    plot = tmp_path / "bench.png"
+    result = run("bench", "--sizes", "8", "16", "--ops", "matmul", "solve", "--budget", "0",
+                 "--plot", str(plot))
+    assert result.returncode == 0, result.stderr
+    lines = result.stdout.splitlines()
+    assert "NumPy BLAS threads" in lines[0]
+    assert sum(line.startswith(("matmul ", "solve ")) for line in lines) == 4
+    if importlib.util.find_spec("matplotlib"):
+        assert plot.stat().st_size > 1000 and plot.read_bytes()[:4] == b"\x89PNG"
+    else:
+        assert "no plot written" in result.stdout
