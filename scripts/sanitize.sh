@@ -23,11 +23,14 @@ stage() { printf '\n== sanitize: %s ==\n' "$*"; }
 wants() { [[ " $STAGES " == *" $1 "* ]]; }
 seconds_since() { echo $(($(date +%s) - $1)); }
 
+GENERATOR=()
+command -v ninja >/dev/null && GENERATOR=(-G Ninja)
+
 # Sanitized builds at -O1 with line tables: fast to compile, readable reports.
 configure() {
     local dir=$1
     shift
-    cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -g1 -DNDEBUG" "$@" >/dev/null
+    cmake -S . -B "$dir" "${GENERATOR[@]}" -DCMAKE_BUILD_TYPE=Release "-DCMAKE_CXX_FLAGS_RELEASE=-O1 -g1 -DNDEBUG" "$@" >/dev/null
 }
 
 export UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1
