@@ -68,16 +68,48 @@ def cases(n, dtype, rng):
             lambda: np.linalg.cholesky(spd)
 
 
+def simd_cases(ctx, rng):
+    """complex64 through the cpu_simd backend at the sizes its targets name: (n, name, ours, numpy/scipy)."""
+    import scipy.linalg
+
+    def c64(*shape):
+        return (rng.standard_normal(shape) + 1j * rng.standard_normal(shape)).astype(np.complex64)
+
+    def call(op, ins, outs):
+        bindings = {f"Input{i}": a for i, a in enumerate(ins)}
+        bindings.update({f"Output{j}": a for j, a in enumerate(outs)})
+        locations = {k: "host" for k in bindings}
+        return lambda: ctx.execute(op, bindings, locations)
+
+    a, b = c64(1024, 1024), c64(1024, 1024)
+    yield 1024, "matmul", call("quillmark.matmul@1", [a, b], [np.empty((1024, 1024), np.complex64)]), lambda: a @ b
+    big, x = c64(4096, 4096), c64(4096)
+    yield 4096, "matvec", call("quillmark.matvec@1", [big, x], [np.empty(4096, np.complex64)]), lambda: big @ x
+    # A fresh operand per run: factorising in place twice would time a different matrix.
+    yield 1024, "lu_factor", lambda: call("quillmark.lu_factor@1", [], [quillmark.LUOperand(a)])(), \
+        lambda: scipy.linalg.lu_factor(a)
+    e = c64(256, 256)
+    yield 256, "eig", call("quillmark.eig@1", [e], [quillmark.EigenOperand(256, "complex64")]), \
+        lambda: np.linalg.eig(e)
+
+
 def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--sizes", type=int, nargs="+", default=[256, 1024])
     parser.add_argument("--dtypes", nargs="+", default=["float64", "float32", "complex64", "complex128"])
+    parser.add_argument("--simd", action="store_true", help="only the complex64 cpu_simd target cases")
     args = parser.parse_args()
     ctx = quillmark.Context()
     rng = np.random.default_rng(0)
     print(f"quillmark {quillmark.build_info()['cpu_simd']}, {ctx.thread_count} thread(s); "
           f"NumPy BLAS threads {_threads()}")
     print(f"{'n':>5} {'dtype':>10} {'operation':>10} {'quillmark ms':>13} {'numpy ms':>10} {'ratio':>7}")
+    if args.simd:
+        for n, name, ours_fn, reference in simd_cases(ctx, rng):
+            ours, theirs = best_time(ours_fn), best_time(reference)
+            print(f"{n:>5} {'complex64':>10} {name:>10} {ours * 1e3:>13.3f} {theirs * 1e3:>10.3f} {theirs / ours:>7.2f}")
+            sys.stdout.flush()
+        return
     for n in args.sizes:
         for dtype in args.dtypes:
             for name, (op, ins, outs), reference in cases(n, dtype, rng):

@@ -4,8 +4,13 @@
 #include <nanobind/stl/optional.h>
 #include <nanobind/stl/string.h>
 
+#include <cstddef>
+#include <cstring>
+#include <memory_resource>
 #include <stdexcept>
+#include <string_view>
 
+#include "catalogue/builtin_operations.hpp"
 #include "dispatch/backend_registry.hpp"
 #include "frontend/executor.hpp"
 #include "frontend/operation_bindings.hpp"
@@ -42,21 +47,68 @@ void init_context(NativeContext* self, std::uint64_t thread_count, std::uint64_t
     auto context = std::make_shared<const QuillmarkContext>(std::move(sealed), std::move(options));
     if (cuda_device >= 0)
         throw std::runtime_error("Context - this Quillmark wheel has no CUDA backend");
-    new (self) NativeContext{std::move(context), min_parallel_work, cuda_device};
+    new (self) NativeContext{std::move(context), min_parallel_work, cuda_device, {}};
 }
 
-// What one execution binds; destroyed only once the interpreter lock is held again.
+// The memory of one bound array as marshalling placed it, for the overlap decision.
+struct ArrayOperand {
+    std::byte* data = nullptr;
+    std::uint64_t bytes = 0; // 0: not an array (structured operand, bool scalar) or empty
+    ScalarType storage = ScalarType::float64;
+    OperandKind kind = OperandKind::scalar;
+    std::array<std::uint64_t, 2> extent{};
+    MatrixLayout layout = MatrixLayout::none;
+    bool copied = false; // rebound to a private copy
+
+    bool overlaps(const ArrayOperand& other) const noexcept {
+        if (bytes == 0 || other.bytes == 0)
+            return false;
+        const auto a = reinterpret_cast<std::uintptr_t>(data), b = reinterpret_cast<std::uintptr_t>(other.data);
+        return a < b + other.bytes && b < a + bytes;
+    }
+    bool same_array(const ArrayOperand& other) const noexcept {
+        return data == other.data && bytes == other.bytes && storage == other.storage && kind == other.kind &&
+               extent == other.extent && layout == other.layout;
+    }
+};
+
+// What one execution binds, in role order; destroyed only once the interpreter lock is held again
+// (the array exports are released then).
 struct Marshalled {
     struct BoolResult {
         std::uint8_t* target;
         const BoundRealScalarEntity<PolicyI32>* value;
     };
-    OperationBindings bindings;
-    std::vector<std::unique_ptr<OperandEntity>> entities;
-    std::vector<nb::object> keep; // bound objects and the raw views of low-precision arrays
-    std::vector<nb::object> outputs;
-    std::vector<BoolResult> bools;
-    std::size_t count = 0;
+    struct CopyBack {
+        std::byte* target;
+        const std::byte* source;
+        std::uint64_t bytes;
+    };
+    explicit Marshalled(std::size_t roles) {
+        arrays.reserve(roles);
+        entities.reserve(roles);
+        descriptors.reserve(roles);
+        operands.reserve(roles);
+        memory.reserve(roles);
+        outputs.reserve(roles);
+    }
+    Marshalled(const Marshalled&) = delete;
+    Marshalled& operator=(const Marshalled&) = delete;
+
+    // Everything below lives in this arena, which a call with a few operands never outgrows: the
+    // marshalling of a small call makes no heap allocation of its own.
+    alignas(std::max_align_t) std::array<std::byte, 4096> buffer;
+    std::pmr::monotonic_buffer_resource arena{buffer.data(), buffer.size()};
+
+    std::pmr::vector<ArrayFacts> arrays{&arena};
+    std::pmr::vector<BorrowedEntity> entities{&arena};
+    std::pmr::vector<OperandDescriptor> descriptors{&arena};
+    std::pmr::vector<OperationBindings::Binding> operands{&arena};
+    std::pmr::vector<ArrayOperand> memory{&arena};
+    std::pmr::vector<nb::object> outputs{&arena};
+    std::pmr::vector<BoolResult> bools{&arena};
+    std::pmr::vector<std::unique_ptr<std::byte[]>> scratch{&arena}; // private copies of overlapping arrays
+    std::pmr::vector<CopyBack> copy_backs{&arena};                  // outputs computed in scratch, in role order
 };
 
 std::invalid_argument failure(const std::string& text) {
@@ -114,6 +166,11 @@ std::invalid_argument uncompiled(const std::string& compute, const std::string& 
                    "); array storage dtypes: " + storage);
 }
 
+[[noreturn]] void refuse_low_precision() {
+    throw std::invalid_argument(
+        "low-precision binding requires aligned, native-endian contiguous storage and writable output");
+}
+
 StructuredOperand* structured_operand(nb::handle object) {
     if (nb::isinstance<NativeLUOperand>(object))
         return nb::inst_ptr<NativeLUOperand>(object);
@@ -122,38 +179,88 @@ StructuredOperand* structured_operand(nb::handle object) {
     return nullptr;
 }
 
-void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity) {
+// The dict key of a role ("Input0", "Output1"); the common ones are made once.
+nb::str role_key(OperandRole role) {
+    constexpr std::uint32_t kCached = 8;
+    static PyObject* cached[2][kCached] = {};
+    const bool output = is_output_role(role);
+    const std::uint32_t index = role_index(role);
+    if (index >= kCached) {
+        const std::string text = role_text(role);
+        return nb::str(text.c_str(), text.size());
+    }
+    PyObject*& key = cached[output][index];
+    if (!key)
+        key = PyUnicode_InternFromString(role_text(role).c_str());
+    return nb::borrow<nb::str>(key);
+}
+
+// A borrowed value, or null when the key is absent; a failing key comparison propagates.
+PyObject* dict_item(PyObject* dict, PyObject* key) {
+    PyObject* value = PyDict_GetItemWithError(dict, key);
+    if (!value && PyErr_Occurred())
+        throw nb::python_error();
+    return value;
+}
+
+// The descriptor of a borrowed array entity, from what marshalling already knows.
+OperandDescriptor describe_array(OperandRole role, const OperandEntity& entity, OperandKind kind,
+                                 std::array<std::uint64_t, 2> extent, MatrixLayout layout) {
+    OperandDescriptor d;
+    d.role = role;
+    d.kind = kind;
+    d.dtype = entity.dtype();
+    d.complex_layout = entity.complex_layout();
+    d.matrix_layout = layout;
+    d.extent = extent;
+    return d;
+}
+
+// `word` is an interned constant: the usual literal matches by identity.
+bool is_word(PyObject* object, PyObject* word) {
+    return object == word || (PyUnicode_Check(object) && PyUnicode_Compare(object, word) == 0);
+}
+
+PyObject* interned(const char* text) { return PyUnicode_InternFromString(text); }
+
+void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity, const OperandDescriptor& descriptor) {
+    out.descriptors.push_back(descriptor);
     if (role.access == OperandAccess::read)
-        out.bindings.bind(role.role, static_cast<const OperandEntity&>(entity));
+        out.operands.push_back({&entity, nullptr});
     else
-        out.bindings.bind(role.role, entity);
+        out.operands.push_back({&entity, &entity});
+}
+
+void bind(Marshalled& out, const RoleDeclaration& role, OperandEntity& entity) {
+    bind(out, role, entity, describe_operand(entity, role.role));
 }
 
 void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const nb::dict& locations,
                   const nb::dict& compute_dtypes, Marshalled& out) {
-    const std::string name = role_text(role.role);
-    const nb::str key(name.c_str(), name.size());
-    PyObject* bound = PyDict_GetItem(bindings.ptr(), key.ptr());
+    const nb::str key = role_key(role.role);
+    PyObject* bound = dict_item(bindings.ptr(), key.ptr());
     if (!bound)
-        throw failure("missing binding " + name);
-    PyObject* location = PyDict_GetItem(locations.ptr(), key.ptr());
+        throw failure("missing binding " + role_text(role.role));
+    PyObject* location = dict_item(locations.ptr(), key.ptr());
     if (!location)
-        throw failure("missing location for " + name);
-    const std::string where = PyUnicode_Check(location) ? nb::cast<std::string>(nb::handle(location)) : "";
-    if (where != "host" && where != "cuda")
-        throw failure("invalid location for " + name);
-    const bool cuda = where == "cuda";
-    PyObject* compute = PyDict_GetItem(compute_dtypes.ptr(), key.ptr());
+        throw failure("missing location for " + role_text(role.role));
+    static PyObject* const host = interned("host");
+    static PyObject* const cuda_word = interned("cuda");
+    const bool cuda = is_word(location, cuda_word);
+    if (!cuda && !is_word(location, host))
+        throw failure("invalid location for " + role_text(role.role));
+    PyObject* compute = PyDict_GET_SIZE(compute_dtypes.ptr()) ? dict_item(compute_dtypes.ptr(), key.ptr()) : nullptr;
 
     const nb::handle object(bound);
-    out.keep.push_back(nb::borrow(object));
     if (is_output_role(role.role))
         out.outputs.push_back(nb::borrow(object));
     const bool writes = role.access != OperandAccess::read;
+    out.memory.emplace_back();
 
     // Structured roles. A role without a declared kind takes the kind of what is bound to it.
-    const bool is_lu = nb::isinstance<NativeLUOperand>(object);
-    const bool is_eigen = nb::isinstance<NativeEigenOperand>(object);
+    const bool array = is_ndarray(object);
+    const bool is_lu = !array && nb::isinstance<NativeLUOperand>(object);
+    const bool is_eigen = !array && nb::isinstance<NativeEigenOperand>(object);
     const bool lu_role = role.kind ? *role.kind == OperandKind::lu : is_lu;
     const bool eigen_role = role.kind ? *role.kind == OperandKind::eigen : is_eigen;
     if (eigen_role) {
@@ -171,78 +278,141 @@ void marshal_role(const RoleDeclaration& role, const nb::dict& bindings, const n
             throw failure("LUOperand must use host residency");
     }
     if (lu_role || eigen_role) {
+        // Structured operands live in their own storage, which no array can share.
+        out.arrays.emplace_back();
         bind(out, role, *structured_operand(object)->entity);
-        ++out.count;
         return;
     }
     if (cuda)
         throw failure("CUDA binding requires a CUDA-enabled build");
 
     // Arrays.
-    if (!is_ndarray(object))
+    if (!array)
         throw std::invalid_argument("host binding requires a NumPy ndarray");
-    const ArrayFacts facts = inspect_array(object);
+    const ArrayFacts& facts = out.arrays.emplace_back(object);
     if (facts.ndim > 2)
         throw failure("array binding rank must be zero, one or two");
     const OperandKind kind = role.kind.value_or(kind_of_rank(facts.ndim));
     check_rank(facts, kind);
 
+    std::optional<ScalarType> compute_type;
     std::string compute_name;
     if (compute) {
         if (!PyUnicode_Check(compute))
             throw nb::type_error("Context.execute - compute dtypes must be strings");
         compute_name = nb::cast<std::string>(nb::handle(compute));
+        compute_type = scalar_type_from_name(compute_name);
     } else if (facts.is_bool) {
-        compute_name = "int32";
-    } else {
-        compute_name =
-            facts.storage ? std::string(scalar_name(default_compute(*facts.storage))) : facts.dtype_name;
+        compute_type = ScalarType::int32;
+    } else if (facts.storage) {
+        compute_type = default_compute(*facts.storage);
     }
+    const auto compute_text = [&] {
+        return compute ? compute_name : compute_type ? std::string(scalar_name(*compute_type)) : facts.dtype_name();
+    };
 
     if (facts.is_bool) {
         // The kernel writes an int32 scalar; the array receives value != 0 after the run.
         if (!is_output_role(role.role) || kind != OperandKind::scalar)
             throw failure("bool arrays are supported only for scalar outputs");
-        if (compute_name != "int32")
+        if (compute_type != ScalarType::int32)
             throw failure("bool outputs require int32 compute dtype");
         if (!facts.writeable)
             throw failure("bool scalar bindings must be writable");
-        auto* target = static_cast<std::uint8_t*>(array_data(facts, out.keep));
+        auto* target = static_cast<std::uint8_t*>(facts.data);
         auto scalar = std::make_unique<BoundRealScalarEntity<PolicyI32>>(*target != 0 ? 1 : 0);
         out.bools.push_back({target, scalar.get()});
         bind(out, role, *scalar);
-        out.entities.push_back(std::move(scalar));
-        ++out.count;
+        out.entities.emplace_back(scalar.release());
         return;
     }
 
-    const std::optional<ScalarType> compute_type = scalar_type_from_name(compute_name);
     if (!facts.storage || !compute_type || !is_compiled_policy(*facts.storage, *compute_type))
-        throw uncompiled(compute_name, facts.dtype_name);
+        throw uncompiled(compute_text(), facts.dtype_name());
 
-    if (facts.low_precision()) {
-        if (!facts.c_contiguous || !facts.aligned || !facts.native || (writes && !facts.writeable))
-            throw std::invalid_argument(
-                "low-precision binding requires aligned, native-endian contiguous storage "
-                "and writable output");
-    }
+    if (facts.low_precision() && (!facts.c_contiguous || !facts.native || (writes && !facts.writeable)))
+        refuse_low_precision();
+    // The 16-bit element types are reached through 2-byte references: an odd address is refused
+    // with the same message for float16 as for the two low-precision types.
+    if (!facts.aligned && (facts.low_precision() || *facts.storage == ScalarType::float16))
+        refuse_low_precision();
     const MatrixLayout layout = array_layout(facts);
     if (!facts.aligned || !facts.native)
         throw failure("array binding must be aligned and native-endian");
     if (writes && !facts.writeable)
         throw failure("output binding must be writable");
 
-    void* data = array_data(facts, out.keep);
-    auto entity = borrow_storage(*facts.storage, kind, data, array_extent(facts), layout);
-    bind(out, role, *entity);
+    const auto extent = array_extent(facts);
+    auto entity = borrow_storage(*facts.storage, kind, facts.data, extent, layout, &out.arena);
+    bind(out, role, *entity, describe_array(role.role, *entity, kind, extent, layout));
     out.entities.push_back(std::move(entity));
-    ++out.count;
+    out.memory.back() = {static_cast<std::byte*>(facts.data), facts.byte_size(), *facts.storage, kind, extent,
+                         layout, false};
 }
 
-nb::object execute(const NativeContext& self, const std::string& operation, const nb::dict& bindings,
+// Rebinds position `i` to a private copy of its array's current contents.
+std::byte* privatise(Marshalled& m, std::size_t i) {
+    ArrayOperand& array = m.memory[i];
+    auto& copy = m.scratch.emplace_back(new std::byte[array.bytes]);
+    std::memcpy(copy.get(), array.data, array.bytes);
+    auto entity = borrow_storage(array.storage, array.kind, copy.get(), array.extent, array.layout, &m.arena);
+    OperationBindings::Binding& binding = m.operands[i];
+    binding = {entity.get(), binding.writable ? entity.get() : nullptr};
+    m.entities.push_back(std::move(entity));
+    array.copied = true;
+    return copy.get();
+}
+
+// Makes the call behave as if every input had been read before any output is written, as NumPy
+// does: an input that shares memory with an output is read from a private copy, unless the output
+// is exactly that input and the operation works element by element. Outputs that share memory
+// with each other are computed in private copies and written back in role order.
+void separate_overlaps(Marshalled& m, std::size_t inputs, bool elementwise) {
+    const std::size_t count = m.memory.size();
+    for (std::size_t j = inputs; j < count; ++j) {
+        for (std::size_t i = 0; i < inputs; ++i) {
+            if (m.memory[i].copied || !m.memory[j].overlaps(m.memory[i]))
+                continue;
+            if (elementwise && m.memory[j].same_array(m.memory[i]))
+                continue;
+            privatise(m, i);
+        }
+    }
+    for (std::size_t j = inputs; j < count; ++j) {
+        bool shared = false;
+        for (std::size_t k = inputs; k < count && !shared; ++k)
+            shared = k != j && m.memory[j].overlaps(m.memory[k]);
+        if (shared)
+            m.copy_backs.push_back({m.memory[j].data, privatise(m, j), m.memory[j].bytes});
+    }
+}
+
+// The operation a text names, resolved once per text and context and then found by handle.
+struct Resolved {
+    const OperationSpec* spec;
+    bool elementwise;
+};
+
+Resolved resolve(const NativeContext& self, nb::handle operation) {
+    Py_ssize_t size = 0;
+    const char* text = PyUnicode_AsUTF8AndSize(operation.ptr(), &size);
+    if (!text)
+        throw nb::python_error();
+    const std::string_view name(text, static_cast<std::size_t>(size));
+    for (const auto& known : self.resolved)
+        if (known.text == name)
+            return {&self.context->operation(known.handle), known.elementwise};
+    const OperationSpec& spec = self.context->lookup(OperationId::parse(std::string(name)));
+    const bool elementwise = builtin_elementwise(spec.id());
+    if (self.resolved.size() < NativeContext::kResolvedTexts)
+        self.resolved.push_back({std::string(name), spec.handle(), elementwise});
+    return {&spec, elementwise};
+}
+
+nb::object execute(const NativeContext& self, const nb::str& operation, const nb::dict& bindings,
                    const nb::dict& locations, const nb::dict& compute_dtypes) {
-    const OperationId id = OperationId::parse(operation);
-    const OperationSpec& spec = self.context->lookup(id);
+    const Resolved resolved = resolve(self, operation);
+    const OperationSpec& spec = *resolved.spec;
     const auto roles = spec.roles();
     if (nb::len(bindings) != roles.size() || nb::len(locations) != roles.size())
         throw failure("binding count does not match operation");
@@ -250,21 +420,24 @@ nb::object execute(const NativeContext& self, const std::string& operation, cons
         if (!bindings.contains(key))
             throw failure("compute dtype role has no binding");
 
-    Marshalled marshalled;
+    Marshalled marshalled(roles.size());
     for (const RoleDeclaration& role : roles)
         marshal_role(role, bindings, locations, compute_dtypes, marshalled);
-    if (marshalled.count != roles.size())
+    if (marshalled.operands.size() != roles.size())
         throw std::logic_error("Context.execute - failed to marshal every binding");
+    separate_overlaps(marshalled, spec.input_count(), resolved.elementwise);
 
     {
         nb::gil_scoped_release release;
-        QuillmarkExecutor(*self.context).execute(marshalled.bindings, id);
+        QuillmarkExecutor(*self.context).execute(spec, marshalled.descriptors, marshalled.operands);
         for (const auto& result : marshalled.bools)
             *result.target = result.value->value() != 0 ? 1 : 0;
+        for (const auto& back : marshalled.copy_backs)
+            std::memcpy(back.target, back.source, back.bytes);
     }
 
     if (marshalled.outputs.size() == 1)
-        return marshalled.outputs.front();
+        return std::move(marshalled.outputs.front());
     nb::list outputs;
     for (const nb::object& output : marshalled.outputs)
         outputs.append(output);
@@ -282,12 +455,11 @@ OperandDescriptor describe_input(nb::handle object, OperandRole role) {
         throw failure("array binding rank must be zero, one or two");
     const std::string compute = facts.is_bool   ? "int32"
                                 : facts.storage ? std::string(scalar_name(default_compute(*facts.storage)))
-                                                : facts.dtype_name;
+                                                : facts.dtype_name();
     if (!facts.storage || !is_compiled_policy(*facts.storage, default_compute(*facts.storage)))
-        throw uncompiled(compute, facts.dtype_name);
-    std::vector<nb::object> keep;
-    auto entity = borrow_storage(*facts.storage, kind_of_rank(facts.ndim), array_data(facts, keep),
-                                 array_extent(facts), array_layout(facts));
+        throw uncompiled(compute, facts.dtype_name());
+    auto entity = borrow_storage(*facts.storage, kind_of_rank(facts.ndim), facts.data, array_extent(facts),
+                                 array_layout(facts));
     return describe_operand(*entity, role);
 }
 

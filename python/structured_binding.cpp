@@ -110,26 +110,25 @@ void lu_from_values(NativeLUOperand* self, nb::handle values, const std::string&
         throw std::invalid_argument("LUOperand - matrix must be square");
     if (!facts.storage || !is_floating_storage(*facts.storage))
         throw std::invalid_argument("LUOperand - matrix requires floating point storage");
-    if (!dtype.empty() && dtype != facts.dtype_name)
+    if (!dtype.empty() && dtype != facts.dtype_name())
         throw std::invalid_argument("LUOperand - explicit dtype does not match array storage");
     const std::size_t element = scalar_metadata(*facts.storage).element_size;
     if (nb::cast<std::uintptr_t>(values.attr("ctypes").attr("data")) % element != 0)
         throw std::invalid_argument("LUOperand - input must be aligned");
-    const DataTypeDescriptor policy = structured_policy(facts.dtype_name, compute_dtype);
+    const DataTypeDescriptor policy = structured_policy(facts.dtype_name(), compute_dtype);
     std::vector<nb::object> keep;
     if (!facts.native) {
         // Foreign byte order: read the values through a native-order copy.
         keep.push_back(values.attr("astype")(values.attr("dtype").attr("newbyteorder")("=")));
         facts = inspect_array(keep.back());
     }
-    nb::ndarray<nb::ro> source = import_array(facts, keep);
 
     NativeLUOperand operand;
     const std::uint64_t n = facts.shape[0];
     make_structured(operand, policy, OperandKind::lu, n);
     if (n != 0)
         gather(element, static_cast<std::byte*>(buffer(operand, 0).data),
-               static_cast<const std::byte*>(source.data()), n, source.stride(0), source.stride(1));
+               static_cast<const std::byte*>(facts.data), n, facts.strides[0], facts.strides[1]);
     new (self) NativeLUOperand(std::move(operand));
 }
 

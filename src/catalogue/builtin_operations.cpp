@@ -233,66 +233,7 @@ void determinant_to_scalars(Ops ops) {
         if (!scl(out)) fail("slogdet/logdet_positive_definite - output must be a scalar");
 }
 
-// ---- signatures --------------------------------------------------------------------------------
-
-RoleDeclaration in(OperandRole role, OperandKind kind) { return {role, OperandAccess::read, kind}; }
-RoleDeclaration w(OperandRole role, OperandKind kind) { return {role, OperandAccess::write, kind}; }
-RoleDeclaration rw(OperandRole role, OperandKind kind) { return {role, OperandAccess::read_write, kind}; }
-
-constexpr OperandKind S = OperandKind::scalar;
-constexpr OperandKind V = OperandKind::vector;
-constexpr OperandKind M = OperandKind::matrix;
-constexpr OperandKind L = OperandKind::lu;
-constexpr OperandKind E = OperandKind::eigen;
-
-struct BuiltinRow {
-    const char* name;
-    Rule rule;
-};
-
-constexpr std::array<BuiltinRow, kBuiltinOperationCount> kRows{{
-    {"quillmark.sqrt", unary_vector},
-    {"quillmark.conjugate", in_place_vector},
-    {"quillmark.multiply", binary_vector},
-    {"quillmark.add", binary_vector},
-    {"quillmark.subtract", binary_vector},
-    {"quillmark.sum", vector_to_scalar},
-    {"quillmark.norm", vector_to_scalar},
-    {"quillmark.scale", vector_and_scalar},
-    {"quillmark.divide", vector_and_scalar},
-    {"quillmark.transpose", transposed_matrix},
-    {"quillmark.adjoint", transposed_matrix},
-    {"quillmark.matmul", matrix_product},
-    {"quillmark.matvec", matrix_vector_product},
-    {"quillmark.kron", kronecker_product},
-    {"quillmark.inner", inner_product},
-    {"quillmark.outer", outer_product},
-    {"quillmark.lu_factor", in_place_lu},
-    {"quillmark.solve", lu_solve},
-    {"quillmark.logdet", lu_to_scalar},
-    {"quillmark.trace", matrix_to_scalar},
-    {"quillmark.eig", general_eigen},
-    {"quillmark.principal_eigenvector", principal_eigenvector},
-    {"quillmark.partial_trace_left", partial_trace},
-    {"quillmark.partial_trace_right", partial_trace},
-    {"quillmark.matrix_power", matrix_power},
-    {"quillmark.is_unitary", matrix_to_scalar},
-    {"quillmark.eye", in_place_square_matrix},
-    {"quillmark.vector_equal", vector_comparison},
-    {"quillmark.eigh", hermitian_eigen},
-    {"quillmark.eigvalsh", hermitian_eigen},
-    {"quillmark.slogdet", determinant_to_scalars},
-    {"quillmark.logdet_positive_definite", determinant_to_scalars},
-}};
-
-std::size_t index_of(BuiltinOperation operation) {
-    const auto index = static_cast<std::size_t>(operation);
-    if (index >= kBuiltinOperationCount)
-        throw std::out_of_range("builtin_operation_id - unknown built-in operation");
-    return index;
-}
-
-// ---- numeric contracts -------------------------------------------------------------------------
+// ---- numeric contract helpers ---------------------------------------------------------------------
 
 OperandShape shape(OperandRole role, std::vector<SymbolicExpression> dimensions) {
     return {role, std::move(dimensions)};
@@ -305,26 +246,47 @@ Requirement requirement(RequirementKind kind, std::vector<OperandRole> roles, Re
     return {kind, std::move(roles), purpose, enforcement, std::move(note)};
 }
 
-const char* const kSameLength = "Both inputs and the output have the same length.";
-const char* const kReduced = "The vector is reduced to a scalar.";
-const char* const kScalarKeepsLength = "The scalar does not change the vector length.";
-const char* const kTransposed = "The output exchanges the input row and column axes.";
-const char* const kValidLu =
-    "The caller must supply a valid nonsingular LU factorisation; LU storage can be constructed without "
-    "factorisation validation.";
-const char* const kPartialTrace =
-    "The output order divides the square input order; the quotient is the traced subsystem dimension.";
-const char* const kHermitianNotes[] = {
-    "All input entries must be finite.",
-    "The full matrix is checked against its adjoint with a dimension-scaled compute-epsilon tolerance; the lower "
-    "triangle and real diagonal define the solved matrix.",
-    "Eigenvalues are real and sorted in ascending order. Eigenvectors are orthonormal columns and retain the "
-    "input's real or complex domain in compute precision.",
-};
+// ---- the table ----------------------------------------------------------------------------------
+
+constexpr OperandKind S = OperandKind::scalar;
+constexpr OperandKind V = OperandKind::vector;
+constexpr OperandKind M = OperandKind::matrix;
+constexpr OperandKind L = OperandKind::lu;
+constexpr OperandKind E = OperandKind::eigen;
+
+constexpr RoleDeclaration in(OperandRole role, OperandKind kind) { return {role, OperandAccess::read, kind}; }
+constexpr RoleDeclaration w(OperandRole role, OperandKind kind) { return {role, OperandAccess::write, kind}; }
+constexpr RoleDeclaration rw(OperandRole role, OperandKind kind) { return {role, OperandAccess::read_write, kind}; }
+
+// Role signatures shared by several operations.
+constexpr RoleDeclaration kVectorToVector[] = {in(in0, V), w(out0, V)};
+constexpr RoleDeclaration kVectorsToVector[] = {in(in0, V), in(in1, V), w(out0, V)};
+constexpr RoleDeclaration kVectorToScalar[] = {in(in0, V), w(out0, S)};
+constexpr RoleDeclaration kVectorScalarToVector[] = {in(in0, V), in(in1, S), w(out0, V)};
+constexpr RoleDeclaration kMatrixToMatrix[] = {in(in0, M), w(out0, M)};
+constexpr RoleDeclaration kMatricesToMatrix[] = {in(in0, M), in(in1, M), w(out0, M)};
+constexpr RoleDeclaration kVectorsToScalar[] = {in(in0, V), in(in1, V), w(out0, S)};
+constexpr RoleDeclaration kMatrixToScalar[] = {in(in0, M), w(out0, S)};
+constexpr RoleDeclaration kMatrixToVector[] = {in(in0, M), w(out0, V)};
+constexpr RoleDeclaration kLuToScalar[] = {in(in0, L), w(out0, S)};
+constexpr RoleDeclaration kConjugate[] = {rw(out0, V)};
+constexpr RoleDeclaration kMatvec[] = {in(in0, M), in(in1, V), w(out0, V)};
+constexpr RoleDeclaration kOuter[] = {in(in0, V), in(in1, V), w(out0, M)};
+constexpr RoleDeclaration kLuFactor[] = {rw(out0, L)};
+constexpr RoleDeclaration kSolve[] = {in(in0, L), rw(out0, V)};
+constexpr RoleDeclaration kEig[] = {in(in0, M), w(out0, E)};
+constexpr RoleDeclaration kMatrixPower[] = {in(in0, M), in(in1, S), w(out0, M)};
+constexpr RoleDeclaration kEye[] = {rw(out0, M)};
+constexpr RoleDeclaration kEigh[] = {in(in0, M), w(out0, V), w(out1, M)};
+constexpr RoleDeclaration kSlogdet[] = {in(in0, M), w(out0, S), w(out1, S)};
 
 using P = RequirementPurpose;
 using F = RequirementEnforcement;
 using K = RequirementKind;
+using Contract = OperationNumerics (*)();
+
+SymbolicExpression n() { return sym("n"); }
+SymbolicExpression m() { return sym("m"); }
 
 // Square input of order n, as the rules that demand squareness check it.
 ShapeConstraint square_input() { return eq(dim(in0, 1), dim(in0, 0)); }
@@ -334,193 +296,241 @@ std::vector<Requirement> valid_lu_requirement() {
                         "The LU operand must hold a valid factorisation of a nonsingular matrix.")};
 }
 
-OperationNumerics make_numerics(BuiltinOperation operation) {
-    using B = BuiltinOperation;
-    const auto n = [] { return sym("n"); };
-    const auto m = [] { return sym("m"); };
+OperationNumerics contract(std::vector<OperandShape> shapes, std::vector<ShapeConstraint> constraints = {},
+                           std::vector<Requirement> requirements = {}) {
     OperationNumerics c;
-    switch (operation) {
-    case B::sqrt:
-        c.shapes = {shape(in0, {n()}), shape(out0, {n()})};
-        c.constraints = {eq(dim(out0, 0), dim(in0, 0))};
-        c.requirements = {requirement(K::nonnegative, {in0}, P::defined_result, F::caller_responsibility,
-                                      "Negative real entries have no real square root and produce NaN.")};
-        c.notes = {"Complex square root follows the implementation's principal branch."};
-        break;
-    case B::conjugate:
-        c.shapes = {shape(out0, {n()})};
-        c.notes = {"The read-write vector retains its length."};
-        break;
-    case B::multiply:
-    case B::add:
-    case B::subtract:
-        c.shapes = {shape(in0, {n()}), shape(in1, {n()}), shape(out0, {n()})};
-        c.constraints = {eq(dim(in1, 0), dim(in0, 0)), eq(dim(out0, 0), dim(in0, 0))};
-        c.notes = {kSameLength};
-        break;
-    case B::sum:
-    case B::norm:
-        c.shapes = {shape(in0, {n()}), shape(out0, {})};
-        c.notes = {kReduced};
-        break;
-    case B::scale:
-    case B::divide:
-        c.shapes = {shape(in0, {n()}), shape(in1, {}), shape(out0, {n()})};
-        c.constraints = {eq(dim(out0, 0), dim(in0, 0))};
-        c.notes = {kScalarKeepsLength};
-        if (operation == B::divide) {
-            c.requirements = {requirement(K::nonzero, {in1}, P::defined_result, F::caller_responsibility,
-                                          "A zero divisor produces infinite or NaN entries.")};
-            c.notes.push_back("The divisor must be nonzero for a finite defined result.");
-        }
-        break;
-    case B::transpose:
-    case B::adjoint:
-        c.shapes = {shape(in0, {m(), n()}), shape(out0, {n(), m()})};
-        c.constraints = {eq(dim(out0, 0), dim(in0, 1)), eq(dim(out0, 1), dim(in0, 0))};
-        c.notes = {kTransposed};
-        break;
-    case B::matmul:
-        c.shapes = {shape(in0, {m(), sym("k")}), shape(in1, {sym("k"), n()}), shape(out0, {m(), n()})};
-        c.constraints = {eq(dim(in0, 1), dim(in1, 0)), eq(dim(out0, 0), dim(in0, 0)),
-                         eq(dim(out0, 1), dim(in1, 1))};
-        c.notes = {"The inner matrix dimensions agree."};
-        break;
-    case B::matvec:
-        c.shapes = {shape(in0, {m(), n()}), shape(in1, {n()}), shape(out0, {m()})};
-        c.constraints = {eq(dim(in1, 0), dim(in0, 1)), eq(dim(out0, 0), dim(in0, 0))};
-        c.notes = {"The vector length matches the matrix column count."};
-        break;
-    case B::kron:
-        c.shapes = {shape(in0, {m(), n()}), shape(in1, {sym("p"), sym("q")}),
-                    shape(out0, {product_of({m(), sym("p")}), product_of({n(), sym("q")})})};
-        c.constraints = {eq(dim(out0, 0), product_of({dim(in0, 0), dim(in1, 0)})),
-                         eq(dim(out0, 1), product_of({dim(in0, 1), dim(in1, 1)}))};
-        c.notes = {"Output axes are products of the corresponding input axes."};
-        break;
-    case B::inner:
-        c.shapes = {shape(in0, {n()}), shape(in1, {n()}), shape(out0, {})};
-        c.constraints = {eq(dim(in1, 0), dim(in0, 0))};
-        c.notes = {"The first vector is conjugated in the complex inner product."};
-        break;
-    case B::outer:
-        c.shapes = {shape(in0, {m()}), shape(in1, {n()}), shape(out0, {m(), n()})};
-        c.constraints = {eq(dim(out0, 0), dim(in0, 0)), eq(dim(out0, 1), dim(in1, 0))};
-        c.notes = {"Input lengths need not be equal."};
-        break;
-    case B::lu_factor:
-        c.shapes = {shape(out0, {n()})};
-        c.requirements = {requirement(K::nonsingular, {out0}, P::execution, F::checked,
-                                      "A zero pivot stops the factorisation and is reported as singular.")};
-        c.notes = {"Factorisation reports a singular matrix as a numerical failure.",
-                   "The LU descriptor order represents a square matrix."};
-        break;
-    case B::solve:
-        c.shapes = {shape(in0, {n()}), shape(out0, {n()})};
-        c.constraints = {eq(dim(out0, 0), dim(in0, 0))};
-        c.requirements = valid_lu_requirement();
-        c.notes = {kValidLu, "The right-hand side is overwritten with the solution."};
-        break;
-    case B::logdet:
-        c.shapes = {shape(in0, {n()}), shape(out0, {})};
-        c.requirements = valid_lu_requirement();
-        c.notes = {kValidLu, "The complex logarithm uses its principal branch."};
-        break;
-    case B::trace:
-        c.shapes = {shape(in0, {m(), n()}), shape(out0, {})};
-        c.notes = {"The core operation accepts rectangular matrices and sums the available diagonal."};
-        break;
-    case B::eig:
-        c.shapes = {shape(in0, {n(), n()}), shape(out0, {n()})};
-        c.constraints = {square_input(), eq(dim(out0, 0), dim(in0, 0))};
-        c.requirements = {requirement(K::finite, {in0}, P::execution, F::caller_responsibility,
-                                      "Non-finite entries prevent the iteration from converging.")};
-        c.notes = {"The output order pairs each eigenvalue with one contiguous right eigenvector; column-major "
-                   "storage places vectors in columns and row-major storage places them in rows."};
-        break;
-    case B::principal_eigenvector:
-        c.shapes = {shape(in0, {n(), n()}), shape(out0, {n()})};
-        c.constraints = {square_input(), eq(dim(out0, 0), dim(in0, 0))};
-        c.requirements = {
-            requirement(K::unique_dominant_eigenvalue, {in0}, P::unique_result, F::caller_responsibility,
-                        "One eigenvalue must be strictly greatest in magnitude for the direction to be unique.")};
-        c.notes = {"A unique eigenvalue of greatest magnitude is required for a unique principal direction.",
-                   "Eigenvectors are defined only up to a complex scale."};
-        break;
-    case B::partial_trace_left:
-    case B::partial_trace_right: {
-        const auto d = [] { return sym("d"); };
-        const auto q = [] { return sym("q"); };
-        c.shapes = {shape(in0, {product_of({q(), d()}), product_of({q(), d()})}), shape(out0, {d(), d()})};
-        c.constraints = {square_input(), eq(dim(out0, 1), dim(out0, 0)),
-                         {dim(out0, 0), ShapeRelation::greater_equal, lit(1)},
-                         {dim(in0, 0), ShapeRelation::divisible_by, dim(out0, 0)}};
-        c.notes = {kPartialTrace};
-        break;
-    }
-    case B::matrix_power:
-        c.shapes = {shape(in0, {n(), n()}), shape(in1, {}), shape(out0, {n(), n()})};
-        c.constraints = {square_input(), eq(dim(out0, 0), dim(in0, 0)), eq(dim(out0, 1), dim(in0, 1))};
-        c.requirements = {requirement(K::nonnegative, {in1}, P::execution, F::checked,
-                                      "A negative exponent is refused.")};
-        c.notes = {"Only non-negative integer powers are supported.", "Power zero produces the identity matrix."};
-        break;
-    case B::is_unitary:
-        c.shapes = {shape(in0, {m(), n()}), shape(out0, {})};
-        c.notes = {"A non-square input is valid and produces false."};
-        break;
-    case B::eye:
-        c.shapes = {shape(out0, {n(), n()})};
-        c.constraints = {eq(dim(out0, 1), dim(out0, 0))};
-        c.notes = {"The read-write output must be square."};
-        break;
-    case B::vector_equal:
-        c.shapes = {shape(in0, {m()}), shape(in1, {n()}), shape(out0, {})};
-        c.notes = {"Different input lengths are valid and produce false.",
-                   "Equal-length vectors are compared independently by real and imaginary component; exact "
-                   "equality is accepted first and tolerances apply only to finite pairs.",
-                   "Same-signed infinities compare equal; opposite infinities, finite-infinite pairs and "
-                   "comparisons containing NaN compare unequal."};
-        break;
-    case B::eigh:
-    case B::eigvalsh:
-        c.shapes = {shape(in0, {n(), n()}), shape(out0, {n()})};
-        c.constraints = {square_input(), eq(dim(out0, 0), dim(in0, 0))};
-        if (operation == B::eigh) {
-            c.shapes.push_back(shape(out1, {n(), n()}));
-            c.constraints.push_back(eq(dim(out1, 0), dim(in0, 0)));
-            c.constraints.push_back(eq(dim(out1, 1), dim(in0, 1)));
-        }
-        c.requirements = {
-            requirement(K::finite, {in0}, P::execution, F::checked, "Non-finite input entries are refused."),
-            requirement(K::hermitian, {in0}, P::execution, F::checked,
-                        "The input must equal its adjoint within a dimension-scaled tolerance.")};
-        c.notes.assign(std::begin(kHermitianNotes), std::end(kHermitianNotes));
-        break;
-    case B::slogdet:
-        c.shapes = {shape(in0, {n(), n()}), shape(out0, {}), shape(out1, {})};
-        c.constraints = {square_input()};
-        c.requirements = {requirement(K::finite, {in0}, P::defined_result, F::caller_responsibility,
-                                      "Non-finite entries give an undefined sign and log-magnitude.")};
-        c.notes = {"Returns determinant sign (unit phase for complex input) and real log-magnitude. Singular "
-                   "matrices return zero and negative infinity; the empty determinant is one."};
-        break;
-    case B::logdet_positive_definite:
-        c.shapes = {shape(in0, {n(), n()}), shape(out0, {})};
-        c.constraints = {square_input()};
-        c.requirements = {requirement(K::positive_definite, {in0}, P::execution, F::checked,
-                                      "The Cholesky factorisation fails on a matrix that is not positive definite.")};
-        c.notes = {"Cholesky factorisation must succeed; the result is real."};
-        break;
-    }
+    c.shapes = std::move(shapes);
+    c.constraints = std::move(constraints);
+    c.requirements = std::move(requirements);
     return c;
+}
+
+// Numeric contracts (notes aside) shared by several operations.
+OperationNumerics same_length_vectors() {
+    return contract({shape(in0, {n()}), shape(in1, {n()}), shape(out0, {n()})},
+                    {eq(dim(in1, 0), dim(in0, 0)), eq(dim(out0, 0), dim(in0, 0))});
+}
+OperationNumerics vector_reduction() { return contract({shape(in0, {n()}), shape(out0, {})}); }
+OperationNumerics scaled_vector() {
+    return contract({shape(in0, {n()}), shape(in1, {}), shape(out0, {n()})}, {eq(dim(out0, 0), dim(in0, 0))});
+}
+OperationNumerics transposed() {
+    return contract({shape(in0, {m(), n()}), shape(out0, {n(), m()})},
+                    {eq(dim(out0, 0), dim(in0, 1)), eq(dim(out0, 1), dim(in0, 0))});
+}
+OperationNumerics rectangular_to_scalar() { return contract({shape(in0, {m(), n()}), shape(out0, {})}); }
+OperationNumerics partial_trace_contract() {
+    const auto d = [] { return sym("d"); };
+    const auto q = [] { return sym("q"); };
+    return contract({shape(in0, {product_of({q(), d()}), product_of({q(), d()})}), shape(out0, {d(), d()})},
+                    {square_input(), eq(dim(out0, 1), dim(out0, 0)),
+                     {dim(out0, 0), ShapeRelation::greater_equal, lit(1)},
+                     {dim(in0, 0), ShapeRelation::divisible_by, dim(out0, 0)}});
+}
+OperationNumerics hermitian_values() {
+    return contract({shape(in0, {n(), n()}), shape(out0, {n()})}, {square_input(), eq(dim(out0, 0), dim(in0, 0))},
+                    {requirement(K::finite, {in0}, P::execution, F::checked, "Non-finite input entries are refused."),
+                     requirement(K::hermitian, {in0}, P::execution, F::checked,
+                                 "The input must equal its adjoint within a dimension-scaled tolerance.")});
+}
+
+constexpr const char* kSameLength = "Both inputs and the output have the same length.";
+constexpr const char* kReduced = "The vector is reduced to a scalar.";
+constexpr const char* kScalarKeepsLength = "The scalar does not change the vector length.";
+constexpr const char* kTransposed = "The output exchanges the input row and column axes.";
+constexpr const char* kValidLu =
+    "The caller must supply a valid nonsingular LU factorisation; LU storage can be constructed without "
+    "factorisation validation.";
+constexpr const char* kPartialTrace =
+    "The output order divides the square input order; the quotient is the traced subsystem dimension.";
+constexpr const char* kHermitianFinite = "All input entries must be finite.";
+constexpr const char* kHermitianCheck =
+    "The full matrix is checked against its adjoint with a dimension-scaled compute-epsilon tolerance; the lower "
+    "triangle and real diagonal define the solved matrix.";
+constexpr const char* kHermitianOrder =
+    "Eigenvalues are real and sorted in ascending order. Eigenvectors are orthonormal columns and retain the "
+    "input's real or complex domain in compute precision.";
+
+// Everything the library states about one built-in operation: its name, role signature, shape
+// rule, numeric contract and notes, and whether it works element by element (element i of the
+// output depends on element i of each vector input only, so an output that is exactly one of its
+// inputs can be computed in place). The catalogue, the shape checks and describe all read it.
+struct BuiltinRow {
+    const char* name;
+    std::span<const RoleDeclaration> roles;
+    Rule rule;
+    Contract numerics;
+    std::array<const char*, 3> notes;
+    bool elementwise = false;
+};
+
+constexpr std::array<BuiltinRow, kBuiltinOperationCount> kRows{{
+    {"quillmark.sqrt", kVectorToVector, unary_vector,
+     [] {
+         return contract({shape(in0, {n()}), shape(out0, {n()})}, {eq(dim(out0, 0), dim(in0, 0))},
+                         {requirement(K::nonnegative, {in0}, P::defined_result, F::caller_responsibility,
+                                      "Negative real entries have no real square root and produce NaN.")});
+     },
+     {"Complex square root follows the implementation's principal branch."}, true},
+    {"quillmark.conjugate", kConjugate, in_place_vector, [] { return contract({shape(out0, {n()})}); },
+     {"The read-write vector retains its length."}, true},
+    {"quillmark.multiply", kVectorsToVector, binary_vector, same_length_vectors, {kSameLength}, true},
+    {"quillmark.add", kVectorsToVector, binary_vector, same_length_vectors, {kSameLength}, true},
+    {"quillmark.subtract", kVectorsToVector, binary_vector, same_length_vectors, {kSameLength}, true},
+    {"quillmark.sum", kVectorToScalar, vector_to_scalar, vector_reduction, {kReduced}},
+    {"quillmark.norm", kVectorToScalar, vector_to_scalar, vector_reduction, {kReduced}},
+    {"quillmark.scale", kVectorScalarToVector, vector_and_scalar, scaled_vector, {kScalarKeepsLength}, true},
+    {"quillmark.divide", kVectorScalarToVector, vector_and_scalar,
+     [] {
+         OperationNumerics c = scaled_vector();
+         c.requirements = {requirement(K::nonzero, {in1}, P::defined_result, F::caller_responsibility,
+                                       "A zero divisor produces infinite or NaN entries.")};
+         return c;
+     },
+     {kScalarKeepsLength, "The divisor must be nonzero for a finite defined result."}, true},
+    {"quillmark.transpose", kMatrixToMatrix, transposed_matrix, transposed, {kTransposed}},
+    {"quillmark.adjoint", kMatrixToMatrix, transposed_matrix, transposed, {kTransposed}},
+    {"quillmark.matmul", kMatricesToMatrix, matrix_product,
+     [] {
+         return contract({shape(in0, {m(), sym("k")}), shape(in1, {sym("k"), n()}), shape(out0, {m(), n()})},
+                         {eq(dim(in0, 1), dim(in1, 0)), eq(dim(out0, 0), dim(in0, 0)), eq(dim(out0, 1), dim(in1, 1))});
+     },
+     {"The inner matrix dimensions agree."}},
+    {"quillmark.matvec", kMatvec, matrix_vector_product,
+     [] {
+         return contract({shape(in0, {m(), n()}), shape(in1, {n()}), shape(out0, {m()})},
+                         {eq(dim(in1, 0), dim(in0, 1)), eq(dim(out0, 0), dim(in0, 0))});
+     },
+     {"The vector length matches the matrix column count."}},
+    {"quillmark.kron", kMatricesToMatrix, kronecker_product,
+     [] {
+         return contract({shape(in0, {m(), n()}), shape(in1, {sym("p"), sym("q")}),
+                          shape(out0, {product_of({m(), sym("p")}), product_of({n(), sym("q")})})},
+                         {eq(dim(out0, 0), product_of({dim(in0, 0), dim(in1, 0)})),
+                          eq(dim(out0, 1), product_of({dim(in0, 1), dim(in1, 1)}))});
+     },
+     {"Output axes are products of the corresponding input axes."}},
+    {"quillmark.inner", kVectorsToScalar, inner_product,
+     [] {
+         return contract({shape(in0, {n()}), shape(in1, {n()}), shape(out0, {})}, {eq(dim(in1, 0), dim(in0, 0))});
+     },
+     {"The first vector is conjugated in the complex inner product."}},
+    {"quillmark.outer", kOuter, outer_product,
+     [] {
+         return contract({shape(in0, {m()}), shape(in1, {n()}), shape(out0, {m(), n()})},
+                         {eq(dim(out0, 0), dim(in0, 0)), eq(dim(out0, 1), dim(in1, 0))});
+     },
+     {"Input lengths need not be equal."}},
+    {"quillmark.lu_factor", kLuFactor, in_place_lu,
+     [] {
+         return contract({shape(out0, {n()})}, {},
+                         {requirement(K::nonsingular, {out0}, P::execution, F::checked,
+                                      "A zero pivot stops the factorisation and is reported as singular.")});
+     },
+     {"Factorisation reports a singular matrix as a numerical failure.",
+      "The LU descriptor order represents a square matrix."}},
+    {"quillmark.solve", kSolve, lu_solve,
+     [] {
+         return contract({shape(in0, {n()}), shape(out0, {n()})}, {eq(dim(out0, 0), dim(in0, 0))},
+                         valid_lu_requirement());
+     },
+     {kValidLu, "The right-hand side is overwritten with the solution."}},
+    {"quillmark.logdet", kLuToScalar, lu_to_scalar,
+     [] { return contract({shape(in0, {n()}), shape(out0, {})}, {}, valid_lu_requirement()); },
+     {kValidLu, "The complex logarithm uses its principal branch."}},
+    {"quillmark.trace", kMatrixToScalar, matrix_to_scalar, rectangular_to_scalar,
+     {"The core operation accepts rectangular matrices and sums the available diagonal."}},
+    {"quillmark.eig", kEig, general_eigen,
+     [] {
+         return contract({shape(in0, {n(), n()}), shape(out0, {n()})}, {square_input(), eq(dim(out0, 0), dim(in0, 0))},
+                         {requirement(K::finite, {in0}, P::execution, F::caller_responsibility,
+                                      "Non-finite entries prevent the iteration from converging.")});
+     },
+     {"The output order pairs each eigenvalue with one contiguous right eigenvector; column-major storage places "
+      "vectors in columns and row-major storage places them in rows."}},
+    {"quillmark.principal_eigenvector", kMatrixToVector, principal_eigenvector,
+     [] {
+         return contract(
+             {shape(in0, {n(), n()}), shape(out0, {n()})}, {square_input(), eq(dim(out0, 0), dim(in0, 0))},
+             {requirement(K::unique_dominant_eigenvalue, {in0}, P::unique_result, F::caller_responsibility,
+                          "One eigenvalue must be strictly greatest in magnitude for the direction to be unique.")});
+     },
+     {"A unique eigenvalue of greatest magnitude is required for a unique principal direction.",
+      "Eigenvectors are defined only up to a complex scale."}},
+    {"quillmark.partial_trace_left", kMatrixToMatrix, partial_trace, partial_trace_contract, {kPartialTrace}},
+    {"quillmark.partial_trace_right", kMatrixToMatrix, partial_trace, partial_trace_contract, {kPartialTrace}},
+    {"quillmark.matrix_power", kMatrixPower, matrix_power,
+     [] {
+         return contract({shape(in0, {n(), n()}), shape(in1, {}), shape(out0, {n(), n()})},
+                         {square_input(), eq(dim(out0, 0), dim(in0, 0)), eq(dim(out0, 1), dim(in0, 1))},
+                         {requirement(K::nonnegative, {in1}, P::execution, F::checked, "A negative exponent is refused.")});
+     },
+     {"Only non-negative integer powers are supported.", "Power zero produces the identity matrix."}},
+    {"quillmark.is_unitary", kMatrixToScalar, matrix_to_scalar, rectangular_to_scalar,
+     {"A non-square input is valid and produces false."}},
+    {"quillmark.eye", kEye, in_place_square_matrix,
+     [] { return contract({shape(out0, {n(), n()})}, {eq(dim(out0, 1), dim(out0, 0))}); },
+     {"The read-write output must be square."}},
+    {"quillmark.vector_equal", kVectorsToScalar, vector_comparison,
+     [] { return contract({shape(in0, {m()}), shape(in1, {n()}), shape(out0, {})}); },
+     {"Different input lengths are valid and produce false.",
+      "Equal-length vectors are compared independently by real and imaginary component; exact equality is "
+      "accepted first and tolerances apply only to finite pairs.",
+      "Same-signed infinities compare equal; opposite infinities, finite-infinite pairs and comparisons containing "
+      "NaN compare unequal."}},
+    {"quillmark.eigh", kEigh, hermitian_eigen,
+     [] {
+         OperationNumerics c = hermitian_values();
+         c.shapes.push_back(shape(out1, {n(), n()}));
+         c.constraints.push_back(eq(dim(out1, 0), dim(in0, 0)));
+         c.constraints.push_back(eq(dim(out1, 1), dim(in0, 1)));
+         return c;
+     },
+     {kHermitianFinite, kHermitianCheck, kHermitianOrder}},
+    {"quillmark.eigvalsh", kMatrixToVector, hermitian_eigen, hermitian_values,
+     {kHermitianFinite, kHermitianCheck, kHermitianOrder}},
+    {"quillmark.slogdet", kSlogdet, determinant_to_scalars,
+     [] {
+         return contract({shape(in0, {n(), n()}), shape(out0, {}), shape(out1, {})}, {square_input()},
+                         {requirement(K::finite, {in0}, P::defined_result, F::caller_responsibility,
+                                      "Non-finite entries give an undefined sign and log-magnitude.")});
+     },
+     {"Returns determinant sign (unit phase for complex input) and real log-magnitude. Singular matrices return "
+      "zero and negative infinity; the empty determinant is one."}},
+    {"quillmark.logdet_positive_definite", kMatrixToScalar, determinant_to_scalars,
+     [] {
+         return contract(
+             {shape(in0, {n(), n()}), shape(out0, {})}, {square_input()},
+             {requirement(K::positive_definite, {in0}, P::execution, F::checked,
+                          "The Cholesky factorisation fails on a matrix that is not positive definite.")});
+     },
+     {"Cholesky factorisation must succeed; the result is real."}},
+}};
+
+const BuiltinRow& row_of(BuiltinOperation operation) {
+    const auto index = static_cast<std::size_t>(operation);
+    if (index >= kBuiltinOperationCount)
+        throw std::out_of_range("builtin_operation_id - unknown built-in operation");
+    return kRows[index];
+}
+
+// The row of an identifier, or null for one that is not built in.
+const BuiltinRow* find_row(const OperationId& id) noexcept {
+    const auto ids = builtin_operation_ids();
+    for (std::size_t i = 0; i < ids.size(); ++i)
+        if (ids[i] == id) return &kRows[i];
+    return nullptr;
 }
 
 const std::array<std::shared_ptr<const OperationNumerics>, kBuiltinOperationCount>& numerics_table() {
     static const auto table = [] {
         std::array<std::shared_ptr<const OperationNumerics>, kBuiltinOperationCount> t;
-        for (std::size_t i = 0; i < t.size(); ++i)
-            t[i] = std::make_shared<const OperationNumerics>(make_numerics(static_cast<BuiltinOperation>(i)));
+        for (std::size_t i = 0; i < t.size(); ++i) {
+            OperationNumerics c = kRows[i].numerics();
+            for (const char* note : kRows[i].notes)
+                if (note) c.notes.emplace_back(note);
+            t[i] = std::make_shared<const OperationNumerics>(std::move(c));
+        }
         return t;
     }();
     return table;
@@ -529,7 +539,8 @@ const std::array<std::shared_ptr<const OperationNumerics>, kBuiltinOperationCoun
 } // namespace
 
 const OperationId& builtin_operation_id(BuiltinOperation operation) {
-    return builtin_operation_ids()[index_of(operation)];
+    row_of(operation);
+    return builtin_operation_ids()[static_cast<std::size_t>(operation)];
 }
 
 std::span<const OperationId> builtin_operation_ids() {
@@ -543,64 +554,33 @@ std::span<const OperationId> builtin_operation_ids() {
 }
 
 std::vector<RoleDeclaration> builtin_roles(BuiltinOperation operation) {
-    using B = BuiltinOperation;
-    switch (operation) {
-    case B::sqrt: return {in(in0, V), w(out0, V)};
-    case B::conjugate: return {rw(out0, V)};
-    case B::multiply:
-    case B::add:
-    case B::subtract: return {in(in0, V), in(in1, V), w(out0, V)};
-    case B::sum:
-    case B::norm: return {in(in0, V), w(out0, S)};
-    case B::scale:
-    case B::divide: return {in(in0, V), in(in1, S), w(out0, V)};
-    case B::transpose:
-    case B::adjoint: return {in(in0, M), w(out0, M)};
-    case B::matmul:
-    case B::kron: return {in(in0, M), in(in1, M), w(out0, M)};
-    case B::matvec: return {in(in0, M), in(in1, V), w(out0, V)};
-    case B::inner:
-    case B::vector_equal: return {in(in0, V), in(in1, V), w(out0, S)};
-    case B::outer: return {in(in0, V), in(in1, V), w(out0, M)};
-    case B::lu_factor: return {rw(out0, L)};
-    case B::solve: return {in(in0, L), rw(out0, V)};
-    case B::logdet: return {in(in0, L), w(out0, S)};
-    case B::trace:
-    case B::is_unitary:
-    case B::logdet_positive_definite: return {in(in0, M), w(out0, S)};
-    case B::eig: return {in(in0, M), w(out0, E)};
-    case B::principal_eigenvector:
-    case B::eigvalsh: return {in(in0, M), w(out0, V)};
-    case B::partial_trace_left:
-    case B::partial_trace_right: return {in(in0, M), w(out0, M)};
-    case B::matrix_power: return {in(in0, M), in(in1, S), w(out0, M)};
-    case B::eye: return {rw(out0, M)};
-    case B::eigh: return {in(in0, M), w(out0, V), w(out1, M)};
-    case B::slogdet: return {in(in0, M), w(out0, S), w(out1, S)};
-    }
-    throw std::out_of_range("builtin_operation_id - unknown built-in operation");
+    const BuiltinRow& row = row_of(operation);
+    return {row.roles.begin(), row.roles.end()};
 }
 
-ShapeValidator builtin_shape_rule(BuiltinOperation operation) { return kRows[index_of(operation)].rule; }
+ShapeValidator builtin_shape_rule(BuiltinOperation operation) { return row_of(operation).rule; }
 
 void register_builtin_operations(OperationRegistry& registry, const RegistrationProvenance& provenance) {
     std::vector<OperationSpec> specs;
     specs.reserve(kBuiltinOperationCount);
-    for (std::size_t i = 0; i < kBuiltinOperationCount; ++i) {
-        const auto op = static_cast<BuiltinOperation>(i);
-        specs.emplace_back(builtin_operation_id(op), builtin_roles(op), kRows[i].rule, numerics_table()[i]);
-    }
+    for (std::size_t i = 0; i < kBuiltinOperationCount; ++i)
+        specs.emplace_back(builtin_operation_ids()[i], std::vector<RoleDeclaration>(kRows[i].roles.begin(), kRows[i].roles.end()),
+                           kRows[i].rule, numerics_table()[i]);
     // Let the registry refuse the first clash (sealed catalogue, duplicate) before anything is added.
     for (OperationSpec& spec : specs)
         if (registry.sealed() || registry.contains(spec.id())) registry.register_operation(std::move(spec), provenance);
     for (OperationSpec& spec : specs) registry.register_operation(std::move(spec), provenance);
 }
 
+bool builtin_elementwise(const OperationId& id) noexcept {
+    const BuiltinRow* row = find_row(id);
+    return row && row->elementwise;
+}
+
 std::shared_ptr<const OperationNumerics> operation_numerics(const OperationId& id) {
-    const auto ids = builtin_operation_ids();
-    for (std::size_t i = 0; i < ids.size(); ++i)
-        if (ids[i] == id) return numerics_table()[i];
-    throw std::logic_error("operation_numerics - unknown built-in operation");
+    const BuiltinRow* row = find_row(id);
+    if (!row) throw std::logic_error("operation_numerics - unknown built-in operation");
+    return numerics_table()[static_cast<std::size_t>(row - kRows.data())];
 }
 
 } // namespace quillmark

@@ -64,6 +64,10 @@ ShapeValidator builtin_shape_rule(BuiltinOperation operation);
 // registered yet before adding any, so a failure leaves the registry as it was.
 void register_builtin_operations(OperationRegistry& registry, const RegistrationProvenance& provenance);
 
+// Whether the operation is one of the element-wise built-ins, whose output may be exactly one of
+// its inputs (false for any other identifier).
+bool builtin_elementwise(const OperationId& id) noexcept;
+
 // Throws std::logic_error "operation_numerics - unknown built-in operation" for any other identifier.
 std::shared_ptr<const OperationNumerics> operation_numerics(const OperationId& id);
 

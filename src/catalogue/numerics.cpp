@@ -134,10 +134,13 @@ void ImplementationNumerics::normalise() {
 ImplementationNumerics ImplementationNumerics::resolved(ScalarType storage, ScalarType compute) const {
     ImplementationNumerics copy = *this;
     if (precision.mode == PrecisionMode::widened || precision.mode == PrecisionMode::mixed) {
-        std::string text = precision_description(storage, compute);
+        // The text and the accumulation dtype describe one type: a record that accumulates wider
+        // than the compute dtype says so in both.
+        if (!copy.precision.accumulation_dtype) copy.precision.accumulation_dtype = std::string(scalar_name(compute));
+        const ScalarType computed = scalar_type_from_name(*copy.precision.accumulation_dtype).value_or(compute);
+        std::string text = precision_description(storage, computed);
         if (std::find(copy.precision.notes.begin(), copy.precision.notes.end(), text) == copy.precision.notes.end())
             copy.precision.notes.push_back(std::move(text));
-        if (!copy.precision.accumulation_dtype) copy.precision.accumulation_dtype = std::string(scalar_name(compute));
     }
     copy.normalise();
     return copy;

@@ -1,6 +1,10 @@
 #include "dispatch/backend_dispatcher.hpp"
 
+#include <algorithm>
+#include <array>
+#include <cstring>
 #include <limits>
+#include <mutex>
 #include <stdexcept>
 #include <string>
 
@@ -48,14 +52,85 @@ void insert_adaptations(BackendProcess& process, AdaptationSteps steps) {
     for (auto& step : steps.after) process.push_back(std::move(step));
 }
 
-std::vector<BackendOperandKey> keys_of(std::span<const OperandDescriptor> descriptors) {
-    std::vector<BackendOperandKey> keys;
-    keys.reserve(descriptors.size());
-    for (const auto& d : descriptors) keys.push_back(operand_key(d));
-    return keys;
-}
+// The requested keys of one direction; calls with few operands keep them on the stack.
+class RequestedKeys {
+public:
+    explicit RequestedKeys(std::span<const OperandDescriptor> descriptors) : size_(descriptors.size()) {
+        BackendOperandKey* keys = inline_.data();
+        if (size_ > inline_.size()) {
+            heap_.resize(size_);
+            keys = heap_.data();
+        }
+        for (std::size_t i = 0; i < size_; ++i) keys[i] = operand_key(descriptors[i]);
+    }
+    std::span<const BackendOperandKey> keys() const noexcept {
+        return {size_ > inline_.size() ? heap_.data() : inline_.data(), size_};
+    }
+
+private:
+    std::array<BackendOperandKey, 4> inline_{};
+    std::vector<BackendOperandKey> heap_;
+    std::size_t size_;
+};
 
 } // namespace
+
+// ---- Choice cache ----
+
+// A small table of recent choices. A choice depends only on the sealed registry, the adapters and
+// the requested keys; keys compare bit for bit, and the adapter counts are part of the entry
+// because adapters may still be added to an adaptation registry after the dispatcher is made.
+class BackendDispatcher::ChoiceCache {
+public:
+    static constexpr std::size_t kMaxOperands = 4;
+
+    std::optional<Choice> find(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
+                               std::span<const BackendOperandKey> outputs, std::size_t adapters) {
+        if (inputs.size() + outputs.size() > kMaxOperands) return std::nullopt;
+        std::lock_guard lock(mutex_);
+        for (const Slot& slot : slots_)
+            if (slot.matches(handle, inputs, outputs, adapters)) return slot.choice;
+        return std::nullopt;
+    }
+
+    void store(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
+               std::span<const BackendOperandKey> outputs, std::size_t adapters, const Choice& choice) {
+        if (inputs.size() + outputs.size() > kMaxOperands) return;
+        std::lock_guard lock(mutex_);
+        Slot& slot = slots_[next_];
+        next_ = (next_ + 1) % slots_.size();
+        slot.handle = handle;
+        slot.inputs = inputs.size();
+        slot.outputs = outputs.size();
+        slot.adapters = adapters;
+        std::copy(inputs.begin(), inputs.end(), slot.keys.begin());
+        std::copy(outputs.begin(), outputs.end(), slot.keys.begin() + inputs.size());
+        slot.choice = choice;
+    }
+
+private:
+    static_assert(sizeof(BackendOperandKey) == 9 * sizeof(std::uint32_t), "keys compare as plain words");
+
+    struct Slot {
+        std::uint32_t handle = 0; // 0 is never a handle: the slot is empty
+        std::size_t inputs = 0;
+        std::size_t outputs = 0;
+        std::size_t adapters = 0;
+        std::array<BackendOperandKey, kMaxOperands> keys{};
+        Choice choice{};
+
+        bool matches(std::uint32_t h, std::span<const BackendOperandKey> in, std::span<const BackendOperandKey> out,
+                     std::size_t a) const noexcept {
+            return handle == h && inputs == in.size() && outputs == out.size() && adapters == a &&
+                   std::memcmp(keys.data(), in.data(), in.size_bytes()) == 0 &&
+                   std::memcmp(keys.data() + in.size(), out.data(), out.size_bytes()) == 0;
+        }
+    };
+
+    std::mutex mutex_;
+    std::array<Slot, 32> slots_{};
+    std::size_t next_ = 0;
+};
 
 // ---- BackendAdaptationRegistry ----
 
@@ -84,11 +159,20 @@ const BackendAdapter* BackendAdaptationRegistry::find_output(const BackendOperan
 // ---- BackendDispatcher ----
 
 BackendDispatcher::BackendDispatcher(const BackendRegistry& registry, const BackendAdaptationRegistry& adaptations)
-    : registry_(&registry), adaptations_(&adaptations) {
+    : registry_(&registry), adaptations_(&adaptations), cache_(std::make_shared<ChoiceCache>()) {
     if (!registry.sealed()) throw std::invalid_argument("BackendDispatcher - backend catalogue must be sealed");
 }
 
 BackendDispatcher::Choice BackendDispatcher::choose(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
+                                                    std::span<const BackendOperandKey> outputs) const {
+    const std::size_t adapters = adaptations_->input_adapters().size() + adaptations_->output_adapters().size();
+    if (auto cached = cache_->find(handle, inputs, outputs, adapters)) return *cached;
+    const Choice choice = search(handle, inputs, outputs);
+    cache_->store(handle, inputs, outputs, adapters, choice);
+    return choice;
+}
+
+BackendDispatcher::Choice BackendDispatcher::search(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
                                                     std::span<const BackendOperandKey> outputs) const {
     const auto a = registry_->find(handle, BackendKind::cpu_scalar, inputs, outputs, *adaptations_);
     const auto b = registry_->find(handle, BackendKind::cpu_simd, inputs, outputs, *adaptations_);
@@ -114,8 +198,9 @@ BackendDispatcher::Choice BackendDispatcher::choose(std::uint32_t handle, std::s
 
 BackendProcess BackendDispatcher::dispatch(std::uint32_t handle, std::span<const OperandDescriptor> inputs,
                                            std::span<const OperandDescriptor> outputs) const {
-    const std::vector<BackendOperandKey> input_keys = keys_of(inputs);
-    const std::vector<BackendOperandKey> output_keys = keys_of(outputs);
+    const RequestedKeys requested_inputs(inputs), requested_outputs(outputs);
+    const auto input_keys = requested_inputs.keys();
+    const auto output_keys = requested_outputs.keys();
     const Choice choice = choose(handle, input_keys, output_keys);
 
     BackendProcess process = choice.match.entry->materialise();
@@ -126,6 +211,15 @@ BackendProcess BackendDispatcher::dispatch(std::uint32_t handle, std::span<const
     if (choice.backend == BackendKind::cuda) adapt_descriptor_input(process, inputs, choice.match.key->inputs());
     adapt_output(process, inputs.size(), outputs, output_keys, choice.match.key->outputs());
     return process;
+}
+
+const CpuKernelMaterialiser* BackendDispatcher::direct_kernel(std::uint32_t handle,
+                                                             std::span<const OperandDescriptor> inputs,
+                                                             std::span<const OperandDescriptor> outputs) const {
+    const RequestedKeys requested_inputs(inputs), requested_outputs(outputs);
+    const Choice choice = choose(handle, requested_inputs.keys(), requested_outputs.keys());
+    if (choice.match.cost != 0) return nullptr;
+    return choice.match.entry->materialiser().target<CpuKernelMaterialiser>();
 }
 
 void BackendDispatcher::adapt_input(BackendProcess& process, std::span<const OperandDescriptor> descriptors,

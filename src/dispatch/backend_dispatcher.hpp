@@ -62,7 +62,8 @@ public:
     const BackendAdaptationRegistry& adaptations() const noexcept { return *adaptations_; }
 
     // Cheapest registration over the backend kinds; ties go to cpu_scalar, then cpu_simd.
-    // Throws DispatchError no_backend_available when no kind has a candidate.
+    // Throws DispatchError no_backend_available when no kind has a candidate. Recent choices are
+    // remembered by handle and exact operand keys, so a repeated call shape skips the search.
     Choice choose(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
                   std::span<const BackendOperandKey> outputs) const;
 
@@ -70,6 +71,12 @@ public:
     // given in role order; bindings positions are inputs first, then outputs.
     BackendProcess dispatch(std::uint32_t handle, std::span<const OperandDescriptor> inputs,
                             std::span<const OperandDescriptor> outputs) const;
+
+    // The kernel that one execution runs when the chosen registration is a single CPU kernel whose
+    // operand keys match the request exactly (no adaptation); null otherwise, when dispatch()
+    // makes the process.
+    const CpuKernelMaterialiser* direct_kernel(std::uint32_t handle, std::span<const OperandDescriptor> inputs,
+                                               std::span<const OperandDescriptor> outputs) const;
 
     // Input adaptation steps go in front of the process (kept in build order).
     void adapt_input(BackendProcess& process, std::span<const OperandDescriptor> descriptors,
@@ -86,8 +93,13 @@ public:
                       std::span<const BackendOperandKey> registered) const;
 
 private:
+    class ChoiceCache;
+    Choice search(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
+                  std::span<const BackendOperandKey> outputs) const;
     const BackendRegistry* registry_;
     const BackendAdaptationRegistry* adaptations_;
+    // Shared by copies, which look at the same registries.
+    std::shared_ptr<ChoiceCache> cache_;
 };
 
 } // namespace quillmark

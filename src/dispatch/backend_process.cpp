@@ -119,11 +119,13 @@ void LaunchCpuKernelStep::execute(BackendExecutionSession& session, BackendExecu
 
 BackendMaterialiser cpu_kernel_materialiser(BackendKind backend, LaunchCpuKernelStep::Kernel kernel) {
     if (!kernel) throw std::invalid_argument("LaunchCpuKernelStep - kernel must not be empty");
-    return [backend, kernel = std::move(kernel)] {
-        BackendProcess process;
-        process.push_back(std::make_unique<LaunchCpuKernelStep>(backend, kernel));
-        return process;
-    };
+    return CpuKernelMaterialiser{backend, std::move(kernel)};
+}
+
+BackendProcess CpuKernelMaterialiser::operator()() const {
+    BackendProcess process;
+    process.push_back(std::make_unique<LaunchCpuKernelStep>(backend, kernel));
+    return process;
 }
 
 // ---- BackendProcess ----
@@ -138,7 +140,36 @@ struct SessionScope {
     SessionScope(const SessionScope&) = delete;
     SessionScope& operator=(const SessionScope&) = delete;
 };
+
+// Runs the steps inside the session; unless fail_fast, deferred work then completes, on success and
+// on failure alike, and a failure of the steps is rethrown after it.
+template <class Steps>
+void run_in_session(BackendExecutionSession& session, BackendExecutionBindings& bindings, bool fail_fast,
+                    Steps&& steps) {
+    std::exception_ptr failure;
+    {
+        SessionScope scope(session);
+        try {
+            steps();
+        } catch (...) {
+            failure = std::current_exception();
+        }
+    }
+
+    if (fail_fast) {
+        if (failure) std::rethrow_exception(failure);
+        return;
+    }
+    if (!failure && !bindings.has_deferred_work()) return;
+    bindings.complete_deferred_work(); // a failure here replaces the step's
+    if (failure) std::rethrow_exception(failure);
+}
 } // namespace
+
+void CpuKernelMaterialiser::launch(BackendExecutionSession& session, BackendExecutionBindings& bindings,
+                                   bool fail_fast) const {
+    run_in_session(session, bindings, fail_fast, [&] { with_cpu_context(session, backend, bindings, kernel); });
+}
 
 void BackendProcess::check_usable(const char* operation) const {
     if (unusable_) throw std::logic_error(std::string(operation) + kUnusableSuffix);
@@ -148,9 +179,8 @@ void BackendProcess::insert(std::unique_ptr<BackendProcessStep> step, bool front
     check_usable(front ? "BackendProcess::push_front" : "BackendProcess::push_back");
     if (!step)
         throw std::invalid_argument(front ? "BackendProcess::push_front - null step" : "BackendProcess::push_back - null step");
-    if (!steps_) steps_ = std::make_shared<StepList>();
-    if (front) steps_->push_front(std::move(step));
-    else steps_->push_back(std::move(step));
+    if (front) steps_.insert(steps_.begin(), std::move(step));
+    else steps_.push_back(std::move(step));
 }
 
 void BackendProcess::push_front(std::unique_ptr<BackendProcessStep> step) { insert(std::move(step), true); }
@@ -167,7 +197,7 @@ void BackendProcess::set_execution_plan(BackendExecutionPlan plan) {
 
 const BackendProcessStep& BackendProcess::step(std::size_t index) const {
     if (index >= step_count()) throw std::out_of_range("BackendProcess::step - step index is out of range");
-    return *(*steps_)[index];
+    return *steps_[index];
 }
 
 void BackendProcess::execute(BackendExecutionSession& session, BackendExecutionBindings& bindings, bool fail_fast) {
@@ -178,35 +208,15 @@ void BackendProcess::execute(BackendExecutionSession& session, BackendExecutionB
         bindings.install_pairs(plan_->pairs);
     }
 
-    std::exception_ptr failure;
-    {
-        SessionScope scope(session);
-        if (steps_) {
-            for (auto& step : *steps_) {
-                try {
-                    step->execute(session, bindings);
-                } catch (...) {
-                    failure = std::current_exception();
-                    break;
-                }
-            }
-        }
-    }
-
-    if (fail_fast) {
-        if (failure) std::rethrow_exception(failure);
-        return;
-    }
-    if (!failure && !bindings.has_deferred_work()) return;
-    bindings.complete_deferred_work(); // a failure here replaces the step's
-    if (failure) std::rethrow_exception(failure);
+    run_in_session(session, bindings, fail_fast, [&] {
+        for (auto& step : steps_) step->execute(session, bindings);
+    });
 }
 
 void BackendProcess::mark_unusable() noexcept {
     unusable_ = true;
-    if (!steps_) return;
-    for (auto& step : *steps_) (void)step.release();
-    steps_->clear();
+    for (auto& step : steps_) (void)step.release();
+    steps_.clear();
 }
 
 } // namespace quillmark

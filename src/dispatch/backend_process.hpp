@@ -3,7 +3,6 @@
 // steps work on, and the session that hands CPU steps their execution context.
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -43,6 +42,7 @@ public:
     BackendExecutionBindings& operator=(BackendExecutionBindings&&) noexcept = default;
     ~BackendExecutionBindings() = default;
 
+    void reserve(std::size_t positions) { slots_.reserve(positions); }
     // Append the next position; the return value is that position.
     std::size_t bind_read(const OperandEntity& operand);
     std::size_t bind_write(OperandEntity& operand);
@@ -166,7 +166,8 @@ struct BackendExecutionPlan {
 // A single-use, move-only list of steps with an optional plan.
 class BackendProcess {
 public:
-    using StepList = std::deque<std::unique_ptr<BackendProcessStep>>;
+    // Processes hold a handful of steps: a vector, with the rare front insertion shifting them.
+    using StepList = std::vector<std::unique_ptr<BackendProcessStep>>;
 
     BackendProcess() = default;
     BackendProcess(const BackendProcess&) = delete;
@@ -183,7 +184,7 @@ public:
     void mark_unusable() noexcept;
 
     bool unusable() const noexcept { return unusable_; }
-    std::size_t step_count() const noexcept { return steps_ ? steps_->size() : 0; }
+    std::size_t step_count() const noexcept { return steps_.size(); }
     bool empty() const noexcept { return step_count() == 0; }
     const std::optional<BackendExecutionPlan>& plan() const noexcept { return plan_; }
     // The step at an index (front is 0); for inspection only.
@@ -193,13 +194,24 @@ private:
     void check_usable(const char* operation) const;
     void insert(std::unique_ptr<BackendProcessStep> step, bool front);
 
-    std::shared_ptr<StepList> steps_;
+    StepList steps_;
     std::optional<BackendExecutionPlan> plan_;
     bool unusable_ = false;
 };
 
 // Produces a fresh process for one execution.
 using BackendMaterialiser = std::function<BackendProcess()>;
+
+// The materialiser of a process that is one LaunchCpuKernelStep. It is a named type so that a
+// dispatcher can recognise such a registration (std::function::target) and launch its kernel
+// directly, with the same session, failure and deferred-work handling as the process would have.
+struct CpuKernelMaterialiser {
+    BackendKind backend;
+    LaunchCpuKernelStep::Kernel kernel;
+
+    BackendProcess operator()() const;
+    void launch(BackendExecutionSession& session, BackendExecutionBindings& bindings, bool fail_fast) const;
+};
 
 // A materialiser whose process is the single LaunchCpuKernelStep of `kernel`.
 BackendMaterialiser cpu_kernel_materialiser(BackendKind backend, LaunchCpuKernelStep::Kernel kernel);

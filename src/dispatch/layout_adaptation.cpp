@@ -4,6 +4,7 @@
 #include "storage/storage_factory.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 #include <string>
 
@@ -82,6 +83,16 @@ template <class S> void transpose_tiled(const S* src, S* dst, std::uint64_t rows
     }
 }
 
+std::atomic<Complex64Relayout> installed_relayout{nullptr};
+
+template <class S> void relayout(const S* src, S* dst, std::uint64_t rows, std::uint64_t cols) noexcept {
+    if constexpr (std::is_same_v<S, std::complex<float>>) {
+        const Complex64Relayout kernel = installed_relayout.load(std::memory_order_acquire);
+        if (kernel && kernel(src, dst, rows, cols)) return;
+    }
+    transpose_tiled(src, dst, rows, cols);
+}
+
 // ---- entity-level dispatch ----
 
 enum class Conversion { to_split, to_interleaved, transpose, reverse_transpose };
@@ -126,10 +137,10 @@ void run_conversion(Conversion conversion, const LayoutBuffers& in, const Layout
                        count);
         return;
     case Conversion::transpose:
-        transpose_tiled(static_cast<const S*>(in.data), static_cast<S*>(out.data), rows, cols);
+        relayout(static_cast<const S*>(in.data), static_cast<S*>(out.data), rows, cols);
         return;
     case Conversion::reverse_transpose:
-        transpose_tiled(static_cast<const S*>(in.data), static_cast<S*>(out.data), cols, rows);
+        relayout(static_cast<const S*>(in.data), static_cast<S*>(out.data), cols, rows);
         return;
     }
 }
@@ -272,6 +283,10 @@ void transpose_copy(const std::complex<float>* s, std::complex<float>* d, std::u
 void transpose_copy(const std::complex<double>* s, std::complex<double>* d, std::uint64_t rows,
                     std::uint64_t cols) noexcept {
     transpose_tiled(s, d, rows, cols);
+}
+
+void install_complex64_relayout(Complex64Relayout kernel) noexcept {
+    installed_relayout.store(kernel, std::memory_order_release);
 }
 
 void convert_cpu_layout(const OperandEntity& source, OperandEntity& destination, const LayoutBufferResolver& buffers) {

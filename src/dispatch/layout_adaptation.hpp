@@ -17,6 +17,13 @@
 
 namespace quillmark {
 
+// A row-major -> column-major copy of rows x cols complex64 matrices (dst[j*rows + i] =
+// src[i*cols + j]) that the CPU backend installs, since dispatch cannot reach its vector
+// engines. It answers false when it cannot run here, and the portable loop copies instead.
+using Complex64Relayout = bool (*)(const std::complex<float>* src, std::complex<float>* dst, std::uint64_t rows,
+                                   std::uint64_t cols) noexcept;
+void install_complex64_relayout(Complex64Relayout kernel) noexcept;
+
 // Whether the CPU adapters bridge requested key A to registered key B.
 bool cpu_layout_can_adapt(const BackendOperandKey& requested, const BackendOperandKey& registered) noexcept;
 

@@ -1,6 +1,5 @@
 #include "frontend/context.hpp"
 
-#include <algorithm>
 #include <stdexcept>
 
 namespace quillmark {
@@ -9,20 +8,25 @@ QuillmarkContext::QuillmarkContext(std::shared_ptr<const SealedCatalogue> catalo
     : catalogue_(std::move(catalogue)), dispatcher_(catalogue_->backends, catalogue_->adaptations) {
     if (!catalogue_->operations.sealed())
         throw std::logic_error("QuillmarkContext - operation catalogue must be sealed");
-    table_.reserve(catalogue_->operations.size());
-    for (const OperationId& id : catalogue_->operations.operations())
-        table_.push_back({id.to_string(), &catalogue_->operations.lookup(id)});
-    std::sort(table_.begin(), table_.end(), [](const auto& a, const auto& b) { return a.canonical < b.canonical; });
+    const OperationRegistry& operations = catalogue_->operations;
+    by_handle_.resize(operations.size());
+    for (const OperationId& id : operations.operations()) {
+        const OperationSpec& spec = operations.lookup(id);
+        by_handle_.at(spec.handle() - 1) = &spec;
+    }
     runtime_ = std::make_shared<const CpuRuntimeContext>(std::move(runtime_options));
 }
 
 const OperationSpec& QuillmarkContext::lookup(const OperationId& id) const {
-    const std::string canonical = id.to_string();
-    auto it = std::lower_bound(table_.begin(), table_.end(), canonical,
-                               [](const TableEntry& e, const std::string& key) { return e.canonical < key; });
-    if (it == table_.end() || !(it->spec->id() == id))
-        throw std::out_of_range("QuillmarkContext - operation '" + canonical + "' is not registered");
-    return *it->spec;
+    if (!catalogue_->operations.contains(id))
+        throw std::out_of_range("QuillmarkContext - operation '" + id.to_string() + "' is not registered");
+    return catalogue_->operations.lookup(id);
+}
+
+const OperationSpec& QuillmarkContext::operation(std::uint32_t handle) const {
+    if (handle == 0 || handle > by_handle_.size())
+        throw std::out_of_range("QuillmarkContext - operation handle is not registered");
+    return *by_handle_[handle - 1];
 }
 
 } // namespace quillmark

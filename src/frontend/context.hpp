@@ -1,5 +1,6 @@
 #pragma once
 // The sealed result of a build and the execution context made over it.
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
@@ -29,22 +30,21 @@ class QuillmarkContext {
 public:
     QuillmarkContext(std::shared_ptr<const SealedCatalogue> catalogue, CpuRuntimeOptions runtime_options);
 
-    // Binary search by canonical text; throws std::out_of_range
-    // "QuillmarkContext - operation '<id>' is not registered".
+    // Throws std::out_of_range "QuillmarkContext - operation '<id>' is not registered" when the
+    // catalogue lacks the identifier (name and major version both).
     const OperationSpec& lookup(const OperationId& id) const;
+    // The operation with a handle of the sealed catalogue; throws std::out_of_range
+    // "QuillmarkContext - operation handle is not registered" otherwise.
+    const OperationSpec& operation(std::uint32_t handle) const;
 
     const SealedCatalogue& catalogue() const noexcept { return *catalogue_; }
     const BackendDispatcher& dispatcher() const noexcept { return dispatcher_; }
     const std::shared_ptr<const CpuRuntimeContext>& runtime() const noexcept { return runtime_; }
 
 private:
-    struct TableEntry {
-        std::string canonical;
-        const OperationSpec* spec;
-    };
     std::shared_ptr<const SealedCatalogue> catalogue_;
     BackendDispatcher dispatcher_;
-    std::vector<TableEntry> table_;
+    std::vector<const OperationSpec*> by_handle_; // handle h at h - 1
     std::shared_ptr<const CpuRuntimeContext> runtime_;
 };
 

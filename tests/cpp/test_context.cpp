@@ -176,3 +176,30 @@ TEST(ContextBuilder, BuildValidationAndSealing) {
     EXPECT_EQ(message_of<std::logic_error>([&] { builder.load_plugin("x.so"); }),
               "QuillmarkContextBuilder::load_plugin - builder has already been sealed");
 }
+
+TEST_F(ContextExecution, DescribedOperandsRunAndAreCheckedLikeBindings) {
+    std::vector<double> x{1, 4, 9}, out{9, 9, 9};
+    Vec64 vx(x.data(), 3), vo(out.data(), 3);
+    const OperationSpec& sqrt = context.lookup(id("quillmark.sqrt@1"));
+    EXPECT_EQ(&context.operation(sqrt.handle()), &sqrt);
+    const std::vector<OperandDescriptor> described{describe_operand(vx, input_role(0)),
+                                                   describe_operand(vo, output_role(0))};
+
+    const std::vector<OperationBindings::Binding> read_only{{&vx, nullptr}, {&vo, nullptr}};
+    EXPECT_EQ(message_of<std::invalid_argument>([&] { executor.execute(sqrt, described, read_only); }),
+              "QuillmarkExecutor::execute - writable binding Output0 is const for operation 'quillmark.sqrt@1'");
+    const std::vector<OperationBindings::Binding> one{{&vx, nullptr}};
+    EXPECT_EQ(message_of<std::invalid_argument>([&] { executor.execute(sqrt, described, one); }),
+              "QuillmarkExecutor::execute - binding arity does not match operation 'quillmark.sqrt@1'");
+    EXPECT_EQ(out, (std::vector<double>{9, 9, 9}));
+
+    // Repeated calls take the remembered choice and still land in the bound memory.
+    const std::vector<OperationBindings::Binding> bound{{&vx, nullptr}, {&vo, &vo}};
+    for (int i = 0; i < 2; ++i) {
+        executor.execute(sqrt, described, bound);
+        EXPECT_EQ(out, (std::vector<double>{1, 2, 3}));
+        out.assign(3, 0);
+    }
+    EXPECT_EQ(message_of<std::out_of_range>([&] { context.operation(0); }),
+              "QuillmarkContext - operation handle is not registered");
+}

@@ -280,6 +280,49 @@ TEST(BackendDispatcher, RequiresSealedRegistryAndSupportedAdaptation) {
     EXPECT_TRUE(p.empty());
 }
 
+TEST(BackendDispatcher, RemembersAChoiceOnlyWhileTheAdaptersAreUnchanged) {
+    // cpu_scalar is registered for pinned memory, cpu_simd for float64: a pageable float32 request
+    // reaches either only through an adapter, and each adapter bridges one difference.
+    Fixture f;
+    f.add(BackendKind::cpu_scalar, vec(float32, {}, Location::pinned_host), vec(float32), "scalar");
+    f.add(BackendKind::cpu_simd, vec(float64), vec(float32), "simd");
+    f.r.seal(f.cat.registry);
+    const auto bridging = [](bool (*differs)(const Key&, const Key&)) {
+        return BackendAdapter{differs, [](std::size_t, const OperandDescriptor&, const Key&, const Key&) {
+                                  return AdaptationSteps{};
+                              }};
+    };
+    BackendAdaptationRegistry adapters;
+    adapters.add_output_adapter(bridging([](const Key& a, const Key& b) { return a.kind == b.kind; }));
+    adapters.add_input_adapter(bridging([](const Key& a, const Key& b) { return a.storage != b.storage; }));
+    BackendDispatcher dispatcher(f.r, adapters);
+    const std::vector<OperandDescriptor> d{vector_descriptor(float32)};
+    const auto run = [&](BackendProcess p) {
+        BackendExecutionSession session;
+        BackendExecutionBindings bindings;
+        p.execute(session, bindings, true);
+    };
+    for (int i = 0; i < 2; ++i) run(dispatcher.dispatch(1, d, d));
+    EXPECT_EQ(f.log, (std::vector<std::string>{"simd", "simd"}));
+    EXPECT_EQ(dispatcher.direct_kernel(1, d, d), nullptr); // an adaptation is needed
+
+    // Now both cost one adaptation, and the tie goes to cpu_scalar.
+    adapters.add_input_adapter(bridging([](const Key& a, const Key& b) { return a.location != b.location; }));
+    run(dispatcher.dispatch(1, d, d));
+    EXPECT_EQ(f.log.back(), "scalar");
+
+    // An exact request runs its kernel without a process.
+    OperandDescriptor pinned = vector_descriptor(float32);
+    pinned.location = Location::pinned_host;
+    const CpuKernelMaterialiser* kernel = dispatcher.direct_kernel(1, std::vector{pinned}, d);
+    ASSERT_NE(kernel, nullptr);
+    BackendExecutionSession session;
+    BackendExecutionBindings bindings;
+    kernel->launch(session, bindings, false);
+    EXPECT_EQ(f.log.back(), "scalar");
+    EXPECT_FALSE(session.active());
+}
+
 // ---- Result policy ----
 
 TEST(ResultPolicy, RequestShapeIsCheckedFirst) {

@@ -278,7 +278,9 @@ TEST(ImplementationRecord, ResolvedDerivesWidenedPrecision) {
     const auto widened = r.resolved(ScalarType::float32, ScalarType::float32);
     EXPECT_EQ(widened.precision.accumulation_dtype, "float64");
     EXPECT_EQ(widened.resolved(ScalarType::float32, ScalarType::float32), widened);
-    EXPECT_EQ(widened.precision.notes.size(), 1u);
+    EXPECT_EQ(widened.precision.notes,
+              (Strings{"Values are loaded from float32 storage, computed in float64, and rounded once to the output "
+                       "storage type."}));
 
     for (PrecisionMode mode : {PrecisionMode::native, PrecisionMode::unknown, PrecisionMode::not_applicable}) {
         r.precision = {mode, std::nullopt, ReductionOrder::sequential, {}};

@@ -8,20 +8,37 @@
 
 #include "backend/cpu/fallback_complex_eigen_solver.hpp"
 #include "backend/cpu/floating_point_kernels.hpp"
+#include "backend/cpu/cpu_kernel_registration_table.hpp"
 #include "backend/cpu/structured_solver.hpp"
-#include "catalogue/builtin_operations.hpp"
-#include "catalogue/numerics.hpp"
-#include "catalogue/symbolic_expression.hpp"
-#include "dispatch/backend_process.hpp"
+#include "dispatch/layout_adaptation.hpp"
 #include "storage/access.hpp"
 
 namespace quillmark {
+namespace cpu_registration {
+
+BackendOperandKey key_of(OperandKind kind, ScalarType storage, ScalarType compute, ComplexLayout complex,
+                         MatrixLayout layout) {
+    OperandDescriptor d;
+    d.kind = kind;
+    d.dtype = DataTypeDescriptor(storage, compute);
+    d.complex_layout = complex;
+    d.matrix_layout = layout;
+    return operand_key(d);
+}
+
+void register_rows(BackendRegistry& registry, BackendKind backend, const RegistrationProvenance& provenance,
+                   std::vector<Registration> rows) {
+    for (Registration& r : rows)
+        registry.register_backend(
+            BackendRegistryKey(backend, builtin_operation_id(r.operation), std::move(r.inputs), std::move(r.outputs)),
+            cpu_kernel_materialiser(backend, std::move(r.kernel)), provenance, std::move(r.numerics));
+}
+
 namespace {
 
 using Op = BuiltinOperation;
-using Kernel = LaunchCpuKernelStep::Kernel;
-using Numerics = std::shared_ptr<const ImplementationNumerics>;
-constexpr std::string_view kLabel = "CPU floating kernel";
+using namespace cpu_records;
+constexpr std::string_view kLabel = kKernelLabel;
 
 // ---------------------------------------------------------------------------------------------
 // Dtypes of the operands around a policy.
@@ -43,16 +60,6 @@ ScalarType complex_of(ScalarType t) {
     case ScalarType::float64: return ScalarType::complex128;
     default: return t;
     }
-}
-
-BackendOperandKey key_of(OperandKind kind, ScalarType storage, ScalarType compute, ComplexLayout complex,
-                         MatrixLayout layout) {
-    OperandDescriptor d;
-    d.kind = kind;
-    d.dtype = DataTypeDescriptor(storage, compute);
-    d.complex_layout = complex;
-    d.matrix_layout = layout;
-    return operand_key(d);
 }
 
 template <class P> struct Policy {
@@ -104,16 +111,6 @@ BackendOperandKey flag_key() {
 
 // ---------------------------------------------------------------------------------------------
 // Operands of one execution, fetched once per call as typed views.
-
-OperandEntity& input(BackendExecutionBindings& b, std::size_t position) {
-    return const_cast<OperandEntity&>(b.operand(position)); // kernels only read their inputs
-}
-
-OperandEntity& output(BackendExecutionBindings& b, std::size_t position) {
-    OperandEntity* entity = b.mutable_operand(position);
-    if (!entity) throw std::invalid_argument("CPU floating kernel - mutable operand required");
-    return *entity;
-}
 
 template <class P> typename Policy<P>::Ops::Vector vec(OperandEntity& e) {
     if constexpr (Policy<P>::complex) return split_vector_view<typename Policy<P>::T>(e, kLabel);
@@ -349,295 +346,151 @@ template <class P> Kernel principal_eigenvector_kernel() {
 }
 
 // ---------------------------------------------------------------------------------------------
-// Implementation records.
+// The scalar backend's table.
 
-SymbolicExpression in_dim(std::uint32_t index, std::uint32_t axis) { return dim(input_role(index), axis); }
-SymbolicExpression out_dim(std::uint32_t index, std::uint32_t axis) { return dim(output_role(index), axis); }
-SymbolicExpression cube(SymbolicExpression n) {
-    return SymbolicExpression::make_operator(ExpressionKind::power, {std::move(n), lit(3)});
-}
-SymbolicExpression square(SymbolicExpression n) {
-    return SymbolicExpression::make_operator(ExpressionKind::power, {std::move(n), lit(2)});
-}
+template <class P> RecordPolicy record_policy() { return {P::storage_scalar, P::compute_scalar}; }
 
-struct Record {
-    const char* algorithm;
-    Stability stability;
-    SymbolicExpression work;
-    SymbolicExpression space = lit(0);
-    ReductionOrder order = ReductionOrder::not_applicable;
-    std::vector<std::string> notes = {};
-};
-
-template <class P> Numerics generic_record(Record r) {
-    ImplementationNumerics n;
-    n.algorithm = r.algorithm;
-    n.stability = r.stability;
-    n.complexity.work = std::move(r.work);
-    n.complexity.auxiliary_space = std::move(r.space);
-    n.precision.mode = Policy<P>::reduced ? PrecisionMode::widened : PrecisionMode::native;
-    n.precision.accumulation_dtype = std::string(scalar_name(P::compute_scalar));
-    n.precision.reduction_order = r.order;
-    n.notes = std::move(r.notes);
-    return std::make_shared<const ImplementationNumerics>(std::move(n));
-}
-
-template <class P> bool single_precision() { return std::is_same_v<typename Policy<P>::R, float>; }
-
-// LU family: native, or mixed for the reduced-storage policies.
-template <class P> Numerics lu_record(const char* algorithm, SymbolicExpression work, SymbolicExpression space) {
-    ImplementationNumerics n;
-    n.algorithm = algorithm;
-    n.stability = Stability::backward_stable;
-    n.complexity.work = std::move(work);
-    n.complexity.auxiliary_space = std::move(space);
-    n.precision.mode = Policy<P>::reduced ? PrecisionMode::mixed : PrecisionMode::native;
-    n.precision.accumulation_dtype = std::string(scalar_name(P::compute_scalar));
-    n.precision.reduction_order = ReductionOrder::sequential;
-    return std::make_shared<const ImplementationNumerics>(std::move(n));
-}
-
-// Jacobi, slogdet and Cholesky: single precision accumulates in double.
-template <class P>
-Numerics widened_record(const char* algorithm, SymbolicExpression work, SymbolicExpression space,
-                        std::vector<std::string> notes = {}, std::vector<AlgorithmParameter> parameters = {}) {
-    ImplementationNumerics n;
-    n.algorithm = algorithm;
-    n.stability = Stability::backward_stable;
-    n.complexity.work = std::move(work);
-    n.complexity.auxiliary_space = std::move(space);
-    const bool single = single_precision<P>();
-    n.precision.mode = single ? PrecisionMode::widened : PrecisionMode::native;
-    n.precision.accumulation_dtype = single ? (Policy<P>::complex ? "complex128" : "float64")
-                                            : std::string(scalar_name(P::compute_scalar));
-    n.precision.reduction_order = ReductionOrder::sequential;
-    n.parameters = std::move(parameters);
-    n.notes = std::move(notes);
-    return std::make_shared<const ImplementationNumerics>(std::move(n));
-}
-
-template <class P> Numerics eigen_record(const char* algorithm) {
-    const bool single = single_precision<P>();
-    // Double defaults are the single ones scaled by the epsilon ratio 2^-29.
-    const double convergence = static_cast<double>(1e-4f);
-    const double residual = 0.001;
-    const double scale = single ? 1.0 : std::ldexp(1.0, -29);
-    ImplementationNumerics n;
-    n.algorithm = algorithm;
-    n.stability = Stability::not_guaranteed;
-    n.complexity.work = product_of({lit(10), cube(in_dim(0, 0))});
-    n.complexity.auxiliary_space = product_of({lit(3), square(in_dim(0, 0))});
-    n.precision.mode = single ? PrecisionMode::mixed : PrecisionMode::native;
-    n.precision.accumulation_dtype = "complex128";
-    n.precision.reduction_order = ReductionOrder::sequential;
-    n.parameters = {
-        {"maximum_iterations", std::int64_t{256}, "Per active dimension."},
-        {"convergence_tolerance", convergence * scale, "Relative deflation tolerance."},
-        {"residual_tolerance", residual * scale, "Normalised right-eigenpair residual."},
-    };
-    n.notes = {"Real inputs are embedded in complex working storage; output precision follows the signature."};
-    return std::make_shared<const ImplementationNumerics>(std::move(n));
-}
-
-// ---------------------------------------------------------------------------------------------
-// Registration.
-
-class Registrar {
-public:
-    Registrar(BackendRegistry& registry, const RegistrationProvenance& provenance)
-        : registry_(registry), provenance_(provenance) {}
-
-    void add(Op op, std::vector<BackendOperandKey> inputs, std::vector<BackendOperandKey> outputs, Kernel kernel,
-             Numerics numerics) {
-        registry_.register_backend(
-            BackendRegistryKey(BackendKind::cpu_scalar, builtin_operation_id(op), std::move(inputs), std::move(outputs)),
-            cpu_kernel_materialiser(BackendKind::cpu_scalar, std::move(kernel)), provenance_, std::move(numerics));
-    }
-
-private:
-    BackendRegistry& registry_;
-    const RegistrationProvenance& provenance_;
+// The view makers that kernel arguments are fetched with.
+template <class P> struct Views {
+    static constexpr auto V = &vec<P>;
+    static constexpr auto M = &mat<P>;
+    static constexpr auto S = &sca<P>;
+    static constexpr auto RS = &real_sca<P>;
+    static constexpr auto F = &flag;
 };
 
 // The operations that the int32 policy serves too.
-template <class P> void register_common(Registrar& r) {
+template <class P> void common_rows(std::vector<Registration>& rows) {
     using K = typename Policy<P>::K;
     using Pol = Policy<P>;
-    const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar();
+    const RecordPolicy rp = record_policy<P>();
+    const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar(), f = flag_key();
     const Stability arithmetic = Pol::integer ? Stability::exact : Stability::backward_stable;
     const SymbolicExpression length = in_dim(0, 0);
-    auto binary = [&](Op op, void (*f)(const typename Pol::Ops::Vector&, const typename Pol::Ops::Vector&,
-                                       const typename Pol::Ops::Vector&, const CpuRuntimeContext*)) {
-        r.add(op, {v, v}, {v},
-              [f](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-                  f(vec<P>(input(b, 0)), vec<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
-              },
-              generic_record<P>({"cpu.elementwise", arithmetic, length}));
+    using Vw = Views<P>;
+    constexpr auto V = Vw::V, M = Vw::M, S = Vw::S, F = Vw::F;
+    const Numerics elementwise = generic_record(rp, {"cpu.elementwise", arithmetic, length});
+    const Numerics transpose = generic_record(
+        rp, {"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})});
+    auto reduction = [&](SymbolicExpression work) {
+        return generic_record(rp, {"cpu.blocked_pairwise_reduction", arithmetic, std::move(work), lit(0),
+                                   ReductionOrder::pairwise});
     };
-    binary(Op::multiply, &K::multiply);
-    binary(Op::add, &K::add);
-    binary(Op::subtract, &K::subtract);
 
-    r.add(Op::sum, {v}, {s},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::sum(vec<P>(input(b, 0)), sca<P>(output(b, 1)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.blocked_pairwise_reduction", arithmetic, length, lit(0), ReductionOrder::pairwise}));
-    r.add(Op::scale, {v, s}, {v},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::scale(vec<P>(input(b, 0)), sca<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.elementwise", arithmetic, length}));
-    r.add(Op::transpose, {m}, {m},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::transpose(mat<P>(input(b, 0)), mat<P>(output(b, 1)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})}));
-    r.add(Op::matmul, {m, m}, {m},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::matmul(mat<P>(input(b, 0)), mat<P>(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.classical_gemm", arithmetic, product_of({lit(2), in_dim(0, 0), in_dim(0, 1), in_dim(1, 1)}),
-                             sum_of({product_of({in_dim(0, 0), in_dim(0, 1)}), product_of({in_dim(1, 0), in_dim(1, 1)})}),
-                             ReductionOrder::sequential}));
-    r.add(Op::matvec, {m, v}, {v},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::matvec(mat<P>(input(b, 0)), vec<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.classical_gemv", arithmetic, product_of({lit(2), in_dim(0, 0), in_dim(0, 1)}), lit(0),
-                             ReductionOrder::pairwise}));
-    r.add(Op::kron, {m, m}, {m},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::kron(mat<P>(input(b, 0)), mat<P>(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.kronecker_product", arithmetic, product_of({out_dim(0, 0), out_dim(0, 1)})}));
-    r.add(Op::inner, {v, v}, {s},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::inner(vec<P>(input(b, 0)), vec<P>(input(b, 1)), sca<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.blocked_pairwise_reduction", arithmetic, product_of({lit(2), length}), lit(0),
-                             ReductionOrder::pairwise}));
-    r.add(Op::outer, {v, v}, {m},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::outer(vec<P>(input(b, 0)), vec<P>(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.outer_product", arithmetic, product_of({in_dim(0, 0), in_dim(1, 0)})}));
-    r.add(Op::trace, {m}, {s},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::trace(mat<P>(input(b, 0)), sca<P>(output(b, 1)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.blocked_pairwise_reduction", arithmetic,
-                             SymbolicExpression::make_operator(ExpressionKind::minimum, {in_dim(0, 0), in_dim(0, 1)}),
-                             lit(0), ReductionOrder::pairwise}));
-    r.add(Op::eye, {}, {m},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) { K::eye(mat<P>(output(b, 0)), ctx.runtime()); },
-          generic_record<P>({"cpu.identity_fill", Stability::exact, square(out_dim(0, 0))}));
-    r.add(Op::vector_equal, {v, v}, {flag_key()},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::vector_equal(vec<P>(input(b, 0)), vec<P>(input(b, 1)), flag(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.componentwise_comparison", Stability::exact, length}));
+    rows.push_back({Op::multiply, {v, v}, {v}, bound<&K::multiply, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::add, {v, v}, {v}, bound<&K::add, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::subtract, {v, v}, {v}, bound<&K::subtract, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::sum, {v}, {s}, bound<&K::sum, In<V, 0>, Out<S, 1>>(), reduction(length)});
+    rows.push_back({Op::scale, {v, s}, {v}, bound<&K::scale, In<V, 0>, In<S, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::transpose, {m}, {m}, bound<&K::transpose, In<M, 0>, Out<M, 1>>(), transpose});
+    rows.push_back({Op::matmul, {m, m}, {m}, bound<&K::matmul, In<M, 0>, In<M, 1>, Out<M, 2>>(),
+                    generic_record(rp, {"cpu.classical_gemm", arithmetic,
+                                        product_of({lit(2), in_dim(0, 0), in_dim(0, 1), in_dim(1, 1)}),
+                                        sum_of({product_of({in_dim(0, 0), in_dim(0, 1)}),
+                                                product_of({in_dim(1, 0), in_dim(1, 1)})}),
+                                        ReductionOrder::sequential})});
+    rows.push_back({Op::matvec, {m, v}, {v}, bound<&K::matvec, In<M, 0>, In<V, 1>, Out<V, 2>>(),
+                    generic_record(rp, {"cpu.classical_gemv", arithmetic, product_of({lit(2), in_dim(0, 0), in_dim(0, 1)}),
+                                        lit(0), ReductionOrder::pairwise})});
+    rows.push_back({Op::kron, {m, m}, {m}, bound<&K::kron, In<M, 0>, In<M, 1>, Out<M, 2>>(),
+                    generic_record(rp, {"cpu.kronecker_product", arithmetic, product_of({out_dim(0, 0), out_dim(0, 1)})})});
+    rows.push_back({Op::inner, {v, v}, {s}, bound<&K::inner, In<V, 0>, In<V, 1>, Out<S, 2>>(),
+                    reduction(product_of({lit(2), length}))});
+    rows.push_back({Op::outer, {v, v}, {m}, bound<&K::outer, In<V, 0>, In<V, 1>, Out<M, 2>>(),
+                    generic_record(rp, {"cpu.outer_product", arithmetic, product_of({in_dim(0, 0), in_dim(1, 0)})})});
+    rows.push_back({Op::trace, {m}, {s}, bound<&K::trace, In<M, 0>, Out<S, 1>>(),
+                    reduction(SymbolicExpression::make_operator(ExpressionKind::minimum, {in_dim(0, 0), in_dim(0, 1)}))});
+    rows.push_back({Op::eye, {}, {m}, bound<&K::eye, Out<M, 0>>(),
+                    generic_record(rp, {"cpu.identity_fill", Stability::exact, square(out_dim(0, 0))})});
+    rows.push_back({Op::vector_equal, {v, v}, {f}, bound<&K::vector_equal, In<V, 0>, In<V, 1>, Out<F, 2>>(),
+                    generic_record(rp, {"cpu.componentwise_comparison", Stability::exact, length})});
 }
 
-template <class P> void register_floating(Registrar& r) {
+template <class P> void floating_rows(std::vector<Registration>& rows) {
     using K = typename Policy<P>::K;
     using Pol = Policy<P>;
-    register_common<P>(r);
-    const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar();
+    common_rows<P>(rows);
+    const RecordPolicy rp = record_policy<P>();
+    const auto v = Pol::vector(), m = Pol::matrix(), s = Pol::scalar(), f = flag_key();
     const SymbolicExpression length = in_dim(0, 0), order = in_dim(0, 0);
     const Stability bs = Stability::backward_stable;
+    using Vw = Views<P>;
+    constexpr auto V = Vw::V, M = Vw::M, S = Vw::S, RS = Vw::RS, F = Vw::F;
+    const Numerics elementwise = generic_record(rp, {"cpu.elementwise", bs, length});
+    const Numerics partial = generic_record(
+        rp, {"cpu.partial_trace", bs, product_of({in_dim(0, 0), out_dim(0, 0)}), lit(0), ReductionOrder::sequential});
 
-    r.add(Op::sqrt, {v}, {v},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::sqrt(vec<P>(input(b, 0)), vec<P>(output(b, 1)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.elementwise", bs, length}));
-    r.add(Op::conjugate, {}, {v},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) { K::conjugate(vec<P>(output(b, 0)), ctx.runtime()); },
-          generic_record<P>({"cpu.elementwise", Stability::exact, out_dim(0, 0)}));
-    r.add(Op::norm, {v}, {Pol::real_scalar()},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::norm(vec<P>(input(b, 0)), real_sca<P>(output(b, 1)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.scaled_euclidean_norm", bs, length, lit(0), ReductionOrder::pairwise}));
-    r.add(Op::divide, {v, s}, {v},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::divide(vec<P>(input(b, 0)), sca<P>(input(b, 1)), vec<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.elementwise", bs, length}));
-    r.add(Op::adjoint, {m}, {m},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::adjoint(mat<P>(input(b, 0)), mat<P>(output(b, 1)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})}));
-    auto partial = [&](Op op, void (*f)(const typename Pol::Ops::Matrix&, const typename Pol::Ops::Matrix&,
-                                        const CpuRuntimeContext*)) {
-        r.add(op, {m}, {m},
-              [f](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-                  f(mat<P>(input(b, 0)), mat<P>(output(b, 1)), ctx.runtime());
-              },
-              generic_record<P>({"cpu.partial_trace", bs, product_of({in_dim(0, 0), out_dim(0, 0)}), lit(0),
-                                 ReductionOrder::sequential}));
-    };
-    partial(Op::partial_trace_left, &K::partial_trace_left);
-    partial(Op::partial_trace_right, &K::partial_trace_right);
-    r.add(Op::matrix_power, {m, flag_key()}, {m},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::matrix_power(mat<P>(input(b, 0)), flag(input(b, 1)), mat<P>(output(b, 2)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.classical_gemm", bs,
-                             product_of({lit(2), cube(order),
-                                         SymbolicExpression::make_operator(
-                                             ExpressionKind::log2, {sum_of({SymbolicExpression::operand_value(input_role(1)), lit(1)})})}),
-                             product_of({lit(3), square(order)}), ReductionOrder::sequential,
-                             {"Intermediate matrices use the compute dtype; only the final output is rounded."}}));
-    r.add(Op::is_unitary, {m}, {flag_key()},
-          [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
-              K::is_unitary(mat<P>(input(b, 0)), flag(output(b, 1)), ctx.runtime());
-          },
-          generic_record<P>({"cpu.unitarity_check", bs, product_of({lit(2), cube(order)}), square(order),
-                             ReductionOrder::sequential}));
+    rows.push_back({Op::sqrt, {v}, {v}, bound<&K::sqrt, In<V, 0>, Out<V, 1>>(), elementwise});
+    rows.push_back({Op::conjugate, {}, {v}, bound<&K::conjugate, Out<V, 0>>(),
+                    generic_record(rp, {"cpu.elementwise", Stability::exact, out_dim(0, 0)})});
+    rows.push_back({Op::norm, {v}, {Pol::real_scalar()}, bound<&K::norm, In<V, 0>, Out<RS, 1>>(),
+                    generic_record(rp, {"cpu.scaled_euclidean_norm", bs, length, lit(0), ReductionOrder::pairwise})});
+    rows.push_back({Op::divide, {v, s}, {v}, bound<&K::divide, In<V, 0>, In<S, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::adjoint, {m}, {m}, bound<&K::adjoint, In<M, 0>, Out<M, 1>>(),
+                    generic_record(rp, {"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})})});
+    rows.push_back({Op::partial_trace_left, {m}, {m}, bound<&K::partial_trace_left, In<M, 0>, Out<M, 1>>(), partial});
+    rows.push_back({Op::partial_trace_right, {m}, {m}, bound<&K::partial_trace_right, In<M, 0>, Out<M, 1>>(), partial});
+    rows.push_back({Op::matrix_power, {m, f}, {m}, bound<&K::matrix_power, In<M, 0>, In<F, 1>, Out<M, 2>>(),
+                    generic_record(rp, {"cpu.classical_gemm", bs,
+                                        product_of({lit(2), cube(order),
+                                                    SymbolicExpression::make_operator(
+                                                        ExpressionKind::log2,
+                                                        {sum_of({SymbolicExpression::operand_value(input_role(1)), lit(1)})})}),
+                                        product_of({lit(3), square(order)}), ReductionOrder::sequential,
+                                        {"Intermediate matrices use the compute dtype; only the final output is rounded."}})});
+    rows.push_back({Op::is_unitary, {m}, {f}, bound<&K::is_unitary, In<M, 0>, Out<F, 1>>(),
+                    generic_record(rp, {"cpu.unitarity_check", bs, product_of({lit(2), cube(order)}), square(order),
+                                        ReductionOrder::sequential})});
 
     const SymbolicExpression n_lu = out_dim(0, 0), n_in = in_dim(0, 0);
-    const SymbolicExpression lu_work = SymbolicExpression::make_operator(
-        ExpressionKind::divide, {product_of({lit(2), cube(n_lu)}), lit(3)});
-    r.add(Op::lu_factor, {}, {Pol::lu()}, lu_factor_kernel<P>(),
-          lu_record<P>("cpu.partial_pivoting_lu", lu_work, Pol::reduced ? square(n_lu) : lit(0)));
-    r.add(Op::solve, {Pol::lu()}, {v}, solve_kernel<P>(),
-          lu_record<P>("cpu.triangular_substitution", product_of({lit(2), square(n_in)}), n_in));
-    r.add(Op::logdet, {Pol::lu()}, {Pol::log_scalar()}, logdet_kernel<P>(),
-          lu_record<P>("cpu.lu_logdet", n_in, lit(0)));
-
     const SymbolicExpression dense_lu =
         SymbolicExpression::make_operator(ExpressionKind::divide, {product_of({lit(2), cube(order)}), lit(3)});
-    r.add(Op::slogdet, {m}, {s, Pol::real_scalar()}, slogdet_kernel<P>(),
-          widened_record<P>("cpu.partial_pivoting_slogdet", dense_lu, square(order)));
-    r.add(Op::logdet_positive_definite, {m}, {Pol::real_scalar()}, logdet_positive_definite_kernel<P>(),
-          widened_record<P>("cpu.cholesky_logdet",
-                            SymbolicExpression::make_operator(ExpressionKind::divide, {cube(order), lit(3)}),
-                            square(order)));
+    rows.push_back({Op::lu_factor, {}, {Pol::lu()}, lu_factor_kernel<P>(),
+                    lu_record(rp, "cpu.partial_pivoting_lu",
+                              SymbolicExpression::make_operator(ExpressionKind::divide,
+                                                                {product_of({lit(2), cube(n_lu)}), lit(3)}),
+                              Pol::reduced ? square(n_lu) : lit(0))});
+    rows.push_back({Op::solve, {Pol::lu()}, {v}, solve_kernel<P>(),
+                    lu_record(rp, "cpu.triangular_substitution", product_of({lit(2), square(n_in)}), n_in)});
+    rows.push_back({Op::logdet, {Pol::lu()}, {Pol::log_scalar()}, logdet_kernel<P>(),
+                    lu_record(rp, "cpu.lu_logdet", n_in, lit(0))});
+    rows.push_back({Op::slogdet, {m}, {s, Pol::real_scalar()}, slogdet_kernel<P>(),
+                    widened_record(rp, "cpu.partial_pivoting_slogdet", dense_lu, square(order))});
+    rows.push_back({Op::logdet_positive_definite, {m}, {Pol::real_scalar()}, logdet_positive_definite_kernel<P>(),
+                    widened_record(rp, "cpu.cholesky_logdet",
+                                   SymbolicExpression::make_operator(ExpressionKind::divide, {cube(order), lit(3)}),
+                                   square(order))});
     const std::vector<AlgorithmParameter> sweeps = {
         {"maximum_sweeps", std::int64_t{64}, "Cyclic Jacobi sweep limit, configured at build time."}};
     const std::vector<std::string> jacobi_note = {
         "Input is copied before factorisation; real inputs use real working storage."};
     const SymbolicExpression jacobi_work = product_of({sym("sweeps"), lit(4), cube(order)});
-    r.add(Op::eigh, {m}, {Pol::real_vector(), m}, hermitian_kernel<P, true>(),
-          widened_record<P>("cpu.hermitian_jacobi", jacobi_work, product_of({lit(2), square(order)}), jacobi_note,
-                            sweeps));
-    r.add(Op::eigvalsh, {m}, {Pol::real_vector()}, hermitian_kernel<P, false>(),
-          widened_record<P>("cpu.hermitian_jacobi", jacobi_work, square(order), jacobi_note, sweeps));
-
-    r.add(Op::eig, {m}, {Pol::eigen()}, eig_kernel<P>(), eigen_record<P>("cpu.balanced_shifted_qr"));
-    r.add(Op::principal_eigenvector, {m}, {v}, principal_eigenvector_kernel<P>(),
-          eigen_record<P>("cpu.balanced_shifted_qr.principal_selection"));
+    rows.push_back({Op::eigh, {m}, {Pol::real_vector(), m}, hermitian_kernel<P, true>(),
+                    widened_record(rp, "cpu.hermitian_jacobi", jacobi_work, product_of({lit(2), square(order)}),
+                                   jacobi_note, sweeps)});
+    rows.push_back({Op::eigvalsh, {m}, {Pol::real_vector()}, hermitian_kernel<P, false>(),
+                    widened_record(rp, "cpu.hermitian_jacobi", jacobi_work, square(order), jacobi_note, sweeps)});
+    rows.push_back({Op::eig, {m}, {Pol::eigen()}, eig_kernel<P>(), eigen_record(rp, "cpu.balanced_shifted_qr")});
+    rows.push_back({Op::principal_eigenvector, {m}, {v}, principal_eigenvector_kernel<P>(),
+                    eigen_record(rp, "cpu.balanced_shifted_qr.principal_selection")});
 }
 
 } // namespace
 
+std::vector<Registration> scalar_registrations() {
+    std::vector<Registration> rows;
+    for_each_floating_policy([&](auto policy) { floating_rows<decltype(policy)>(rows); });
+    common_rows<PolicyI32>(rows);
+    return rows;
+}
+
+} // namespace cpu_registration
+
 void register_cpu_backends(BackendRegistry& registry, const RegistrationProvenance& provenance) {
-    Registrar r(registry, provenance);
-    for_each_floating_policy([&](auto policy) { register_floating<decltype(policy)>(r); });
-    register_common<PolicyI32>(r);
+    using namespace cpu_registration;
+    register_rows(registry, BackendKind::cpu_scalar, provenance, scalar_registrations());
+    register_rows(registry, BackendKind::cpu_simd, provenance, simd_registrations());
+    install_complex64_relayout(&simd_relayout);
 }
 
 } // namespace quillmark

@@ -5,7 +5,7 @@
 #include <functional>
 #include <new>
 
-#include "backend/cpu/gemm_microkernels.hpp"
+#include "backend/cpu/simd_isa_config.hpp"
 #include "backend/cpu/kernel_variants.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 #include "runtime/simd_selection.hpp"
@@ -39,16 +39,18 @@ template <class R> GemmKernelInfo<R> portable_kernel() {
     else return {"portable", 4, 8, 128, 256, 2048, &portable_tile<R, 4, 8>};
 }
 
+template <class R> GemmKernelInfo<R> from_config(std::string_view name, const GemmBlocking& b, GemmMicroKernel<R> k) {
+    return {name, b.mr, b.nr, b.mc, b.kc, b.nc, k};
+}
+
 template <class R> std::vector<GemmKernelInfo<R>> simd_kernels(bool avx2, bool avx512) {
     std::vector<GemmKernelInfo<R>> out;
     if constexpr (std::is_same_v<R, double>) {
-        if (avx2) out.push_back({"AVX2", kAvx2GemmF64Mr, kAvx2GemmF64Nr, 96, 256, 4080, &gemm_microkernel_f64_avx2});
-        if (avx512)
-            out.push_back({"AVX512", kAvx512GemmF64Mr, kAvx512GemmF64Nr, 96, 256, 4080, &gemm_microkernel_f64_avx512});
+        if (avx2) out.push_back(from_config<R>("AVX2", isa_avx256::gemm_f64, &gemm_microkernel_f64_avx2));
+        if (avx512) out.push_back(from_config<R>("AVX512", isa_avx512::gemm_f64, &gemm_microkernel_f64_avx512));
     } else if constexpr (std::is_same_v<R, float>) {
-        if (avx2) out.push_back({"AVX2", kAvx2GemmF32Mr, kAvx2GemmF32Nr, 96, 512, 4080, &gemm_microkernel_f32_avx2});
-        if (avx512)
-            out.push_back({"AVX512", kAvx512GemmF32Mr, kAvx512GemmF32Nr, 96, 512, 4080, &gemm_microkernel_f32_avx512});
+        if (avx2) out.push_back(from_config<R>("AVX2", isa_avx256::gemm_f32, &gemm_microkernel_f32_avx2));
+        if (avx512) out.push_back(from_config<R>("AVX512", isa_avx512::gemm_f32, &gemm_microkernel_f32_avx512));
     }
     return out;
 }

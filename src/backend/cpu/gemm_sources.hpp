@@ -78,6 +78,31 @@ template <class S, class R> struct InterleavedComplexLoader {
     }
 };
 
+// B'' panel rows straight from memory when consecutive lines of the loader are adjacent complex
+// numbers of the compute type: each depth row is a run that is copied as it stands, with its
+// (-Im, Re) partner row beside it. Returns false, writing nothing, for any other loader.
+template <class R, class Loader>
+bool pack_right_runs(const Loader& ld, R* dst, std::uint64_t j0, std::uint64_t w, std::uint64_t d0,
+                     std::uint64_t depth, std::uint64_t width) noexcept {
+    if constexpr (requires { ld.p; }) {
+        if constexpr (std::is_same_v<std::remove_cv_t<std::remove_pointer_t<decltype(ld.p)>>, std::complex<R>>) {
+            if (ld.ls != 1) return false;
+            for (std::uint64_t x = 0; x < depth; x += 2) {
+                const R* src = reinterpret_cast<const R*>(ld.p + ((d0 + x) / 2) * ld.ds + j0);
+                R* o = dst + x * width;
+                for (std::uint64_t col = 0; col < w; col += 2) {
+                    o[col] = src[col];
+                    o[col + 1] = src[col + 1];
+                    o[width + col] = -src[col + 1];
+                    o[width + col + 1] = src[col];
+                }
+            }
+            return true;
+        }
+    }
+    return false;
+}
+
 // A'' of the embedding (optionally of conj(A)); depth offsets and counts are even.
 template <class Loader, class R> struct ComplexLeftSource {
     Loader ld;
@@ -113,16 +138,18 @@ template <class Loader, class R> struct ComplexRightSource {
         const auto& s = *static_cast<const ComplexRightSource*>(self);
         for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
             const std::uint64_t w = std::min(width, lines - q);
-            for (std::uint64_t col = 0; col < w; col += 2) {
-                const std::uint64_t j = (l0 + q + col) / 2;
-                for (std::uint64_t x = 0; x < depth; x += 2) {
-                    R re, im;
-                    s.ld.at(j, (d0 + x) / 2, re, im);
-                    R* o = dst + x * width + col;
-                    o[0] = re;
-                    o[1] = im;
-                    o[width] = -im;
-                    o[width + 1] = re;
+            if (!pack_right_runs(s.ld, dst, (l0 + q) / 2, w, d0, depth, width)) {
+                for (std::uint64_t col = 0; col < w; col += 2) {
+                    const std::uint64_t j = (l0 + q + col) / 2;
+                    for (std::uint64_t x = 0; x < depth; x += 2) {
+                        R re, im;
+                        s.ld.at(j, (d0 + x) / 2, re, im);
+                        R* o = dst + x * width + col;
+                        o[0] = re;
+                        o[1] = im;
+                        o[width] = -im;
+                        o[width + 1] = re;
+                    }
                 }
             }
             if (w < width)

@@ -1,0 +1,44 @@
+#pragma once
+// Per instruction set: the micro-kernels each engine provides and their register and cache
+// blocking. The engine translation units define the functions declared here; this header stays
+// free of inline vector code so nothing compiled with AVX flags can leak into baseline code, and
+// every caller must check the processor (runtime/simd_selection.hpp) before calling them.
+//
+// GEMM micro-kernels compute one MR x NR tile
+//   c[i*ldc + j] (+)= sum_p a[p*MR + i] * b[p*NR + j]
+// with `a` an MR-wide and `b` an NR-wide packed micro-panel of depth kc.
+#include <cstdint>
+
+namespace quillmark::cpu {
+
+// mr x nr register tile; mc rows (a multiple of mr) and kc depth of the packed A block stay in
+// L2, kc x nc (nc a multiple of nr) of packed B in L3. kc is even so complex embeddings never
+// split a pair.
+struct GemmBlocking {
+    std::uint32_t mr;
+    std::uint32_t nr;
+    std::uint64_t mc;
+    std::uint64_t kc;
+    std::uint64_t nc;
+};
+
+namespace isa_avx256 {
+inline constexpr GemmBlocking gemm_f64{6, 8, 96, 256, 4080};
+inline constexpr GemmBlocking gemm_f32{6, 16, 96, 512, 4080};
+} // namespace isa_avx256
+
+namespace isa_avx512 {
+inline constexpr GemmBlocking gemm_f64{8, 24, 96, 256, 4080};
+inline constexpr GemmBlocking gemm_f32{8, 48, 96, 512, 4080};
+} // namespace isa_avx512
+
+void gemm_microkernel_f64_avx2(std::uint64_t kc, const double* a, const double* b, double* c, std::uint64_t ldc,
+                               bool accumulate) noexcept;
+void gemm_microkernel_f32_avx2(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
+                               bool accumulate) noexcept;
+void gemm_microkernel_f64_avx512(std::uint64_t kc, const double* a, const double* b, double* c, std::uint64_t ldc,
+                                 bool accumulate) noexcept;
+void gemm_microkernel_f32_avx512(std::uint64_t kc, const float* a, const float* b, float* c, std::uint64_t ldc,
+                                 bool accumulate) noexcept;
+
+} // namespace quillmark::cpu

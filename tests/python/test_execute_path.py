@@ -1,0 +1,220 @@
+"""Context.execute on arrays that share memory, and on arrays whose Python attributes disagree with
+their memory: results must be what NumPy gives for the same memory, or a clear refusal."""
+import ml_dtypes
+import numpy as np
+import pytest
+
+from quillmark import _native
+from quillmark._dtypes import complex32, from_complex32, to_complex32
+
+from conftest import run
+
+LOW_PRECISION_MESSAGE = "low-precision binding requires aligned, native-endian contiguous storage and writable output"
+
+
+def host(bindings):
+    return {role: "host" for role in bindings}
+
+
+# ---- overlapping operands --------------------------------------------------------------------------
+
+# Element-wise operations: (name, NumPy reference, arity); the second input of scale/divide is a scalar.
+ELEMENTWISE = [
+    ("add", np.add, 2),
+    ("subtract", np.subtract, 2),
+    ("multiply", np.multiply, 2),
+    ("sqrt", np.sqrt, 1),
+    ("scale", np.multiply, "scalar"),
+    ("divide", np.divide, "scalar"),
+]
+
+
+def within(store, start, shape):
+    """A C-contiguous view of `shape` starting at element `start` of a flat store."""
+    size = int(np.prod(shape))
+    return store[start:start + size].reshape(shape)
+
+
+def offset(store, view):
+    """The element position of `view` inside `store`."""
+    return (view.__array_interface__["data"][0] - store.__array_interface__["data"][0]) // store.itemsize
+
+
+def elementwise_case(arity, how, dtype):
+    """Inputs and output of an element-wise call over one backing store, placed as `how` says."""
+    n = 8
+    store = (np.arange(1, 2 * n + 3) * 0.5).astype(dtype)
+    other = np.linspace(1.0, 3.0, n).astype(dtype)
+    if how == "disjoint":
+        a, out = store[:n], store[n + 2:]
+    elif how == "exact":
+        a = out = store[:n]
+    elif how == "shifted":  # the output starts one element after the input: a forward-running loop smears
+        a, out = store[:n], store[1:n + 1]
+    else:  # "behind": the output starts one element before the input
+        a, out = store[1:n + 1], store[:n]
+    if arity == "scalar":
+        # The scalar lies inside the output, except when the output and the vector are disjoint.
+        b = (out if how != "disjoint" else store[n:])[3:4].reshape(())
+    elif arity == 2:
+        b = other
+    else:
+        b = None
+    return store, a, b, out
+
+
+@pytest.mark.parametrize("how", ["disjoint", "exact", "shifted", "behind"])
+@pytest.mark.parametrize("dtype", [np.float64, np.complex64])
+@pytest.mark.parametrize("name,reference,arity", ELEMENTWISE, ids=[e[0] for e in ELEMENTWISE])
+def test_elementwise_overlap_matches_numpy(ctx, name, reference, arity, how, dtype):
+    store, a, b, out = elementwise_case(arity, how, dtype)
+    # NumPy's answer: the same placement over a copy of the store, inputs read before writing.
+    expected_store = store.copy()
+    same = [v if v is None or not np.shares_memory(v, store) else within(expected_store, offset(store, v), v.shape)
+            for v in (a, b, out)]
+    same[2][...] = reference(*[v.copy() for v in same[:2] if v is not None])
+
+    inputs = [a] + ([b] if b is not None else [])
+    run(ctx, f"quillmark.{name}@1", inputs, [out])
+    np.testing.assert_allclose(store, expected_store, rtol=1e-6)
+
+
+# Products and reshaping operations, with the inputs laid over the output's memory. Each case:
+# operation, input shapes, output shape, NumPy reference.
+PRODUCTS = {
+    "matmul": ("quillmark.matmul@1", [(3, 3), (3, 3)], (3, 3), lambda a, b: a @ b),
+    "matvec": ("quillmark.matvec@1", [(3, 3), (3,)], (3,), lambda a, x: a @ x),
+    "kron": ("quillmark.kron@1", [(2, 2), (2, 2)], (4, 4), np.kron),
+    "outer": ("quillmark.outer@1", [(3,), (4,)], (3, 4), np.outer),
+    "inner": ("quillmark.inner@1", [(5,), (5,)], (), np.vdot),
+    "transpose": ("quillmark.transpose@1", [(3, 3)], (3, 3), np.transpose),
+    "adjoint": ("quillmark.adjoint@1", [(3, 3)], (3, 3), lambda a: a.conj().T),
+    "trace": ("quillmark.trace@1", [(3, 3)], (), np.trace),
+    "sum": ("quillmark.sum@1", [(6,)], (), np.sum),
+}
+
+
+@pytest.mark.parametrize("placement", ["first input is the output", "inputs straddle the output", "disjoint"])
+@pytest.mark.parametrize("case", list(PRODUCTS))
+def test_product_overlap_matches_numpy(ctx, case, placement):
+    operation, in_shapes, out_shape, reference = PRODUCTS[case]
+    sizes = [int(np.prod(s)) for s in in_shapes]
+    out_size = int(np.prod(out_shape))
+    store = (np.arange(1, 64) * (1 + 0.5j) / 7).astype(np.complex128)
+    if placement == "disjoint":
+        starts, out_start = [0, sizes[0]][:len(sizes)], sum(sizes)
+    elif placement == "first input is the output":
+        starts, out_start = [0, 20][:len(sizes)], 0
+    else:
+        starts, out_start = [0, sizes[0] + out_size // 2][:len(sizes)], max(sizes[0] - 1, 1)
+    expected_store = store.copy()
+    expected = reference(*[within(store, s, shape).copy() for s, shape in zip(starts, in_shapes)])
+    within(expected_store, out_start, out_shape)[...] = expected
+
+    inputs = [within(store, s, shape) for s, shape in zip(starts, in_shapes)]
+    run(ctx, operation, inputs, [within(store, out_start, out_shape)])
+    np.testing.assert_allclose(store, expected_store, rtol=1e-12, atol=1e-12)
+
+
+def test_outputs_sharing_memory_are_written_in_role_order(ctx):
+    a = np.array([[2.0, 1.0], [1.0, -3.0]])
+    both = np.zeros(())
+    run(ctx, "quillmark.slogdet@1", [a], [both, both])
+    assert both == pytest.approx(np.linalg.slogdet(a)[1])
+
+    # The eigenvalues' last element is the eigenvectors' first: the eigenvectors win it.
+    h = np.array([[2.0, 1.0, 0.0], [1.0, 3.0, 1.0], [0.0, 1.0, 4.0]])
+    values, vectors = np.zeros(3), np.zeros((3, 3))
+    run(ctx, "quillmark.eigh@1", [h], [values, vectors])
+    store = np.zeros(11)
+    run(ctx, "quillmark.eigh@1", [h], [store[:3], within(store, 2, (3, 3))])
+    np.testing.assert_allclose(store[:2], values[:2], rtol=1e-12)
+    np.testing.assert_allclose(within(store, 2, (3, 3)), vectors, rtol=1e-12, atol=1e-12)
+
+
+def test_an_output_over_its_own_input_matrix(ctx):
+    a = np.array([[4.0, 1.0], [2.0, 3.0]])
+    expected = np.linalg.slogdet(a)
+    sign, logabs = a[0, 0:1].reshape(()), a[1, 1:2].reshape(())
+    run(ctx, "quillmark.slogdet@1", [a], [sign, logabs])
+    assert (a[0, 0], a[1, 1]) == pytest.approx(expected)
+
+
+# ---- arrays whose attributes lie ----------------------------------------------------------------------
+
+def lying(array, **attributes):
+    """`array` as an instance of a subclass whose properties report `attributes`."""
+    cls = type("Lying", (np.ndarray,), {k: property(lambda self, v=v: v) for k, v in attributes.items()})
+    return array.view(cls)
+
+
+LIES = {
+    "huge shape": dict(shape=(1 << 24,)),
+    "huge strides": dict(strides=(1 << 20,)),
+    "wrong rank": dict(ndim=1, shape=(1 << 20,)),
+    "wrong dtype": dict(dtype=np.dtype(np.complex128), itemsize=16),
+    "wrong flags": dict(flags=None),
+}
+
+
+@pytest.mark.parametrize("lie", list(LIES))
+def test_overridden_attributes_are_ignored(ctx, lie):
+    x = np.array([1 + 2j, 3 - 4j])
+    liar = lying(x.copy(), **LIES[lie])
+    ctx.execute("quillmark.conjugate@1", {"Output0": liar}, {"Output0": "host"})
+    np.testing.assert_array_equal(liar.view(np.ndarray), x.conj())
+
+    m = np.arange(6.0).reshape(2, 3)
+    out = lying(np.zeros((3, 2)), **LIES[lie])
+    run(ctx, "quillmark.transpose@1", [lying(m, **LIES[lie])], [out])
+    np.testing.assert_array_equal(out.view(np.ndarray), m.T)
+
+
+@pytest.mark.parametrize("lie", ["huge shape", "huge strides"])
+def test_structured_operands_read_the_real_array(ctx, lie):
+    a = np.array([[4.0, 1.0], [2.0, 3.0]])
+    factor = _native.LUFactor(lying(a.copy(), **LIES[lie]), ctx)
+    rhs = lying(np.array([1.0, 2.0]), **LIES[lie])
+    factor.solve(rhs)
+    np.testing.assert_allclose(rhs.view(np.ndarray), np.linalg.solve(a, [1.0, 2.0]))
+
+
+def test_rank_comes_from_the_buffer(ctx):
+    # A 3-d array claiming rank 1 is still refused as rank three.
+    liar = lying(np.zeros((2, 2, 2)), ndim=1, shape=(8,))
+    with pytest.raises(ValueError, match="rank must be zero, one or two"):
+        run(ctx, "quillmark.sqrt@1", [liar], [np.zeros(8)])
+
+
+def misaligned(dtype, n=3):
+    """n elements of `dtype` starting at an odd address."""
+    itemsize = np.dtype(dtype).itemsize
+    return np.zeros(n * itemsize + 1, np.uint8)[1:].view(dtype)
+
+
+@pytest.mark.parametrize("position", [0, 1, 2])
+@pytest.mark.parametrize("dtype", [complex32, ml_dtypes.bfloat16, np.float16], ids=["complex32", "bfloat16", "float16"])
+def test_misaligned_sixteen_bit_storage_is_refused_in_every_role(ctx, dtype, position):
+    arrays = [np.ones(3, dtype) for _ in range(3)]
+    arrays[position] = misaligned(dtype)
+    before = [a.copy() for a in arrays]
+    with pytest.raises(ValueError) as info:
+        run(ctx, "quillmark.add@1", arrays[:2], arrays[2:])
+    assert str(info.value) == LOW_PRECISION_MESSAGE
+    for a, b in zip(arrays, before):
+        np.testing.assert_array_equal(a.view(np.uint8), b.view(np.uint8))
+
+
+@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.complex128])
+def test_misaligned_wider_storage_is_refused(ctx, dtype):
+    with pytest.raises(ValueError, match="array binding must be aligned and native-endian"):
+        run(ctx, "quillmark.add@1", [misaligned(dtype), np.ones(3, dtype)], [np.ones(3, dtype)])
+
+
+def test_complex32_is_recognised_at_any_aligned_address(ctx):
+    # NumPy describes the record differently at addresses that are not 4-byte aligned.
+    store = np.zeros(7 * 4 + 2, np.uint8)[2:].view(complex32)
+    a = to_complex32(np.array([1 + 1j, 2, 3j]))
+    store[:3] = a
+    run(ctx, "quillmark.add@1", [store[:3], a], [store[3:6]])
+    np.testing.assert_array_equal(from_complex32(store[3:6]), from_complex32(a) * 2)

@@ -1,0 +1,202 @@
+"""complex64 operations on the cpu_simd backend, under each SIMD engine.
+
+The tests run in this process under the default selection, and again in one child process per
+engine with QUILLMARK_CPU_SIMD_RUNTIME forced, since the selection is fixed once per process.
+"""
+import os
+import subprocess
+import sys
+
+import numpy as np
+import pytest
+from conftest import random_array, run
+
+quillmark = pytest.importorskip("quillmark")
+
+C64 = np.complex64
+TOL = 5e-5  # relative to the operands' scale
+FORCED = os.environ.get("QUILLMARK_CPU_SIMD_RUNTIME")
+
+
+def cpu_flags():
+    try:
+        with open("/proc/cpuinfo") as f:
+            for line in f:
+                if line.startswith("flags"):
+                    return set(line.split(":", 1)[1].split())
+    except OSError:
+        pass
+    return set()
+
+
+HAS_AVX512 = {"avx512f", "avx512dq", "avx512cd", "avx512bw", "avx512vl"} <= cpu_flags()
+
+
+def c64(rng, shape, order="C"):
+    return np.asarray(random_array(rng, shape, C64), order=order)
+
+
+def assert_close(got, want, scale=1.0):
+    want = np.asarray(want)
+    err = np.max(np.abs(got.astype(np.complex128) - want), initial=0.0)
+    assert err <= TOL * scale * max(1.0, np.max(np.abs(want), initial=0.0)), err
+
+
+def wide(a):
+    return a.astype(np.complex128)
+
+
+# Shapes around the vector widths (4 and 8 complex numbers) and the GEMM tiles.
+SHAPES = [(1, 1, 1), (3, 5, 7), (8, 8, 8), (17, 9, 13), (33, 64, 5), (70, 129, 66)]
+
+
+@pytest.mark.parametrize("m,k,n", SHAPES)
+@pytest.mark.parametrize("orders", ["CCC", "FCC", "CFF", "FFF"])
+def test_products(ctx, rng, m, k, n, orders):
+    a, b = c64(rng, (m, k), orders[0]), c64(rng, (k, n), orders[1])
+    out = np.zeros((m, n), C64, order=orders[2])
+    run(ctx, "quillmark.matmul@1", [a, b], [out])
+    assert_close(out, wide(a) @ wide(b), scale=np.sqrt(k))
+
+    x, y = c64(rng, k), np.zeros(m, C64)
+    run(ctx, "quillmark.matvec@1", [a, x], [y])
+    assert_close(y, wide(a) @ wide(x), scale=np.sqrt(k))
+
+
+@pytest.mark.parametrize("rows,cols", [(1, 1), (3, 7), (33, 17), (64, 40)])
+@pytest.mark.parametrize("order", ["C", "F"])
+def test_transpose_adjoint(ctx, rng, rows, cols, order):
+    a = c64(rng, (rows, cols), order)
+    for op, want in [("transpose", a.T), ("adjoint", a.conj().T)]:
+        out = np.zeros((cols, rows), C64, order=order)
+        run(ctx, f"quillmark.{op}@1", [a], [out])
+        np.testing.assert_array_equal(out, want)
+
+
+@pytest.mark.parametrize("d,q", [(1, 3), (3, 2), (5, 4), (9, 3)])
+def test_partial_traces(ctx, rng, d, q):
+    x, y = c64(rng, (q, q)), c64(rng, (d, d))
+    a = np.kron(wide(x), wide(y)).astype(C64)
+    out = np.zeros((d, d), C64)
+    run(ctx, "quillmark.partial_trace_left@1", [a], [out])
+    assert_close(out, np.trace(wide(x)) * wide(y), scale=q)
+    a = np.kron(wide(y), wide(x)).astype(C64)
+    run(ctx, "quillmark.partial_trace_right@1", [a], [out])
+    assert_close(out, np.trace(wide(x)) * wide(y), scale=q)
+
+
+@pytest.mark.parametrize("n", [1, 5, 12])
+@pytest.mark.parametrize("exponent", [0, 1, 2, 7])
+def test_eye_and_matrix_power(ctx, rng, n, exponent):
+    eye = np.full((n, n), 9, C64)
+    run(ctx, "quillmark.eye@1", [], [eye])
+    np.testing.assert_array_equal(eye, np.eye(n, dtype=C64))
+
+    a = (c64(rng, (n, n)) / np.sqrt(n)).astype(C64)
+    out = np.zeros((n, n), C64)
+    run(ctx, "quillmark.matrix_power@1", [a, np.array(exponent, np.int32)], [out])
+    assert_close(out, np.linalg.matrix_power(wide(a), exponent), scale=n * max(exponent, 1))
+
+
+@pytest.mark.parametrize("n", [1, 6, 31])
+def test_solve_from_lu(ctx, rng, n):
+    a = c64(rng, (n, n)) + n * np.eye(n, dtype=C64)
+    lu = quillmark.LUOperand(a)
+    run(ctx, "quillmark.lu_factor@1", [], [lu])
+    rhs = c64(rng, n)
+    x = rhs.copy()
+    run(ctx, "quillmark.solve@1", [lu], [x])
+    assert_close(wide(a) @ wide(x), wide(rhs), scale=n)
+
+
+@pytest.mark.parametrize("n", [1, 4, 9, 24])
+def test_eig(ctx, rng, n):
+    a = c64(rng, (n, n))
+    eig = quillmark.EigenOperand(n, "complex64")
+    run(ctx, "quillmark.eig@1", [a], [eig])
+    values, vectors = wide(eig.values), wide(eig.vectors)
+    residual = wide(a) @ vectors - vectors * values
+    assert np.linalg.norm(residual) <= 1e-3 * np.linalg.norm(wide(a)) * n
+    np.testing.assert_allclose(np.sort_complex(values), np.sort_complex(np.linalg.eigvals(wide(a))), atol=1e-3 * n)
+
+
+@pytest.mark.parametrize("n", [1, 7, 40])
+def test_principal_eigenvector(ctx, rng, n):
+    # A dominant eigenvalue well apart from the rest of the spectrum.
+    q, _ = np.linalg.qr(wide(c64(rng, (n, n))))
+    values = np.linspace(0.1, 0.5, n).astype(np.complex128)
+    values[n // 2] = 3.0 + 1.0j
+    a = (q @ np.diag(values) @ q.conj().T).astype(C64)
+    v = np.zeros(n, C64)
+    run(ctx, "quillmark.principal_eigenvector@1", [a], [v])
+    assert abs(np.linalg.norm(v) - 1) < 1e-5
+    assert abs(abs(np.vdot(q[:, n // 2], wide(v))) - 1) < 1e-4
+    top = v[np.argmax(np.abs(v))]
+    assert top.imag == 0 and top.real > 0
+
+
+def test_power_iteration_refuses_non_finite_and_reports_stalls(ctx):
+    a = np.eye(3, dtype=C64)
+    a[1, 2] = np.nan
+    with pytest.raises(ValueError, match="input must contain only finite entries"):
+        run(ctx, "quillmark.principal_eigenvector@1", [a], [np.zeros(3, C64)])
+    # Eigenvalues 1 and -1: the iterate flips between two directions and never settles.
+    swap = np.diag([1, -1]).astype(C64)
+    with pytest.raises(quillmark.NativeError) as info:
+        run(ctx, "quillmark.principal_eigenvector@1", [swap], [np.zeros(2, C64)])
+    assert info.value.reason == "non_convergence"
+
+
+def test_outputs_overlapping_inputs(ctx, rng):
+    a, b = c64(rng, (9, 9)), c64(rng, (9, 9))
+    want = wide(a) @ wide(b)
+    run(ctx, "quillmark.matmul@1", [a, b], [a])
+    assert_close(a, want, scale=3)
+    x = c64(rng, 9)
+    want = wide(b) @ wide(x)
+    run(ctx, "quillmark.matvec@1", [b, x], [x])
+    assert_close(x, want, scale=3)
+
+
+def test_describe_lists_simd_implementations(ctx):
+    catalogue = quillmark.ContextBuilder().build()
+    simd = [i for i in catalogue.describe("quillmark.eig@1")["implementations"] if i["backend"] == "cpu_simd"]
+    assert len(simd) == 1
+    numerics = simd[0]["numerics"]
+    assert numerics["algorithm"] == "simd.balanced_shifted_qr_iteration.schur_back_substitution"
+    assert numerics["precision"]["mode"] == "mixed"
+    assert {p["name"]: p["value"] for p in numerics["parameters"]}["exceptional_shift_interval"] == 16
+
+
+ENGINES = [
+    pytest.param("AVX2"),
+    pytest.param("AVX512", marks=pytest.mark.skipif(not HAS_AVX512, reason="the CPU lacks AVX-512")),
+]
+
+
+@pytest.mark.skipif(FORCED is not None, reason="already inside a forced-engine run")
+@pytest.mark.parametrize("engine", ENGINES)
+def test_under_forced_engine(engine):
+    env = dict(os.environ, QUILLMARK_CPU_SIMD_RUNTIME=engine)
+    child = subprocess.run([sys.executable, "-m", "pytest", "-q", "-p", "no:cacheprovider", __file__],
+                           env=env, capture_output=True, text=True, cwd=os.path.dirname(__file__))
+    assert child.returncode == 0, child.stdout[-3000:] + child.stderr[-2000:]
+
+
+@pytest.mark.skipif(FORCED is not None, reason="already inside a forced-engine run")
+@pytest.mark.parametrize("value,error", [("avx2", "ValueError"), ("", "ValueError")]
+                         + ([] if HAS_AVX512 else [("AVX512", "RuntimeError")]))
+def test_failed_selection_fails_execution_without_fallback(value, error):
+    script = (
+        "import numpy as np, quillmark\n"
+        "ctx = quillmark.Context()\n"
+        "a = np.ones((2, 2), np.complex64)\n"
+        "try:\n"
+        "    ctx.execute('quillmark.matmul@1', {'Input0': a, 'Input1': a, 'Output0': a.copy()},\n"
+        "                {'Input0': 'host', 'Input1': 'host', 'Output0': 'host'})\n"
+        "except Exception as e:\n"
+        "    print(type(e).__name__, e)\n"
+    )
+    env = dict(os.environ, QUILLMARK_CPU_SIMD_RUNTIME=value)
+    child = subprocess.run([sys.executable, "-c", script], env=env, capture_output=True, text=True)
+    assert child.stdout.startswith(error), child.stdout + child.stderr
