@@ -123,11 +123,7 @@ for op, shape, want in [("quillmark.transpose@1", (33, 33), from_complex32(a).T)
 }
 
 
-@pytest.mark.parametrize("case", [
-    pytest.param("shape_overriding_subclass", marks=pytest.mark.xfail(
-        reason="the array import reads shape from the Python attribute; fixed with the reworked import")),
-    "misaligned_complex32",
-])
+@pytest.mark.parametrize("case", sorted(UNSAFE_IMPORTS))
 def test_array_import_is_memory_safe(case):
     child = subprocess.run([sys.executable, "-c", UNSAFE_IMPORTS[case]], capture_output=True, text=True, timeout=300)
     assert child.returncode == 0, child.stderr[-2000:]
