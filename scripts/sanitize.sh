@@ -51,9 +51,10 @@ if wants asan; then
 
     stage "Python suite against the ASan extension"
     # The package as a wheel would lay it out (extension, stubs, plugin header), outside site-packages.
-    rm -rf build/asan/pkg
+    rm -rf build/asan/pkg && mkdir -p build/asan/pkg
+    cp -r python/quillmark build/asan/pkg/
+    rm -f build/asan/pkg/quillmark/_native*.so
     cmake --install build/asan --prefix build/asan/pkg >/dev/null
-    cp python/quillmark/*.py python/quillmark/py.typed build/asan/pkg/quillmark/
     # The runtime must be loaded first, and libstdc++ with it: the interpreter does not link it,
     # and the runtime's exception interceptors need it present. CPython itself is not built with
     # ASan: its arenas and interned objects read as leaks.
