@@ -68,6 +68,35 @@ def cases(n, dtype, rng):
             lambda: np.linalg.cholesky(spd)
 
 
+def solver_cases(ctx, n, dtype, rng):
+    """Factorisations and eigen solvers against SciPy/NumPy: (name, quillmark call, reference call)."""
+    import scipy.linalg
+
+    a = rng.standard_normal((n, n))
+    if np.dtype(dtype).kind == "c":
+        a = a + 1j * rng.standard_normal((n, n))
+    a = a.astype(dtype)
+    spd = (a @ a.conj().T + n * np.eye(n)).astype(dtype)
+    real = np.empty(0, dtype).real.dtype
+
+    def run(op, ins, outs):
+        bindings = {f"Input{i}": x for i, x in enumerate(ins)}
+        bindings.update({f"Output{j}": x for j, x in enumerate(outs)})
+        locations = {k: "host" for k in bindings}
+        return lambda: ctx.execute(op, bindings, locations)
+
+    yield "lu_factor", lambda: quillmark.LUFactor(a, ctx), lambda: scipy.linalg.lu_factor(a)
+    yield "slogdet", run("quillmark.slogdet@1", [a], [np.zeros((), dtype), np.zeros((), real)]), \
+        lambda: np.linalg.slogdet(a)
+    yield "logdet_pd", run("quillmark.logdet_positive_definite@1", [spd], [np.zeros((), real)]), \
+        lambda: np.log(np.diagonal(np.linalg.cholesky(spd)).real).sum()
+    yield "eigh", run("quillmark.eigh@1", [spd], [np.empty(n, real), np.empty((n, n), dtype)]), \
+        lambda: np.linalg.eigh(spd)
+    if n <= 256:
+        eigen = quillmark.EigenOperand(n, str(np.result_type(dtype, np.complex64)))
+        yield "eig", run("quillmark.eig@1", [a], [eigen]), lambda: np.linalg.eig(a)
+
+
 def simd_cases(ctx, rng):
     """complex64 through the cpu_simd backend at the sizes its targets name: (n, name, ours, numpy/scipy)."""
     import scipy.linalg
@@ -97,6 +126,8 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__)
     parser.add_argument("--sizes", type=int, nargs="+", default=[256, 1024])
     parser.add_argument("--dtypes", nargs="+", default=["float64", "float32", "complex64", "complex128"])
+    parser.add_argument("--solvers", action="store_true", help="time the factorisations and eigen solvers instead")
+    parser.add_argument("--only", nargs="+", default=None, help="operation names to time (default: all)")
     parser.add_argument("--simd", action="store_true", help="only the complex64 cpu_simd target cases")
     args = parser.parse_args()
     ctx = quillmark.Context()
@@ -112,7 +143,17 @@ def main():
         return
     for n in args.sizes:
         for dtype in args.dtypes:
+            if args.solvers:
+                for name, ours_fn, reference in solver_cases(ctx, n, dtype, rng):
+                    if args.only and name not in args.only:
+                        continue
+                    ours, theirs = best_time(ours_fn), best_time(reference)
+                    print(f"{n:>5} {dtype:>10} {name:>10} {ours * 1e3:>13.3f} {theirs * 1e3:>10.3f} {theirs / ours:>7.2f}")
+                sys.stdout.flush()
+                continue
             for name, (op, ins, outs), reference in cases(n, dtype, rng):
+                if args.only and name not in args.only:
+                    continue
                 bindings = {f"Input{i}": a for i, a in enumerate(ins)}
                 bindings.update({f"Output{j}": a for j, a in enumerate(outs)})
                 locations = {k: "host" for k in bindings}

@@ -8,6 +8,7 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "backend/cpu/structured_solver.hpp"
 #include "catalogue/builtin_operations.hpp"
 #include "frontend/executor.hpp"
 #include "frontend/operation_bindings.hpp"
@@ -191,6 +192,25 @@ void init_lu_factor(NativeLUFactor* self, nb::handle a, const NativeContext& con
     new (self) NativeLUFactor(std::move(factor));
 }
 
+// Row-major n x columns right-hand sides of the factor's own dtype, solved in place by the
+// scalar backend's substitution; false when the dtype has no direct path. complex64 has none: a
+// lone complex64 vector is solved by the SIMD engine, and every column must get its answer.
+bool solve_columns_in_place(const NativeLUOperand& lu, std::byte* data, std::uint64_t columns) {
+    const MatrixGeometry g{lu.size, lu.size, MatrixLayout::column_major};
+    const void* factors = buffer(lu, 0).data;
+    const auto* pivots = static_cast<const std::int64_t*>(buffer(lu, 1).data);
+    auto run = [&]<class C>(C*) {
+        cpu::lu_solve_columns(static_cast<const C*>(factors), g, pivots, reinterpret_cast<C*>(data), columns);
+        return true;
+    };
+    switch (lu.storage) {
+    case ScalarType::float32: return run(static_cast<float*>(nullptr));
+    case ScalarType::float64: return run(static_cast<double*>(nullptr));
+    case ScalarType::complex128: return run(static_cast<std::complex<double>*>(nullptr));
+    default: return false;
+    }
+}
+
 void solve(const NativeLUFactor& self, nb::handle rhs) {
     if (!is_ndarray(rhs))
         throw nb::type_error("solve - right-hand side must be a NumPy ndarray");
@@ -222,7 +242,10 @@ void solve(const NativeLUFactor& self, nb::handle rhs) {
         executor.execute(bindings, solve_id());
         return;
     }
-    // Columns of a row-major right-hand side are strided; each is solved in a contiguous copy.
+    // A factor held in its compute type solves all columns in one pass over the factors.
+    if (self.lu.storage == self.lu.compute && solve_columns_in_place(self.lu, data, columns))
+        return;
+    // Otherwise each column is solved in a contiguous copy.
     std::vector<std::byte> column(n * element);
     auto vector =
         borrow_storage(self.lu.storage, OperandKind::vector, column.data(), {n, 0}, MatrixLayout::none);

@@ -3,8 +3,6 @@
 
 #include "test_support.hpp"
 
-#include <complex>
-#include <numbers>
 #include <vector>
 
 #include "catalogue/builtin_operations.hpp"
@@ -33,59 +31,6 @@ struct ContextExecution : ::testing::Test {
 using Vec64 = BorrowedDenseHostRealVector<PolicyF64>;
 
 } // namespace
-
-TEST_F(ContextExecution, RealAndAdaptedComplexOperationsRun) {
-    std::vector<double> x{1, 2, 3}, y{10, 20, 30}, out(3);
-    Vec64 vx(x.data(), 3), vy(y.data(), 3), vo(out.data(), 3);
-    OperationBindings bindings;
-    bindings.bind(input_role(0), static_cast<const OperandEntity&>(vx));
-    bindings.bind(input_role(1), static_cast<const OperandEntity&>(vy));
-    bindings.bind(output_role(0), static_cast<OperandEntity&>(vo));
-    executor.execute(bindings, id("quillmark.add@1"));
-    EXPECT_EQ(out, (std::vector<double>{11, 22, 33}));
-
-    // Interleaved complex operands reach the split registration through the layout adapters.
-    using C = std::complex<float>;
-    std::vector<C> a{{1, 1}, {0, 2}, {3, 0}, {1, -1}}, b{{2, 0}, {1, 1}, {0, 1}, {1, 0}}, c(4);
-    BorrowedDenseHostComplexInterleavedMatrix<PolicyC64> ma(a.data(), 2, 2, MatrixLayout::row_major),
-        mb(b.data(), 2, 2, MatrixLayout::row_major), mc(c.data(), 2, 2, MatrixLayout::row_major);
-    OperationBindings mm;
-    mm.bind(input_role(0), static_cast<const OperandEntity&>(ma));
-    mm.bind(input_role(1), static_cast<const OperandEntity&>(mb));
-    mm.bind(output_role(0), static_cast<OperandEntity&>(mc));
-    executor.execute(mm, id("quillmark.matmul@1"));
-    for (int i = 0; i < 2; ++i)
-        for (int j = 0; j < 2; ++j) EXPECT_EQ(c[i * 2 + j], a[i * 2] * b[j] + a[i * 2 + 1] * b[2 + j]);
-}
-
-TEST_F(ContextExecution, LuFactorSolveAndLogdetThroughTheRegistry) {
-    DenseHostLUDecompColMajor<PolicyF64> lu(2);
-    lu.factors()[1] = 1.0; // column-major [[0, 1], [1, 0]]
-    lu.factors()[2] = 1.0;
-    OperationBindings factor;
-    factor.bind(output_role(0), static_cast<OperandEntity&>(lu));
-    executor.execute(factor, id("quillmark.lu_factor@1"));
-    EXPECT_EQ(lu.pivots()[0], 2);
-    EXPECT_EQ(lu.pivots()[1], 2);
-    EXPECT_EQ(lu.swap_count(), 1);
-
-    std::vector<double> rhs{3, 5};
-    Vec64 x(rhs.data(), 2);
-    OperationBindings solve;
-    solve.bind(input_role(0), static_cast<const OperandEntity&>(lu));
-    solve.bind(output_role(0), static_cast<OperandEntity&>(x));
-    executor.execute(solve, id("quillmark.solve@1"));
-    EXPECT_EQ(rhs, (std::vector<double>{5, 3}));
-
-    alignas(16) double value[2] = {7, 7};
-    BorrowedDenseHostComplexSplitScalar<PolicyC128> logdet(value);
-    OperationBindings ld;
-    ld.bind(input_role(0), static_cast<const OperandEntity&>(lu));
-    ld.bind(output_role(0), static_cast<OperandEntity&>(logdet));
-    executor.execute(ld, id("quillmark.logdet@1"));
-    EXPECT_EQ(value[0], 0.0);
-    EXPECT_DOUBLE_EQ(value[1], std::numbers::pi);
-}
 
 TEST_F(ContextExecution, BindingChecksComeBeforeDispatchAndLeaveOperandsUntouched) {
     std::vector<double> x{1, 2, 3}, out{9, 9, 9};
@@ -125,21 +70,6 @@ TEST_F(ContextExecution, BindingChecksComeBeforeDispatchAndLeaveOperandsUntouche
 
     EXPECT_EQ(message_of<std::out_of_range>([&] { executor.execute(shape, id("quillmark.add@2")); }),
               "QuillmarkContext - operation 'quillmark.add@2' is not registered");
-}
-
-TEST_F(ContextExecution, UnregisteredLayoutFailsInDispatch) {
-    std::vector<double> a(4, 1.0), out(4);
-    BorrowedDenseHostRealMatrix<PolicyF64> ma(a.data(), 2, 2, MatrixLayout::column_major),
-        mo(out.data(), 2, 2, MatrixLayout::row_major);
-    OperationBindings bindings;
-    bindings.bind(input_role(0), static_cast<const OperandEntity&>(ma));
-    bindings.bind(output_role(0), static_cast<OperandEntity&>(mo));
-    try {
-        executor.execute(bindings, id("quillmark.transpose@1"));
-        ADD_FAILURE() << "dispatched a real column-major matrix";
-    } catch (const DispatchError& e) {
-        EXPECT_EQ(e.reason(), ErrorReason::no_backend_available);
-    }
 }
 
 TEST(ContextBuilder, BuildValidationAndSealing) {

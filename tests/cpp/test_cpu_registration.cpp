@@ -50,81 +50,66 @@ TEST(CpuRegistration, EveryPolicyOfEveryOperation) {
     EXPECT_EQ(c.backends.registrations_for(sqrt).size(), 7u);
 }
 
-TEST(CpuRegistration, EigenToleranceDefaultsFollowThePrecision) {
-    const auto& single = record(BuiltinOperation::eig, ScalarType::float32);
-    EXPECT_EQ(single.algorithm, "cpu.balanced_shifted_qr");
-    EXPECT_EQ(single.stability, Stability::not_guaranteed);
-    EXPECT_EQ(single.precision.mode, PrecisionMode::mixed);
-    EXPECT_EQ(single.precision.accumulation_dtype, "complex128");
-    EXPECT_EQ(parameter(single, "convergence_tolerance"), 9.999999747378752e-05);
-    EXPECT_EQ(parameter(single, "residual_tolerance"), 0.001);
-    const auto& dbl = record(BuiltinOperation::principal_eigenvector, ScalarType::complex128);
-    EXPECT_EQ(dbl.precision.mode, PrecisionMode::native);
-    EXPECT_EQ(parameter(dbl, "convergence_tolerance"), 1.8626451021765827e-13);
-    EXPECT_EQ(parameter(dbl, "residual_tolerance"), 1.862645149230957e-12);
-    EXPECT_EQ(parameter(dbl, "maximum_iterations"), 256);
-}
-
-TEST(CpuRegistration, SolverRecordsNamePrecisionAndAccumulation) {
-    const auto& jacobi = record(BuiltinOperation::eigvalsh, ScalarType::complex64);
-    EXPECT_EQ(jacobi.precision.mode, PrecisionMode::widened);
-    EXPECT_EQ(jacobi.precision.accumulation_dtype, "complex128");
-    EXPECT_EQ(parameter(jacobi, "maximum_sweeps"), 64);
-    ASSERT_EQ(jacobi.precision.notes.size(), 1u); // the widened-precision text
-    // The text names the dtype the record accumulates in, not the compute dtype.
-    EXPECT_NE(jacobi.precision.notes[0].find("complex64 storage, computed in complex128"), std::string::npos);
-
-    const auto& lu_reduced = record(BuiltinOperation::lu_factor, ScalarType::bfloat16);
-    EXPECT_EQ(lu_reduced.algorithm, "cpu.partial_pivoting_lu");
-    EXPECT_EQ(lu_reduced.precision.mode, PrecisionMode::mixed);
-    EXPECT_EQ(lu_reduced.precision.accumulation_dtype, "float32");
-    EXPECT_EQ(lu_reduced.precision.reduction_order, ReductionOrder::sequential);
-    EXPECT_EQ(record(BuiltinOperation::solve, ScalarType::float64).precision.mode, PrecisionMode::native);
-    EXPECT_EQ(record(BuiltinOperation::matmul, ScalarType::float32).algorithm, "cpu.classical_gemm");
-    EXPECT_EQ(record(BuiltinOperation::matvec, ScalarType::int32).algorithm, "cpu.classical_gemv");
-    const auto& power = record(BuiltinOperation::matrix_power, ScalarType::float16);
-    ASSERT_EQ(power.notes.size(), 1u);
-    EXPECT_EQ(power.notes[0], "Intermediate matrices use the compute dtype; only the final output is rounded.");
-}
-
-TEST(CpuRegistration, SimdRecordsDescribeTheComplexEngine) {
+// Tolerances follow the compute precision; a widened record's note names the accumulation dtype.
+TEST(CpuRegistration, PublishedRecords) {
+    using B = BuiltinOperation;
+    using S = ScalarType;
+    using M = PrecisionMode;
+    constexpr auto scalar = BackendKind::cpu_scalar, simd = BackendKind::cpu_simd;
+    const char* const power_note = "Intermediate matrices use the compute dtype; only the final output is rounded.";
     struct Expected {
-        BuiltinOperation op;
-        const char* algorithm;
-        Stability stability;
-        PrecisionMode mode;
-        std::size_t notes;
+        B op;
+        S storage;
+        BackendKind backend;
+        const char* algorithm; // nullptr: not checked
+        M mode;
+        const char* accumulation; // nullptr: not checked
+        std::vector<std::pair<const char*, double>> parameters;
+        std::vector<std::string> notes;
     };
     const Expected table[] = {
-        {BuiltinOperation::matmul, "simd.classical_gemm", Stability::backward_stable, PrecisionMode::native, 0},
-        {BuiltinOperation::matvec, "simd.classical_gemv", Stability::backward_stable, PrecisionMode::native, 0},
-        {BuiltinOperation::solve, "simd.lu.forward_backward_substitution", Stability::backward_stable,
-         PrecisionMode::native, 2},
-        {BuiltinOperation::principal_eigenvector, "simd.power_iteration", Stability::not_guaranteed,
-         PrecisionMode::native, 3},
-        {BuiltinOperation::eig, "simd.balanced_shifted_qr_iteration.schur_back_substitution",
-         Stability::not_guaranteed, PrecisionMode::mixed, 5},
+        {B::eig, S::float32, scalar, "cpu.balanced_shifted_qr", M::mixed, "complex128",
+         {{"convergence_tolerance", 9.999999747378752e-05}, {"residual_tolerance", 0.001}}, {}},
+        {B::principal_eigenvector, S::complex128, scalar, nullptr, M::native, nullptr,
+         {{"convergence_tolerance", 1.8626451021765827e-13},
+          {"residual_tolerance", 1.862645149230957e-12},
+          {"maximum_iterations", 256}},
+         {}},
+        {B::eigvalsh, S::complex64, scalar, nullptr, M::widened, "complex128", {{"maximum_sweeps", 64}}, {}},
+        {B::lu_factor, S::bfloat16, scalar, "cpu.partial_pivoting_lu", M::mixed, "float32", {}, {}},
+        {B::solve, S::float64, scalar, nullptr, M::native, nullptr, {}, {}},
+        {B::matrix_power, S::float16, scalar, nullptr, M::widened, nullptr, {}, {power_note}},
+        {B::matmul, S::complex64, simd, "simd.classical_gemm", M::native, nullptr, {}, {}},
+        {B::matvec, S::complex64, simd, "simd.classical_gemv", M::native, nullptr, {}, {}},
+        {B::solve, S::complex64, simd, "simd.lu.forward_backward_substitution", M::native, nullptr, {}, {}},
+        {B::principal_eigenvector, S::complex64, simd, "simd.power_iteration", M::native, nullptr,
+         {{"convergence_tolerance", 9.999999747378752e-06}, {"maximum_iterations", 512}}, {}},
+        {B::eig, S::complex64, simd, "simd.balanced_shifted_qr_iteration.schur_back_substitution", M::mixed,
+         "complex128",
+         {{"convergence_tolerance", 9.999999747378752e-05},
+          {"exceptional_shift_interval", 16},
+          {"maximum_balance_sweeps", 32},
+          {"residual_tolerance", 0.001}},
+         {}},
+        {B::matrix_power, S::complex64, simd, nullptr, M::native, nullptr, {}, {power_note}},
     };
     for (const Expected& e : table) {
-        SCOPED_TRACE(e.algorithm);
-        const auto& r = record(e.op, ScalarType::complex64, BackendKind::cpu_simd);
-        EXPECT_EQ(r.algorithm, e.algorithm);
-        EXPECT_EQ(r.stability, e.stability);
+        const auto& r = record(e.op, e.storage, e.backend);
+        SCOPED_TRACE(builtin_operation_id(e.op).to_string() + " " + r.algorithm);
+        EXPECT_TRUE(!e.algorithm || r.algorithm == e.algorithm);
         EXPECT_EQ(r.precision.mode, e.mode);
-        EXPECT_EQ(r.precision.reduction_order, ReductionOrder::library_defined);
-        EXPECT_EQ(r.notes.size(), e.notes);
+        EXPECT_TRUE(!e.accumulation || r.precision.accumulation_dtype == e.accumulation);
+        for (const auto& [name, value] : e.parameters) EXPECT_EQ(parameter(r, name), value) << name;
+        EXPECT_TRUE(e.notes.empty() || r.notes == e.notes);
+        EXPECT_TRUE(e.backend != simd || r.precision.reduction_order == ReductionOrder::library_defined);
     }
-    const auto& power = record(BuiltinOperation::principal_eigenvector, ScalarType::complex64, BackendKind::cpu_simd);
-    EXPECT_EQ(parameter(power, "convergence_tolerance"), 9.999999747378752e-06);
-    EXPECT_EQ(parameter(power, "maximum_iterations"), 512);
-    const auto& eig = record(BuiltinOperation::eig, ScalarType::complex64, BackendKind::cpu_simd);
-    EXPECT_EQ(eig.precision.accumulation_dtype, "complex128");
-    EXPECT_EQ(parameter(eig, "convergence_tolerance"), 9.999999747378752e-05);
-    EXPECT_EQ(parameter(eig, "exceptional_shift_interval"), 16);
-    EXPECT_EQ(parameter(eig, "maximum_balance_sweeps"), 32);
-    EXPECT_EQ(parameter(eig, "residual_tolerance"), 0.001);
-    EXPECT_EQ(record(BuiltinOperation::matrix_power, ScalarType::complex64, BackendKind::cpu_simd).notes,
-              std::vector<std::string>{"Intermediate matrices use the compute dtype; only the final output is rounded."});
+    EXPECT_EQ(record(B::lu_factor, S::bfloat16).precision.reduction_order, ReductionOrder::sequential);
+    const auto& jacobi = record(B::eigvalsh, S::complex64);
+    ASSERT_EQ(jacobi.precision.notes.size(), 1u);
+    EXPECT_NE(jacobi.precision.notes[0].find("complex64 storage, computed in complex128"), std::string::npos);
+    EXPECT_EQ(record(B::matvec, S::int32).algorithm, "cpu.classical_gemv");
+    EXPECT_EQ(record(B::eig, S::float32).stability, Stability::not_guaranteed);
+    EXPECT_EQ(record(B::solve, S::complex64, simd).stability, Stability::backward_stable);
 }
 
 // Equal costs go to cpu_scalar, so a cpu_simd registration whose keys the scalar backend also

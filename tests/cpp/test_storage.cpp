@@ -370,29 +370,6 @@ TEST(BorrowedStorage, ViewsReachCallerMemoryWhichOutlivesTheStorage) {
 
 // ---- typed views
 
-TEST(StorageViews, PointersAndGeometryInBothComplexLayouts) {
-    for (ML layout : {ML::row_major, ML::column_major}) {
-        auto e = make(ST::complex64, ST::complex64, OK::matrix, {2, 3}, CL::interleaved, layout);
-        const auto v = dense_matrix_view<cf>(std::as_const(*e));
-        EXPECT_EQ(static_cast<const void*>(v.data), e->erased_access().buffer(0).data);
-        EXPECT_EQ(v.rows, 2u);
-        EXPECT_EQ(v.cols, 3u);
-        EXPECT_EQ(v.index(1, 0), layout == ML::row_major ? 3u : 1u);
-        EXPECT_EQ(reinterpret_cast<std::uintptr_t>(v.data) % kHostArrayAlignment, 0u);
-    }
-    auto split = make(ST::complex32, ST::complex64, OK::vector, {5, 0}, CL::split, ML::none);
-    const auto sv = split_vector_view<Float16>(*split);
-    EXPECT_EQ(static_cast<void*>(sv.re), split->erased_access().buffer(0).data);
-    EXPECT_EQ(static_cast<void*>(sv.im), split->erased_access().buffer(1).data);
-    EXPECT_EQ(sv.size, 5u);
-
-    auto sm = make(ST::complex64, ST::complex64, OK::matrix, {3, 2}, CL::split, ML::row_major);
-    const auto smv = split_matrix_view<float>(std::as_const(*sm));
-    EXPECT_EQ(smv.rows, 3u);
-    EXPECT_EQ(smv.cols, 2u);
-    EXPECT_EQ(static_cast<const void*>(smv.im), sm->erased_access().buffer(1).data);
-}
-
 TEST(StorageViews, MismatchesAreRefusedWithTheLabel) {
     DenseHostRealVector<PolicyF32> f32(4);
     DenseHostComplexIntlvMatrixColMajor<PolicyC64> intlv(2, 2);

@@ -141,14 +141,10 @@ def test_inputs_are_never_written():
 
 
 class TestOut:
-    def test_exact_out_is_written_and_returned(self):
-        out = np.empty((5, 5))
-        assert qm.matmul(A, B, out=out) is out
-        np.testing.assert_allclose(out, A @ B)
-
-    @pytest.mark.parametrize("out", [np.empty((5, 5), np.complex128), np.empty((5, 5), order="F"),
+    # The exact result array, or one that receives a cast copy.
+    @pytest.mark.parametrize("out", [np.empty((5, 5)), np.empty((5, 5), np.complex128), np.empty((5, 5), order="F"),
                                      np.empty((5, 10))[:, ::2]])
-    def test_other_out_receives_a_cast_copy(self, out):
+    def test_out_is_written_and_returned(self, out):
         assert qm.matmul(A, B, out=out) is out
         np.testing.assert_allclose(out, A @ B)
 
@@ -240,9 +236,10 @@ def test_default_context_is_made_once_across_threads(monkeypatch):
     def worker(i):
         barrier.wait()
         seen.append(qm.default_context())
-        a = A + i
+        a = np.tile(A + i, (8, 8))
         try:
-            np.testing.assert_allclose(qm.matmul(a, a), a @ a)
+            for _ in range(20):
+                np.testing.assert_allclose(qm.matmul(a, a), a @ a, rtol=1e-10, atol=1e-10)
         except AssertionError as e:
             errors.append(e)
 

@@ -77,10 +77,6 @@ REFUSED = {
                       ValueError,
                       "Context.execute - uncompiled storage/compute dtype policy (compute=int64); "
                       "array storage dtypes: int64"),
-    "foreign dtype": ("quillmark.sqrt@1", {"Input0": vec(dtype=np.int8), "Output0": vec()}, HOST2, {},
-                      ValueError,
-                      "Context.execute - uncompiled storage/compute dtype policy (compute=int8); "
-                      "array storage dtypes: int8"),
     "bool vector": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": np.zeros(3, bool)}, HOST2, {},
                     ValueError, "Context.execute - bool arrays are supported only for scalar outputs"),
     "bool input": ("quillmark.scale@1", {"Input0": vec(), "Input1": np.zeros((), bool), "Output0": vec()}, HOST3,
@@ -112,8 +108,6 @@ REFUSED = {
                            ValueError, "Context.execute - output binding must be writable"),
     "unknown operation": ("quillmark.nothing@1", {}, {}, {},
                           IndexError, "QuillmarkContext - operation 'quillmark.nothing@1' is not registered"),
-    "other major": ("quillmark.sqrt@2", {}, {}, {},
-                    IndexError, "QuillmarkContext - operation 'quillmark.sqrt@2' is not registered"),
     "malformed id": ("sqrt", {}, {}, {},
                      ValueError, "OperationId::parse - expected canonical identifier 'name@major'"),
     "shape rule": ("quillmark.add@1", {"Input0": vec(3), "Input1": vec(4), "Output0": vec(3)}, HOST3, {},
@@ -161,24 +155,6 @@ def test_column_major_complex_matrices_are_used_in_place(ctx, dtype):
     assert out.flags.f_contiguous
 
 
-def test_outputs_are_written_in_place_without_copies(ctx):
-    backing = np.zeros(8)
-    out = backing[2:5]  # a contiguous view: results must land in the backing store
-    x = np.array([1.0, 4.0, 9.0])
-    ctx.execute("quillmark.sqrt@1", {"Input0": x, "Output0": out}, HOST2)
-    assert backing.tolist() == [0, 0, 1, 2, 3, 0, 0, 0]
-
-
-def test_two_outputs_return_a_tuple_of_the_bound_objects(ctx):
-    sign, logabs = np.zeros(()), np.zeros(())
-    result = ctx.execute("quillmark.slogdet@1", {"Input0": np.diag([2.0, -3.0]), "Output0": sign,
-                                                 "Output1": logabs},
-                         {"Input0": "host", "Output0": "host", "Output1": "host"})
-    assert isinstance(result, tuple) and len(result) == 2
-    assert result[0] is sign and result[1] is logabs
-    assert sign == -1 and logabs == pytest.approx(np.log(6.0))
-
-
 def test_structured_output_is_returned(ctx):
     lu = _native.LUOperand(np.array([[0.0, 1.0], [2.0, 3.0]]))
     assert ctx.execute("quillmark.lu_factor@1", {"Output0": lu}, {"Output0": "host"}) is lu
@@ -195,47 +171,11 @@ def test_predicate_outputs(ctx, dtype):
     assert flag == 0
 
 
-def test_complex_scalar_input(ctx):
-    x = np.array([1 + 1j, 2], np.complex128)
-    s = np.array(2j, np.complex128)
-    out = np.zeros(2, np.complex128)
-    ctx.execute("quillmark.scale@1", {"Input0": x, "Input1": s, "Output0": out}, HOST3)
-    np.testing.assert_allclose(out, x * 2j)
-
-
 def test_explicit_default_compute_dtype_and_low_precision_pair(ctx):
     x = np.array([1.0, 4.0], np.float16)
     out = np.zeros(2, np.float16)
     ctx.execute("quillmark.sqrt@1", {"Input0": x, "Output0": out}, HOST2, {"Input0": "float32", "Output0": "float32"})
     assert out.tolist() == [1.0, 2.0]
-
-
-def test_many_threads_share_one_context(ctx):
-    rng = np.random.default_rng(7)
-    pairs = [(rng.standard_normal((48, 48)), rng.standard_normal((48, 48))) for _ in range(8)]
-    results = [None] * 8
-    errors = []
-    start = threading.Barrier(8)
-
-    def work(i):
-        try:
-            a, b = pairs[i]
-            start.wait()
-            for _ in range(20):
-                out = np.empty((48, 48))
-                ctx.execute("quillmark.matmul@1", {"Input0": a, "Input1": b, "Output0": out}, HOST3)
-                np.testing.assert_allclose(out, a @ b, rtol=1e-10, atol=1e-10)
-            results[i] = out
-        except BaseException as e:  # reported from the main thread
-            errors.append(e)
-
-    threads = [threading.Thread(target=work, args=(i,)) for i in range(8)]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
-    assert not errors
-    assert all(r is not None for r in results)
 
 
 def test_lu_factor_threads(ctx):

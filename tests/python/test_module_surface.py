@@ -25,14 +25,6 @@ def test_builder_builds_once():
         builder.load_plugin("/nonexistent/plugin.so")
 
 
-def test_failed_plugin_leaves_builder_usable(tmp_path):
-    builder = _native.ContextBuilder()
-    missing = str(tmp_path / "missing.so")
-    with pytest.raises(ValueError, match="^failed to load native plugin '.*missing.so'$"):
-        builder.load_plugin(missing)
-    assert builder.build().contains_operation("quillmark.solve@1")
-
-
 def test_operations_in_registration_order(catalogue):
     operations = catalogue.operations()
     assert isinstance(operations, tuple) and len(operations) == 32
@@ -61,25 +53,17 @@ def test_describe_schema(catalogue):
     ]
     assert list(d["numerics"]) == ["shapes", "constraints", "requirements", "notes"]
     assert d["provenance"] == {"kind": "builtin", "version": "0.1.1"}
-    assert d["implementations"]
     for implementation in d["implementations"]:
         assert list(implementation) == ["backend", "operands", "numerics", "provenance"]
-        assert implementation["backend"] in ("cpu_scalar", "cpu_simd")
         operands = implementation["operands"]
-        assert [o["role"] for o in operands] == [0, 2**31, 2**31 + 1]
-        assert [o["access"] for o in operands] == ["read", "write", "write"]
+        assert [(o["role"], o["access"]) for o in operands] == [(0, "read"), (2**31, "write"), (2**31 + 1, "write")]
         assert list(operands[0]) == ["role", "access", "kind", "dtype", "compute_dtype", "location",
                                      "storage_format", "complex_layout", "matrix_layout"]
-        assert operands[1]["matrix_layout"] == "none"
-        numerics = implementation["numerics"]
-        assert list(numerics) == ["algorithm", "stability", "complexity", "precision", "parameters", "notes"]
-        assert set(numerics["precision"]) >= {"mode", "accumulation_dtype", "reduction_order"}
-
-
-def test_describe_lists_every_registered_policy(catalogue):
-    policies = {(o["dtype"], o["compute_dtype"])
-                for impl in catalogue.describe("quillmark.solve@1")["implementations"]
-                for o in impl["operands"][:1]}
+        assert list(implementation["numerics"]) == ["algorithm", "stability", "complexity", "precision",
+                                                    "parameters", "notes"]
+    # Every registered policy is listed, not only the first implementation of each backend.
+    policies = {(impl["operands"][0]["dtype"], impl["operands"][0]["compute_dtype"])
+                for impl in catalogue.describe("quillmark.solve@1")["implementations"]}
     assert {("float32", "float32"), ("float64", "float64"), ("complex64", "complex64"),
             ("complex128", "complex128")} <= policies
 
@@ -128,20 +112,6 @@ def test_context_accepts_policy_words(policy):
     ctx = _native.Context(numa_policy=policy, pinning_policy=policy, scheduling="anything", cross_device="x",
                           stream_pool_size=4, external_stream=1234)
     assert ctx.thread_count >= 1
-
-
-def test_result_policy(ctx):
-    c64 = np.zeros(4, np.complex64)
-    assert ctx._result_policy("quillmark.norm@1", [c64], ()) == ("float32", "float32")
-    assert ctx._result_policy("quillmark.add@1", [c64, c64], (4,)) == ("complex64", "complex64")
-    m16 = np.zeros((3, 3), np.float16)
-    assert ctx._result_policy("quillmark.matmul@1", [m16, m16], (3, 3)) == ("float16", "float32")
-    assert ctx._result_policy("quillmark.eigvalsh@1", [np.zeros((3, 3))], (3,), "float64") == ("float64", "float64")
-    with pytest.raises(_native.NativeError) as info:
-        ctx._result_policy("quillmark.add@1", [c64, c64], (4,), "float64")
-    assert info.value.reason == "no_backend_available"
-    with pytest.raises(ValueError, match="^result policy - expected a dense scalar, vector or matrix$"):
-        ctx._result_policy("quillmark.add@1", [c64, c64], (1, 2, 3))
 
 
 # ---- LUOperand and EigenOperand
@@ -211,16 +181,6 @@ def test_eigen_operand():
         _native.EigenOperand(2, "complex64", "complex128")
 
 
-def test_eigen_vectors_are_columns(ctx):
-    a = np.array([[2.0, 1.0, 0.0], [0.0, 3.0, 1.0], [0.0, 0.0, 5.0]])
-    eig = _native.EigenOperand(3, "complex128")
-    ctx.execute("quillmark.eig@1", {"Input0": a, "Output0": eig}, {"Input0": "host", "Output0": "host"})
-    values, vectors = eig.values, eig.vectors
-    np.testing.assert_allclose(sorted(values.real), [2, 3, 5], atol=1e-10)
-    for i in range(3):
-        np.testing.assert_allclose(a @ vectors[:, i], values[i] * vectors[:, i], atol=1e-10)
-
-
 # ---- LUFactor
 
 
@@ -232,14 +192,10 @@ def test_lu_factor_solve_and_logdet(ctx, rng, dtype):
     factor = _native.LUFactor(a, ctx)
     assert (factor.size, factor.dtype) == (6, np.dtype(dtype).name)
     tol = 1e-3 if np.dtype(dtype) in (np.float32, np.complex64) else 1e-10
-    rhs = random_array(rng, 6, dtype)
+    rhs = random_array(rng, 6, dtype)  # blocks of right-hand sides: test_solvers
     x = rhs.copy()
     assert factor.solve(x) is None
     np.testing.assert_allclose(a @ x, rhs, rtol=tol, atol=tol)
-    block = random_array(rng, (6, 3), dtype)
-    xs = block.copy()
-    factor.solve(xs)
-    np.testing.assert_allclose(a @ xs, block, rtol=tol, atol=tol)
 
     logdet = factor.logdet()
     assert isinstance(logdet, complex)
@@ -256,6 +212,7 @@ def test_lu_factor_logdet_of_negative_determinant(ctx):
     (np.ones(4, np.float32), ValueError, "^solve - right-hand side size mismatch$"),
     (np.ones((3, 4), np.float32)[:, ::2], ValueError, "C-contiguous"),
     (np.ones((3, 2, 1), np.float32), ValueError, "rank one or two"),
+    (np.frombuffer(np.ones(3, np.float32).tobytes(), np.float32), ValueError, "writable"),  # read-only
     ([1.0, 2.0, 3.0], TypeError, None),
 ])
 def test_lu_factor_solve_refuses(ctx, rhs, error, message):
@@ -264,13 +221,6 @@ def test_lu_factor_solve_refuses(ctx, rhs, error, message):
     with pytest.raises(error, match=message):
         factor.solve(rhs)
     np.testing.assert_array_equal(rhs, before)
-
-
-def test_lu_factor_solve_refuses_read_only(ctx):
-    rhs = np.ones(2)
-    rhs.flags.writeable = False
-    with pytest.raises(ValueError, match="writable"):
-        _native.LUFactor(np.eye(2), ctx).solve(rhs)
 
 
 # ---- Native errors from solvers

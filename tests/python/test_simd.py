@@ -147,15 +147,11 @@ def test_power_iteration_refuses_non_finite_and_reports_stalls(ctx):
     assert info.value.reason == "non_convergence"
 
 
-def test_outputs_overlapping_inputs(ctx, rng):
+def test_output_overlapping_an_input(ctx, rng):
     a, b = c64(rng, (9, 9)), c64(rng, (9, 9))
     want = wide(a) @ wide(b)
     run(ctx, "quillmark.matmul@1", [a, b], [a])
     assert_close(a, want, scale=3)
-    x = c64(rng, 9)
-    want = wide(b) @ wide(x)
-    run(ctx, "quillmark.matvec@1", [b, x], [x])
-    assert_close(x, want, scale=3)
 
 
 def test_describe_lists_simd_implementations(ctx):

@@ -218,17 +218,17 @@ template <class P> void store_eigenvalues(OperandEntity& e, const std::vector<ty
 // Structured kernels: LU family, Hermitian family, general eigen.
 
 template <class P> Kernel lu_factor_kernel() {
-    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+    return [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
         using S = typename Policy<P>::S;
         using C = typename Policy<P>::C;
         LuView<S> lu = lu_view<S>(output(b, 0), kLabel);
         const MatrixGeometry g{lu.order, lu.order, MatrixLayout::column_major};
         if constexpr (std::is_same_v<S, C>) {
-            *lu.swaps = cpu::lu_factor<C>(lu.factors, g, lu.pivots);
+            *lu.swaps = cpu::lu_factor<C>(lu.factors, g, lu.pivots, ctx.runtime());
         } else {
             std::vector<C> work(g.count());
             for (std::uint64_t i = 0; i < work.size(); ++i) work[i] = load_element<C>(lu.factors, i);
-            const std::int64_t swaps = cpu::lu_factor<C>(work.data(), g, lu.pivots);
+            const std::int64_t swaps = cpu::lu_factor<C>(work.data(), g, lu.pivots, ctx.runtime());
             for (std::uint64_t i = 0; i < work.size(); ++i) store_element<S>(lu.factors, i, work[i]);
             *lu.swaps = swaps;
         }
@@ -282,18 +282,18 @@ template <class P> Kernel logdet_kernel() {
 }
 
 template <class P> Kernel slogdet_kernel() {
-    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+    return [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
         ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
-        const auto result = cpu::slogdet(a.data, a.geometry);
+        const auto result = cpu::slogdet(a.data, a.geometry, ctx.runtime());
         store_scalar<P>(output(b, 1), result.sign);
         store_real_scalar<P>(output(b, 2), result.log_magnitude);
     };
 }
 
 template <class P> Kernel logdet_positive_definite_kernel() {
-    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+    return [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
         ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
-        store_real_scalar<P>(output(b, 1), cpu::logdet_positive_definite(a.data, a.geometry));
+        store_real_scalar<P>(output(b, 1), cpu::logdet_positive_definite(a.data, a.geometry, ctx.runtime()));
     };
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "core/errors.hpp"
+#include "runtime/simd_selection.hpp"
 
 namespace quillmark::cpu {
 
@@ -221,6 +222,23 @@ Z wilkinson_shift(const Z& a, const Z& b, const Z& c, const Z& d) {
     return d - u * (u / denominator);
 }
 
+// (x, y) <- (c x + s1 y, c y - s2 x) elementwise, vectorised where the processor allows; the
+// same bits either way.
+void rotate_rows(Z* x, Z* y, std::uint64_t n, double c, const Z& s1, const Z& s2) noexcept {
+    static const bool vectorised = avx2_usable(probe_cpu_features());
+    if (vectorised) {
+        const double a1[2] = {s1.real(), s1.imag()}, a2[2] = {s2.real(), s2.imag()};
+        complex_rotate_avx2(reinterpret_cast<double*>(x), reinterpret_cast<double*>(y), n, c, a1, a2);
+        return;
+    }
+    for (std::uint64_t j = 0; j < n; ++j) {
+        const Z a = x[j];
+        const Z b = y[j];
+        x[j] = c * a + zmul(s1, b);
+        y[j] = c * b - zmul(s2, a);
+    }
+}
+
 // Single-shift complex QR on the Hessenberg matrix h until it is upper triangular (the Schur
 // form), accumulating the rotations into zt.
 void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSolverOptions& options,
@@ -235,6 +253,12 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
     const std::uint64_t interval = std::max<std::uint64_t>(options.exceptional_shift_interval, 1);
     auto at = [&](std::uint64_t i, std::uint64_t j) -> Z& { return h[i * n + j]; };
 
+    struct Plane {
+        double c;
+        Z s;
+    };
+    std::vector<Plane> sweep;
+    sweep.reserve(n);
     std::uint64_t hi = n - 1;
     std::uint64_t its = 0;
     std::uint64_t exceptional = 0;
@@ -275,6 +299,7 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
         } else {
             mu = wilkinson_shift(at(hi - 1, hi - 1), at(hi - 1, hi), at(hi, hi - 1), at(hi, hi));
         }
+        sweep.clear();
         for (std::uint64_t k = l; k < hi; ++k) {
             Rotation g;
             if (k == l) {
@@ -288,28 +313,37 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
             const Z s = g.s;
             const Z sc = std::conj(s);
             Z* rk = h.data() + k * n;
-            Z* rk1 = rk + n;
-            for (std::uint64_t j = k; j < n; ++j) {
-                const Z a = rk[j];
-                const Z b = rk1[j];
-                rk[j] = c * a + zmul(s, b);
-                rk1[j] = c * b - zmul(sc, a);
-            }
+            rotate_rows(rk + k, rk + n + k, n - k, c, s, sc);
+            // Rows k+1 and k+2 are read by the next steps; rows up to k only by later column
+            // rotations, so theirs wait for the end of the sweep (below).
             const std::uint64_t last = std::min(k + 2, hi);
-            for (std::uint64_t i = 0; i <= last; ++i) {
+            for (std::uint64_t i = k + 1; i <= last; ++i) {
                 Z* row = h.data() + i * n;
                 const Z a = row[k];
                 const Z b = row[k + 1];
                 row[k] = c * a + zmul(sc, b);
                 row[k + 1] = c * b - zmul(s, a);
             }
+            sweep.push_back({c, s});
             Z* zk = zt.data() + k * n;
-            Z* zk1 = zk + n;
-            for (std::uint64_t r = 0; r < n; ++r) {
-                const Z a = zk[r];
-                const Z b = zk1[r];
-                zk[r] = c * a + zmul(sc, b);
-                zk1[r] = c * b - zmul(s, a);
+            rotate_rows(zk, zk + n, n, c, sc, s);
+        }
+        // The waiting column rotations: row i takes those of steps max(l, i) .. hi-1 in order,
+        // after every row rotation that reaches it. Four rows go side by side, since each row's
+        // steps form one dependent chain.
+        constexpr std::uint64_t kRows = 4;
+        for (std::uint64_t i0 = 0; i0 < hi; i0 += kRows) {
+            for (std::uint64_t k = std::max(l, i0); k < hi; ++k) {
+                const double c = sweep[k - l].c;
+                const Z s = sweep[k - l].s;
+                const Z sc = std::conj(s);
+                for (std::uint64_t i = i0; i < std::min(i0 + kRows, std::min(hi, k + 1)); ++i) {
+                    Z* row = h.data() + i * n;
+                    const Z a = row[k];
+                    const Z b = row[k + 1];
+                    row[k] = c * a + zmul(sc, b);
+                    row[k + 1] = c * b - zmul(s, a);
+                }
             }
         }
     }

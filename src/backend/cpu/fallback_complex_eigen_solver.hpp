@@ -55,6 +55,10 @@ void eig(const C* matrix, const MatrixGeometry& geometry, EigenComplexOf<C>* val
 // `solver_failure` "principal_eigenvector - dominant eigenvalue is not unique" (detail
 // "dominant eigenvalue magnitude is repeated") when another eigenvalue's magnitude lies within
 // 10 * convergence_tolerance (relative) of the largest.
+// (x, y) <- (c x + s1 y, c y - s2 x) over n interleaved complex doubles, each product rounded on
+// its own; s1 and s2 point at (re, im). AVX2 only: call after the processor check.
+void complex_rotate_avx2(double* x, double* y, std::uint64_t n, double c, const double* s1, const double* s2) noexcept;
+
 template <class C>
 void principal_eigenvector(const C* matrix, const MatrixGeometry& geometry, C* vector,
                            const EigenSolverOptions& options = default_eigen_options<C>());

@@ -10,6 +10,7 @@
 #include <utility>
 #include <vector>
 
+#include "backend/cpu/structured_solver_lu.hpp"
 #include "backend/cpu/vector_kernels.hpp"
 #include "core/errors.hpp"
 
@@ -71,33 +72,15 @@ template <class To, class From> inline To convert(const From& v) noexcept {
         return static_cast<To>(v);
 }
 
-// Magnitude used to rank pivot candidates; a complex modulus that overflows is taken of the
-// halved value and ranks above every unscaled key.
-template <class R> struct PivotKey {
-    R magnitude = 0;
-    bool scaled = false;
-};
-
-template <class C> inline PivotKey<RealOf<C>> pivot_key(const C& v) noexcept {
+// The magnitude by which the elimination ranked the pivot v: a complex modulus that overflows
+// is taken of the halved value.
+template <class C> inline RealOf<C> pivot_magnitude(const C& v) noexcept {
     using R = RealOf<C>;
-    if constexpr (kComplex<C>) {
-        const R m = std::abs(v);
+    const R m = std::abs(v);
+    if constexpr (kComplex<C>)
         if (!std::isfinite(m))
-            return {std::abs(v * R(0.5)), true};
-        return {m, false};
-    } else {
-        return {std::fabs(v), false};
-    }
-}
-
-template <class R> inline bool ranks_above(const PivotKey<R>& a, const PivotKey<R>& b) noexcept {
-    if (a.scaled != b.scaled)
-        return a.scaled;
-    return a.magnitude > b.magnitude;
-}
-
-template <class R> inline bool is_zero_key(const PivotKey<R>& k) noexcept {
-    return !k.scaled && k.magnitude == 0;
+            return std::abs(v * R(0.5));
+    return m;
 }
 
 // ln|v| without overflow of the complex modulus.
@@ -138,14 +121,18 @@ inline std::int32_t status_of(std::uint64_t value) noexcept {
         std::min<std::uint64_t>(value, std::numeric_limits<std::int32_t>::max()));
 }
 
-// Private row-major copy in the working type W.
-template <class W, class C> std::vector<W> row_major_copy(const C* a, const MatrixGeometry& g) {
+// Private column-major copy in the working type W (the layout the eliminations run on).
+template <class W, class C> std::vector<W> column_major_copy(const C* a, const MatrixGeometry& g) {
     const std::uint64_t n = g.rows;
     std::vector<W> w(n * n);
     const Strides st = strides_of(g);
-    for (std::uint64_t i = 0; i < n; ++i)
-        for (std::uint64_t j = 0; j < n; ++j)
-            w[i * n + j] = convert<W>(a[i * st.row + j * st.col]);
+    // Square tiles keep the reads of a row-major source in cache.
+    constexpr std::uint64_t kTile = 32;
+    for (std::uint64_t jb = 0; jb < n; jb += kTile)
+        for (std::uint64_t ib = 0; ib < n; ib += kTile)
+            for (std::uint64_t j = jb; j < std::min(n, jb + kTile); ++j)
+                for (std::uint64_t i = ib; i < std::min(n, ib + kTile); ++i)
+                    w[j * n + i] = convert<W>(a[i * st.row + j * st.col]);
     return w;
 }
 
@@ -314,7 +301,11 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
         for (std::uint64_t p = 0; p + 1 < n; ++p) {
             std::copy(m + p * ld, m + p * ld + n, cp);
             RW app = real_part(cp[p]);
-            for (std::uint64_t q = p + 1; q < n; ++q) {
+            // Row q of rotation (p, q) reaches the columns of the same cache-line block of q at
+            // once and the later columns when the block is done, a line per column.
+            for (std::uint64_t q0 = p + 1; q0 < n; q0 += line) {
+            const std::uint64_t q1 = std::min(n, q0 + line);
+            for (std::uint64_t q = q0; q < q1; ++q) {
                 W* const cq = m + q * ld;
                 const W apq = conj_of(cp[q]);
                 const RW aqq = real_part(cq[q]);
@@ -342,10 +333,16 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
                 cp[q] = W(0);
                 cq[p] = W(0);
                 cq[q] = W(aqq + delta);
-                for (std::uint64_t k = q + 1; k < n; ++k)
+                for (std::uint64_t k = q + 1; k < q1; ++k)
                     m[k * ld + q] = conj_of(cq[k]);
                 if (vt)
                     rotate_pair(vt->data() + p * n, vt->data() + q * n, n, c, s);
+            }
+            for (std::uint64_t k = q1; k < n; ++k) {
+                W* const ck = m + k * ld;
+                for (std::uint64_t q = q0; q < q1; ++q)
+                    ck[q] = conj_of(m[q * ld + k]);
+            }
             }
             std::copy(cp, cp + n, m + p * ld);
             for (std::uint64_t k = 0; k < n; ++k)
@@ -401,69 +398,50 @@ void hermitian_eigen(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* 
 
 } // namespace
 
-template <class C> std::int64_t lu_factor(C* a, const MatrixGeometry& g, std::int64_t* pivots) {
+template <class C>
+std::int64_t lu_factor(C* a, const MatrixGeometry& g, std::int64_t* pivots, const CpuRuntimeContext* ctx) {
     require_square(g, "LU factorisation - matrix must be square");
     const std::uint64_t n = g.rows;
     if (n > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max()))
         throw std::overflow_error("size exceeds destination integer range");
-    const Strides st = strides_of(g);
-    std::int64_t swaps = 0;
-    for (std::uint64_t k = 0; k < n; ++k) {
-        std::uint64_t p = k;
-        PivotKey<RealOf<C>> best{};
-        for (std::uint64_t i = k; i < n; ++i) {
-            const C v = a[i * st.row + k * st.col];
-            if (!is_finite(v))
-                throw std::invalid_argument("LU factorisation - non-finite pivot");
-            const auto key = pivot_key(v);
-            if (i == k || ranks_above(key, best)) {
-                best = key;
-                p = i;
-            }
-        }
-        if (is_zero_key(best))
-            throw SolverError(kLibrary, status_of(k), "zero LU pivot", "quillmark.lu_factor",
-                              "LU factorisation - singular matrix at pivot " + std::to_string(k),
-                              ErrorReason::singular);
-        pivots[k] = static_cast<std::int64_t>(p + 1);
-        if (p != k) {
-            for (std::uint64_t j = 0; j < n; ++j)
-                std::swap(a[k * st.row + j * st.col], a[p * st.row + j * st.col]);
-            ++swaps;
-        }
-        const C pivot = a[k * (st.row + st.col)];
-        for (std::uint64_t i = k + 1; i < n; ++i) {
-            C& e = a[i * st.row + k * st.col];
-            const C m = e / pivot;
-            if (e != C(0) && m == C(0))
-                throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.lu_factor",
-                                  "LU multiplier range cannot be preserved", ErrorReason::solver_failure);
-            e = m;
-        }
-        // Trailing update, ordered so the inner loop runs along contiguous memory.
-        if (st.row == 1) {
-            for (std::uint64_t j = k + 1; j < n; ++j) {
-                const C t = a[k + j * st.col];
-                C* column = a + j * st.col;
-                const C* multipliers = a + k * st.col;
-                for (std::uint64_t i = k + 1; i < n; ++i)
-                    column[i] -= mul(multipliers[i], t);
-            }
-        } else {
-            const C* pivot_row = a + k * st.row;
-            for (std::uint64_t i = k + 1; i < n; ++i) {
-                C* row = a + i * st.row;
-                const C m = row[k];
-                for (std::uint64_t j = k + 1; j < n; ++j)
-                    row[j] -= mul(m, pivot_row[j]);
-            }
-        }
+    // The elimination runs on columns; a row-major matrix goes through a transposed copy.
+    std::vector<C> transposed;
+    C* work = a;
+    if (g.layout != MatrixLayout::column_major && n > 1) {
+        transposed.resize(n * n);
+        for (std::uint64_t i = 0; i < n; ++i)
+            for (std::uint64_t j = 0; j < n; ++j) transposed[j * n + i] = a[i * n + j];
+        work = transposed.data();
     }
-    return swaps;
+    const LuOutcome outcome =
+        lu_eliminate<C, RealOf<C>>(work, n, pivots, default_lu_kernels<RealOf<C>>(), kLuBlock, ctx);
+    if (work != a)
+        for (std::uint64_t i = 0; i < n; ++i)
+            for (std::uint64_t j = 0; j < n; ++j) a[i * n + j] = transposed[j * n + i];
+    switch (outcome.stop) {
+    case LuStop::none:
+        break;
+    case LuStop::non_finite:
+        throw std::invalid_argument("LU factorisation - non-finite pivot");
+    case LuStop::singular:
+        throw SolverError(kLibrary, status_of(outcome.step), "zero LU pivot", "quillmark.lu_factor",
+                          "LU factorisation - singular matrix at pivot " + std::to_string(outcome.step),
+                          ErrorReason::singular);
+    case LuStop::underflow:
+        throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.lu_factor",
+                          "LU multiplier range cannot be preserved", ErrorReason::solver_failure);
+    }
+    return outcome.swaps;
 }
 
+namespace {
+
+// Solves the right-hand sides x(i, c) = x[i * ld + c], c < columns, each with exactly the
+// operations of a lone vector; the columns run side by side so the factors are read once per
+// block of columns.
 template <class C>
-void lu_solve(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t x_stride) {
+void solve_rows(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t ld,
+                std::uint64_t columns) {
     require_square(g, "solve - LU factors must be square");
     const std::uint64_t n = g.rows;
     for (std::uint64_t i = 0; i < n; ++i)
@@ -473,20 +451,51 @@ void lu_solve(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C
     for (std::uint64_t i = 0; i < n; ++i) {
         const std::uint64_t p = static_cast<std::uint64_t>(pivots[i]) - 1;
         if (p != i)
-            std::swap(x[i * x_stride], x[p * x_stride]);
+            std::swap_ranges(x + i * ld, x + i * ld + columns, x + p * ld);
     }
-    for (std::uint64_t i = 0; i < n; ++i) {
-        C sum(0);
-        for (std::uint64_t j = 0; j < i; ++j)
-            sum += mul(a[i * st.row + j * st.col], x[j * x_stride]);
-        x[i * x_stride] -= sum;
+    constexpr std::uint64_t kBlock = 64;
+    std::vector<C> sums(std::min(columns, kBlock));
+    for (std::uint64_t c0 = 0; c0 < columns; c0 += kBlock) {
+        const std::uint64_t width = std::min(kBlock, columns - c0);
+        C* const sum = sums.data();
+        for (std::uint64_t i = 0; i < n; ++i) {
+            std::fill(sum, sum + width, C(0));
+            for (std::uint64_t j = 0; j < i; ++j) {
+                const C l = a[i * st.row + j * st.col];
+                const C* xj = x + j * ld + c0;
+                for (std::uint64_t c = 0; c < width; ++c)
+                    sum[c] += mul(l, xj[c]);
+            }
+            C* xi = x + i * ld + c0;
+            for (std::uint64_t c = 0; c < width; ++c)
+                xi[c] -= sum[c];
+        }
+        for (std::uint64_t i = n; i-- > 0;) {
+            std::fill(sum, sum + width, C(0));
+            for (std::uint64_t j = i + 1; j < n; ++j) {
+                const C u = a[i * st.row + j * st.col];
+                const C* xj = x + j * ld + c0;
+                for (std::uint64_t c = 0; c < width; ++c)
+                    sum[c] += mul(u, xj[c]);
+            }
+            const C d = a[i * (st.row + st.col)];
+            C* xi = x + i * ld + c0;
+            for (std::uint64_t c = 0; c < width; ++c)
+                xi[c] = (xi[c] - sum[c]) / d;
+        }
     }
-    for (std::uint64_t i = n; i-- > 0;) {
-        C sum(0);
-        for (std::uint64_t j = i + 1; j < n; ++j)
-            sum += mul(a[i * st.row + j * st.col], x[j * x_stride]);
-        x[i * x_stride] = (x[i * x_stride] - sum) / a[i * (st.row + st.col)];
-    }
+}
+
+} // namespace
+
+template <class C>
+void lu_solve(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t x_stride) {
+    solve_rows(a, g, pivots, x, x_stride, 1);
+}
+
+template <class C>
+void lu_solve_columns(const C* a, const MatrixGeometry& g, const std::int64_t* pivots, C* x, std::uint64_t columns) {
+    solve_rows(a, g, pivots, x, columns, columns);
 }
 
 template <class C>
@@ -580,57 +589,43 @@ template <class W> RealOf<W> normalise_determinant(W* data, std::uint64_t n, std
     return std::numbers::ln2_v<R> * static_cast<R>(s) * static_cast<R>(n);
 }
 
-template <class C> SignedLogDeterminant<C> slogdet(const C* a, const MatrixGeometry& g) {
+template <class C> SignedLogDeterminant<C> slogdet(const C* a, const MatrixGeometry& g, const CpuRuntimeContext* ctx) {
     using W = Widened<C>;
     using RW = RealOf<W>;
     using R = RealOf<C>;
     require_square(g, "slogdet/logdet_positive_definite - input must be square");
     const std::uint64_t n = g.rows;
-    std::vector<W> w = row_major_copy<W>(a, g);
+    std::vector<W> w = column_major_copy<W>(a, g);
     const RW correction = normalise_determinant(w.data(), n, "quillmark.slogdet");
     if (n == 0)
         return {C(1), static_cast<R>(RW(0) - correction)};
+    std::vector<std::int64_t> pivots(n);
+    const LuOutcome outcome =
+        lu_eliminate<W, RW>(w.data(), n, pivots.data(), default_lu_kernels<RW>(), kLuBlock, ctx);
+    switch (outcome.stop) {
+    case LuStop::none:
+        break;
+    case LuStop::non_finite:
+        throw std::runtime_error("slogdet - non-finite LU pivot");
+    case LuStop::singular:
+        return {C(0), -std::numeric_limits<R>::infinity()};
+    case LuStop::underflow:
+        throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.slogdet",
+                          "slogdet - LU multiplier range cannot be preserved", ErrorReason::solver_failure);
+    }
     W sign(1);
     RW log_magnitude = 0;
     for (std::uint64_t k = 0; k < n; ++k) {
-        std::uint64_t p = k;
-        PivotKey<RW> best{};
-        for (std::uint64_t i = k; i < n; ++i) {
-            const W v = w[i * n + k];
-            if (!is_finite(v))
-                throw std::runtime_error("slogdet - non-finite LU pivot");
-            const auto key = pivot_key(v);
-            if (i == k || ranks_above(key, best)) {
-                best = key;
-                p = i;
-            }
-        }
-        if (is_zero_key(best))
-            return {C(0), -std::numeric_limits<R>::infinity()};
-        W* row_k = w.data() + k * n;
-        if (p != k) {
-            std::swap_ranges(row_k + k, row_k + n, w.data() + p * n + k);
+        if (static_cast<std::uint64_t>(pivots[k]) != k + 1)
             sign = -sign;
-        }
-        const W u = row_k[k];
+        const W u = w[k * n + k];
         log_magnitude += log_abs(u);
         if constexpr (kComplex<W>) {
-            const W q = u / best.magnitude;
+            const W q = u / pivot_magnitude(u);
             sign = mul(sign, q / std::abs(q));
         } else {
             if (u < 0)
                 sign = -sign;
-        }
-        for (std::uint64_t i = k + 1; i < n; ++i) {
-            W* row = w.data() + i * n;
-            const W e = row[k];
-            const W m = e / u;
-            if (e != W(0) && m == W(0))
-                throw SolverError(kLibrary, -1, "LU multiplier underflow", "quillmark.slogdet",
-                                  "slogdet - LU multiplier range cannot be preserved",
-                                  ErrorReason::solver_failure);
-            for (std::uint64_t j = k + 1; j < n; ++j)
-                row[j] -= mul(m, row_k[j]);
         }
     }
     if constexpr (kComplex<W>)
@@ -659,7 +654,8 @@ template <class C> void eigvalsh(const C* a, const MatrixGeometry& g, RealOf<C>*
     hermitian_eigen<C>(a, g, values, nullptr, nullptr, "quillmark.eigvalsh");
 }
 
-template <class C> RealOf<C> logdet_positive_definite(const C* a, const MatrixGeometry& g) {
+template <class C>
+RealOf<C> logdet_positive_definite(const C* a, const MatrixGeometry& g, const CpuRuntimeContext* ctx) {
     using W = Widened<C>;
     using RW = RealOf<W>;
     using R = RealOf<C>;
@@ -667,50 +663,37 @@ template <class C> RealOf<C> logdet_positive_definite(const C* a, const MatrixGe
     require_square(g, "slogdet/logdet_positive_definite - input must be square");
     const std::uint64_t n = g.rows;
     validate_input(a, g, true, tolerance_for<C>(n), kOperation);
-    std::vector<W> w = row_major_copy<W>(a, g);
+    std::vector<W> w = column_major_copy<W>(a, g);
     const RW correction = normalise_determinant(w.data(), n, kOperation);
     if (n == 0)
         return static_cast<R>(RW(0) - correction);
     const RW eps = static_cast<RW>(std::numeric_limits<R>::epsilon());
+    std::vector<RW> pivots(n);
+    const CholeskyOutcome<RW> outcome =
+        cholesky_eliminate<W, RW>(w.data(), n, eps, pivots.data(), default_lu_kernels<RW>(), kCholeskyBlock, ctx);
+    if (!outcome.positive)
+        throw SolverError(kLibrary, status_of(outcome.step + 1), "non-positive Cholesky pivot", kOperation,
+                          "logdet_positive_definite - matrix is not positive definite at pivot " +
+                              std::to_string(outcome.step),
+                          ErrorReason::solver_failure);
     RW sum = 0;
-    // L overwrites the lower triangle of the copy.
-    for (std::uint64_t j = 0; j < n; ++j) {
-        const W* row_j = w.data() + j * n;
-        const RW ajj = real_part(row_j[j]);
-        RW x = ajj;
-        for (std::uint64_t k = 0; k < j; ++k)
-            x -= std::norm(row_j[k]);
-        const RW tau = std::fabs(ajj) * eps * static_cast<RW>(4 * j + 1);
-        if (!std::isfinite(x) || x <= 0 || x <= tau)
-            throw SolverError(kLibrary, status_of(j + 1), "non-positive Cholesky pivot", kOperation,
-                              "logdet_positive_definite - matrix is not positive definite at pivot " +
-                                  std::to_string(j),
-                              ErrorReason::solver_failure);
-        const RW ljj = std::sqrt(x);
-        w[j * n + j] = W(ljj);
-        sum += std::log(x);
-        for (std::uint64_t i = j + 1; i < n; ++i) {
-            W* row_i = w.data() + i * n;
-            W s = row_i[j];
-            for (std::uint64_t k = 0; k < j; ++k)
-                s -= mul(row_i[k], conj_of(row_j[k]));
-            row_i[j] = s / ljj;
-        }
-    }
+    for (std::uint64_t j = 0; j < n; ++j)
+        sum += std::log(pivots[j]);
     return static_cast<R>(sum - correction);
 }
 
 #define QUILLMARK_STRUCTURED_SOLVER(C)                                                                       \
-    template std::int64_t lu_factor<C>(C*, const MatrixGeometry&, std::int64_t*);                            \
+    template std::int64_t lu_factor<C>(C*, const MatrixGeometry&, std::int64_t*, const CpuRuntimeContext*);                            \
     template void lu_solve<C>(const C*, const MatrixGeometry&, const std::int64_t*, C*, std::uint64_t);      \
+    template void lu_solve_columns<C>(const C*, const MatrixGeometry&, const std::int64_t*, C*, std::uint64_t); \
     template std::complex<RealOf<C>> lu_logdet<C>(const C*, const MatrixGeometry&, std::int64_t);            \
-    template SignedLogDeterminant<C> slogdet<C>(const C*, const MatrixGeometry&);                            \
+    template SignedLogDeterminant<C> slogdet<C>(const C*, const MatrixGeometry&, const CpuRuntimeContext*);                            \
     template RealOf<C> normalise_determinant<C>(C*, std::uint64_t, std::string_view);                        \
     template double hermitian_tolerance<C>(std::uint64_t);                                                   \
     template void validate_hermitian_input<C>(const C*, const MatrixGeometry&, bool, std::string_view);      \
     template void eigh<C>(const C*, const MatrixGeometry&, RealOf<C>*, C*, const MatrixGeometry&);           \
     template void eigvalsh<C>(const C*, const MatrixGeometry&, RealOf<C>*);                                  \
-    template RealOf<C> logdet_positive_definite<C>(const C*, const MatrixGeometry&);
+    template RealOf<C> logdet_positive_definite<C>(const C*, const MatrixGeometry&, const CpuRuntimeContext*);
 
 QUILLMARK_STRUCTURED_SOLVER(float)
 QUILLMARK_STRUCTURED_SOLVER(double)

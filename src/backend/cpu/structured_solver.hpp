@@ -16,6 +16,10 @@
 
 #include "storage/views.hpp"
 
+namespace quillmark {
+class CpuRuntimeContext;
+}
+
 namespace quillmark::cpu {
 
 template <class C> struct ScalarParts {
@@ -33,7 +37,11 @@ template <class C> using RealOf = typename ScalarParts<C>::real;
 // Throws std::invalid_argument "LU factorisation - non-finite pivot"; SolverError `singular`
 // (native status k) or `solver_failure` (multiplier underflow); std::overflow_error
 // "size exceeds destination integer range". On a SolverError the matrix is partly eliminated.
-template <class C> std::int64_t lu_factor(C* factors, const MatrixGeometry& geometry, std::int64_t* pivots);
+// Every update a(i,j) -= m a(k,j) is one fused multiply-subtract, applied in step order; the
+// trailing updates spread over ctx's workers when one is given.
+template <class C>
+std::int64_t lu_factor(C* factors, const MatrixGeometry& geometry, std::int64_t* pivots,
+                       const CpuRuntimeContext* ctx = nullptr);
 
 // Solves A x = b in place from the LU factors; x holds b on entry and is reached with the given
 // element stride (a column of a row-major right-hand-side block has stride k). Every pivot is
@@ -41,6 +49,12 @@ template <class C> std::int64_t lu_factor(C* factors, const MatrixGeometry& geom
 template <class C>
 void lu_solve(const C* factors, const MatrixGeometry& geometry, const std::int64_t* pivots, C* x,
               std::uint64_t x_stride = 1);
+
+// Solves every column of the row-major n x columns block x in place, each giving the bits that
+// lu_solve gives for it alone.
+template <class C>
+void lu_solve_columns(const C* factors, const MatrixGeometry& geometry, const std::int64_t* pivots, C* x,
+                      std::uint64_t columns);
 
 // Principal logarithm of det(A) from the factors: (sum of ln|u_kk|, phase). Real factors give the
 // phase 0 or pi from the swap parity and the sign bits of the diagonal (-0.0 counts as negative).
@@ -56,7 +70,8 @@ template <class C> struct SignedLogDeterminant {
     C sign;
     RealOf<C> log_magnitude;
 };
-template <class C> SignedLogDeterminant<C> slogdet(const C* matrix, const MatrixGeometry& geometry);
+template <class C>
+SignedLogDeterminant<C> slogdet(const C* matrix, const MatrixGeometry& geometry, const CpuRuntimeContext* ctx = nullptr);
 
 // Rescales a flattened n x n matrix (either layout) whose smallest non-zero part is subnormal by
 // an even power of two 2^s and returns ln 2 * s * n, the excess of the scaled log-determinant;
@@ -90,6 +105,8 @@ template <class C> void eigvalsh(const C* matrix, const MatrixGeometry& geometry
 // log det of a Hermitian positive-definite matrix by Cholesky factorisation (real result).
 // Throws the validation errors of "quillmark.logdet_positive_definite" and SolverError
 // `solver_failure` (native status j + 1) for a failed pivot j.
-template <class C> RealOf<C> logdet_positive_definite(const C* matrix, const MatrixGeometry& geometry);
+template <class C>
+RealOf<C> logdet_positive_definite(const C* matrix, const MatrixGeometry& geometry,
+                                   const CpuRuntimeContext* ctx = nullptr);
 
 } // namespace quillmark::cpu

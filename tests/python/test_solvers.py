@@ -1,0 +1,68 @@
+"""Solver results that must not depend on how the work is split: many right-hand sides against
+one at a time, and the blocked factorisations against the NumPy/SciPy answers at orders past the
+block size."""
+import numpy as np
+import pytest
+from conftest import FLOATING, TOLERANCE, random_array, real_dtype, run
+
+from quillmark import _native
+
+
+@pytest.mark.parametrize("dtype", FLOATING + [np.float16])
+def test_block_of_right_hand_sides_matches_lone_columns_bit_for_bit(ctx, rng, dtype):
+    n, k = 70, 67  # more columns than one pass of the block solve
+    a = random_array(rng, (n, n), dtype) + np.eye(n, dtype=dtype) * 8
+    factor = _native.LUFactor(a, ctx)
+    block = random_array(rng, (n, k), dtype)
+    together = block.copy()
+    factor.solve(together)
+    for c in (0, 63, 64, k - 1):
+        alone = np.ascontiguousarray(block[:, c])
+        factor.solve(alone)
+        assert alone.tobytes() == together[:, c].tobytes()
+
+
+@pytest.mark.parametrize("dtype", FLOATING)
+@pytest.mark.parametrize("n", [127, 200])
+def test_blocked_factorisations_match_references(ctx, rng, dtype, n):
+    a = random_array(rng, (n, n), dtype)
+    tol = TOLERANCE[dtype] * n
+    sign, logabs = np.zeros((), dtype), np.zeros((), real_dtype(dtype))
+    run(ctx, "quillmark.slogdet@1", [a], [sign, logabs])
+    want_sign, want_logabs = np.linalg.slogdet(a.astype(np.complex128 if a.dtype.kind == "c" else np.float64))
+    np.testing.assert_allclose(logabs, want_logabs, rtol=tol)
+    np.testing.assert_allclose(sign, want_sign, atol=tol)
+
+    gram = a @ a.conj().T
+    spd = ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
+    out = np.zeros((), real_dtype(dtype))
+    run(ctx, "quillmark.logdet_positive_definite@1", [spd], [out])
+    np.testing.assert_allclose(out, np.linalg.slogdet(spd.astype(np.complex128))[1], rtol=tol)
+
+    factor = _native.LUFactor(a, ctx)
+    rhs = random_array(rng, (n, 2), dtype)
+    x = rhs.copy()
+    factor.solve(x)
+    np.testing.assert_allclose(a.astype(np.complex128) @ x, rhs, atol=tol * 10)
+
+
+@pytest.mark.parametrize("dtype", [np.float64, np.complex128])
+def test_worker_threads_give_the_serial_bits(ctx, rng, dtype):
+    try:
+        workers = _native.Context(thread_count=2, min_parallel_work=1)
+    except ValueError:
+        pytest.skip("this machine cannot spare two worker threads")
+    n = 300
+    a = random_array(rng, (n, n), dtype)
+    factors = []
+    for context in (ctx, workers):
+        lu = _native.LUOperand(a)
+        run(context, "quillmark.lu_factor@1", [], [lu])
+        factors.append((lu.factors.tobytes(), lu.pivots.tobytes()))
+    assert factors[0] == factors[1]
+    gram = a @ a.conj().T
+    spd = ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
+    outs = [np.zeros((), real_dtype(dtype)) for _ in range(2)]
+    for context, out in zip((ctx, workers), outs):
+        run(context, "quillmark.logdet_positive_definite@1", [spd], [out])
+    assert outs[0].tobytes() == outs[1].tobytes()
