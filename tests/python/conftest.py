@@ -1,7 +1,12 @@
+import os
+
 import numpy as np
 import pytest
 
 quillmark = pytest.importorskip("quillmark")
+
+# Set by scripts/sanitize.sh while the suite runs against a sanitizer build of the extension.
+SANITIZED = bool(os.environ.get("QUILLMARK_SANITIZED"))
 
 FLOATING = [np.float32, np.float64, np.complex64, np.complex128]
 TOLERANCE = {np.float32: 2e-4, np.float64: 1e-10, np.complex64: 2e-4, np.complex128: 1e-10}

@@ -368,7 +368,11 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
     const Stability arithmetic = Pol::integer ? Stability::exact : Stability::backward_stable;
     const SymbolicExpression length = in_dim(0, 0);
     using Vw = Views<P>;
-    constexpr auto V = Vw::V, M = Vw::M, S = Vw::S, F = Vw::F;
+    // One declaration each: the view makers differ in type, which one auto declaration may not deduce.
+    constexpr auto V = Vw::V;
+    constexpr auto M = Vw::M;
+    constexpr auto S = Vw::S;
+    constexpr auto F = Vw::F;
     const Numerics elementwise = generic_record(rp, {"cpu.elementwise", arithmetic, length});
     const Numerics transpose = generic_record(
         rp, {"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})});
@@ -415,7 +419,11 @@ template <class P> void floating_rows(std::vector<Registration>& rows) {
     const SymbolicExpression length = in_dim(0, 0), order = in_dim(0, 0);
     const Stability bs = Stability::backward_stable;
     using Vw = Views<P>;
-    constexpr auto V = Vw::V, M = Vw::M, S = Vw::S, RS = Vw::RS, F = Vw::F;
+    constexpr auto V = Vw::V;
+    constexpr auto M = Vw::M;
+    constexpr auto S = Vw::S;
+    constexpr auto RS = Vw::RS;
+    constexpr auto F = Vw::F;
     const Numerics elementwise = generic_record(rp, {"cpu.elementwise", bs, length});
     const Numerics partial = generic_record(
         rp, {"cpu.partial_trace", bs, product_of({in_dim(0, 0), out_dim(0, 0)}), lit(0), ReductionOrder::sequential});
