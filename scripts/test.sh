@@ -25,4 +25,7 @@ log "Python tests"
 "$PY" -m pytest -q tests/python
 
 # --- sanitizer runs ----------------------------------------------------------------------------
-# The call of scripts/sanitize.sh goes here.
+# ASan+UBSan and ThreadSanitizer trees, the Python suite against the ASan extension, and the
+# libFuzzer targets for a fixed time each.
+log "sanitizers and fuzzing"
+PYTHON="$PY" bash scripts/sanitize.sh
