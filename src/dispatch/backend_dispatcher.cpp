@@ -204,6 +204,9 @@ BackendProcess BackendDispatcher::dispatch(std::uint32_t handle, std::span<const
     const auto input_keys = requested_inputs.keys();
     const auto output_keys = requested_outputs.keys();
     const Choice choice = choose(handle, input_keys, output_keys);
+    if (choice.match.cost != 0 && choice.backend != BackendKind::cuda)
+        if (auto tiled = tiled_process(choice, handle, inputs, outputs, input_keys, output_keys))
+            return std::move(*tiled);
 
     BackendProcess process = choice.match.entry->materialise();
     BackendExecutionPlan plan;
@@ -213,6 +216,54 @@ BackendProcess BackendDispatcher::dispatch(std::uint32_t handle, std::span<const
     if (choice.backend == BackendKind::cuda) adapt_descriptor_input(process, inputs, choice.match.key->inputs());
     adapt_output(process, inputs.size(), outputs, output_keys, choice.match.key->outputs(),
                  registry_->write_only_outputs(handle));
+    return process;
+}
+
+std::optional<BackendProcess> BackendDispatcher::tiled_process(const Choice& choice, std::uint32_t handle,
+                                                               std::span<const OperandDescriptor> inputs,
+                                                               std::span<const OperandDescriptor> outputs,
+                                                               std::span<const BackendOperandKey> input_keys,
+                                                               std::span<const BackendOperandKey> output_keys) const {
+    const auto* cpu = choice.match.entry->materialiser().target<CpuKernelMaterialiser>();
+    const std::size_t count = inputs.size() + outputs.size();
+    if (!cpu || cpu->tiling.count != count) return std::nullopt;
+    const auto registered_in = choice.match.key->inputs(), registered_out = choice.match.key->outputs();
+    if (registered_in.size() != inputs.size() || registered_out.size() != outputs.size()) return std::nullopt;
+    const std::uint64_t write_only = registry_->write_only_outputs(handle);
+
+    std::vector<TiledKernelStep::Operand> operands(count);
+    for (std::size_t i = 0; i < count; ++i) {
+        const bool output = i >= inputs.size();
+        const std::size_t k = output ? i - inputs.size() : i;
+        const BackendOperandKey& requested = output ? output_keys[k] : input_keys[k];
+        const BackendOperandKey& registered = output ? registered_out[k] : registered_in[k];
+        operands[i].axis = cpu->tiling.axes[i];
+        if (requested == registered) continue;
+        const BackendAdapter* adapter = output ? adaptations_->find_output(requested, registered)
+                                               : adaptations_->find_input(requested, registered);
+        if (!adapter || !adapter->tile) return std::nullopt;
+        const bool overwritten = output && k < 64 && ((write_only >> k) & 1) != 0;
+        operands[i].adapter = adapter->tile(output ? outputs[k] : inputs[k], requested, registered, output, overwritten);
+        if (!operands[i].adapter) return std::nullopt;
+    }
+
+    // The ordinary steps, in the order dispatch() would give them, for executions tiling cannot serve.
+    AdaptationSteps in = build_adaptations(adaptations_->input_adapters(), "adapt_input", 0, inputs, input_keys,
+                                           registered_in);
+    AdaptationSteps out = build_adaptations(adaptations_->output_adapters(), "adapt_output", inputs.size(), outputs,
+                                            output_keys, registered_out, write_only);
+    TiledKernelStep::Steps ordinary;
+    for (auto* list : {&out.before, &in.before})
+        for (auto& step : *list) ordinary.push_back(std::move(step));
+    ordinary.push_back(std::make_unique<LaunchCpuKernelStep>(cpu->backend, cpu->kernel));
+    for (auto* list : {&in.after, &out.after})
+        for (auto& step : *list) ordinary.push_back(std::move(step));
+
+    BackendProcess process;
+    BackendExecutionPlan plan;
+    plan.target = choice.backend;
+    process.set_execution_plan(std::move(plan));
+    process.push_back(std::make_unique<TiledKernelStep>(*cpu, std::move(operands), std::move(ordinary)));
     return process;
 }
 

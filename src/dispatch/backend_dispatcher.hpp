@@ -11,6 +11,7 @@
 #include "core/operand_types.hpp"
 #include "dispatch/backend_process.hpp"
 #include "dispatch/backend_registry.hpp"
+#include "dispatch/layout_adaptation_tiled.hpp"
 
 namespace quillmark {
 
@@ -31,6 +32,12 @@ struct BackendAdapter {
     // Optional builder for a write-only output, whose prior contents need not reach the kernel;
     // `build` serves when it is empty.
     Builder build_write_only{};
+    // Optional: the same adaptation in tiled form, for kernels that run tile by tile
+    // (KernelTiling); a null result keeps the ordinary steps.
+    using TileBuilder = std::function<std::shared_ptr<const TileAdapter>(
+        const OperandDescriptor& descriptor, const BackendOperandKey& requested, const BackendOperandKey& registered,
+        bool output, bool write_only)>;
+    TileBuilder tile{};
 };
 
 class BackendAdaptationRegistry {
@@ -98,6 +105,13 @@ public:
 
 private:
     class ChoiceCache;
+    // The process of a tiled CPU kernel whose adaptations all have a tiled form: one
+    // TiledKernelStep; nullopt otherwise.
+    std::optional<BackendProcess> tiled_process(const Choice& choice, std::uint32_t handle,
+                                                std::span<const OperandDescriptor> inputs,
+                                                std::span<const OperandDescriptor> outputs,
+                                                std::span<const BackendOperandKey> input_keys,
+                                                std::span<const BackendOperandKey> output_keys) const;
     Choice search(std::uint32_t handle, std::span<const BackendOperandKey> inputs,
                   std::span<const BackendOperandKey> outputs) const;
     const BackendRegistry* registry_;

@@ -1,5 +1,6 @@
 #include "dispatch/backend_process.hpp"
 
+#include <algorithm>
 #include <exception>
 #include <stdexcept>
 #include <string>
@@ -117,9 +118,16 @@ void LaunchCpuKernelStep::execute(BackendExecutionSession& session, BackendExecu
     with_cpu_context(session, backend_, bindings, kernel_);
 }
 
-BackendMaterialiser cpu_kernel_materialiser(BackendKind backend, LaunchCpuKernelStep::Kernel kernel) {
+KernelTiling::KernelTiling(std::initializer_list<TileAxis> list) {
+    if (list.size() > kMaxOperands) throw std::invalid_argument("KernelTiling - too many operands");
+    std::copy(list.begin(), list.end(), axes.begin());
+    count = list.size();
+}
+
+BackendMaterialiser cpu_kernel_materialiser(BackendKind backend, LaunchCpuKernelStep::Kernel kernel,
+                                            KernelTiling tiling) {
     if (!kernel) throw std::invalid_argument("LaunchCpuKernelStep - kernel must not be empty");
-    return CpuKernelMaterialiser{backend, std::move(kernel)};
+    return CpuKernelMaterialiser{backend, std::move(kernel), tiling};
 }
 
 BackendProcess CpuKernelMaterialiser::operator()() const {

@@ -1,9 +1,11 @@
 #pragma once
 // Backend processes: the ordered steps that one execution runs, the per-execution bindings the
 // steps work on, and the session that hands CPU steps their execution context.
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <span>
@@ -202,18 +204,36 @@ private:
 // Produces a fresh process for one execution.
 using BackendMaterialiser = std::function<BackendProcess()>;
 
+// How a kernel's operands divide into independent tiles, by position: the `rows` operands (a
+// vector's elements, a row-major matrix's rows) are cut into the same leading ranges and each
+// range of the outputs depends only on the same ranges of the inputs; `whole` operands are seen
+// entire by every tile. A kernel declares this only if its failures depend on shapes alone, so
+// that a failure surfaces in the first tile, before any output is written. Empty: not tiled.
+enum class TileAxis : std::uint8_t { whole, rows };
+struct KernelTiling {
+    static constexpr std::size_t kMaxOperands = 4;
+    std::array<TileAxis, kMaxOperands> axes{};
+    std::size_t count = 0;
+
+    KernelTiling() = default;
+    KernelTiling(std::initializer_list<TileAxis> list);
+    bool empty() const noexcept { return count == 0; }
+};
+
 // The materialiser of a process that is one LaunchCpuKernelStep. It is a named type so that a
 // dispatcher can recognise such a registration (std::function::target) and launch its kernel
 // directly, with the same session, failure and deferred-work handling as the process would have.
 struct CpuKernelMaterialiser {
     BackendKind backend;
     LaunchCpuKernelStep::Kernel kernel;
+    KernelTiling tiling{};
 
     BackendProcess operator()() const;
     void launch(BackendExecutionSession& session, BackendExecutionBindings& bindings, bool fail_fast) const;
 };
 
 // A materialiser whose process is the single LaunchCpuKernelStep of `kernel`.
-BackendMaterialiser cpu_kernel_materialiser(BackendKind backend, LaunchCpuKernelStep::Kernel kernel);
+BackendMaterialiser cpu_kernel_materialiser(BackendKind backend, LaunchCpuKernelStep::Kernel kernel,
+                                            KernelTiling tiling = {});
 
 } // namespace quillmark

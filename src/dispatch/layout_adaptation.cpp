@@ -1,4 +1,5 @@
 #include "dispatch/layout_adaptation.hpp"
+#include "dispatch/layout_adaptation_tiled.hpp"
 
 #include "storage/buffer_access.hpp"
 #include "runtime/cpu_runtime_context.hpp"
@@ -334,6 +335,112 @@ void check_planes(const LayoutBuffers& b, bool split, std::uint64_t count, std::
     if (!b.data || (split && !b.imag)) throw std::invalid_argument(std::string(label) + " - storage buffer is null");
 }
 
+// ---- tiles ----
+
+// A split temporary for a window of leading rows of an interleaved caller operand (a vector's
+// elements or a row-major matrix's rows): its extent follows the tile being processed.
+template <class Base, class S, class T>
+class SplitTileWindow final : public Base, public ErasedBufferAccess, public TileWindow {
+public:
+    SplitTileWindow(const OperandEntity& original, const S* source, S* destination, std::uint64_t capacity)
+        : dtype_(original.dtype()), layout_(original.matrix_layout()), extent_(original.extent()),
+          width_(original.kind() == OperandKind::matrix ? extent_[1] : 1), source_(source), destination_(destination) {
+        if (width_ != 0 && capacity > static_cast<std::size_t>(-1) / 2 / sizeof(T) / width_)
+            throw std::bad_array_new_length();
+        const std::size_t plane = round_to_line(capacity * width_ * sizeof(T));
+        block_ = ScratchPool::instance().acquire(2 * plane);
+        re_ = static_cast<T*>(block_.data);
+        im_ = reinterpret_cast<T*>(static_cast<char*>(block_.data) + plane);
+        extent_[0] = 0;
+    }
+    ~SplitTileWindow() override { ScratchPool::instance().release(block_); }
+
+    const DataTypeDescriptor& dtype() const noexcept override { return dtype_; }
+    ComplexLayout complex_layout() const noexcept override { return ComplexLayout::split; }
+    MatrixLayout matrix_layout() const noexcept override { return layout_; }
+    std::array<std::uint64_t, 2> extent() const noexcept override { return extent_; }
+    const ErasedBufferAccess& erased_access() const noexcept override { return *this; }
+    std::size_t buffer_count() const noexcept override { return 2; }
+
+    void load(std::uint64_t first, std::uint64_t rows) override {
+        extent_[0] = rows;
+        if (source_) to_split(source_ + first * width_, re_, im_, rows * width_);
+    }
+    void store(std::uint64_t first, std::uint64_t rows) override {
+        if (destination_) to_interleaved(re_, im_, destination_ + first * width_, rows * width_);
+    }
+
+private:
+    BufferDescriptor describe_buffer(std::size_t index) const noexcept override {
+        return BufferDescriptor::of(index == 0 ? re_ : im_, extent_[0] * width_,
+                                    index == 0 ? BufferRole::real : BufferRole::imaginary, extent_, layout_);
+    }
+
+    DataTypeDescriptor dtype_;
+    MatrixLayout layout_;
+    std::array<std::uint64_t, 2> extent_;
+    std::uint64_t width_;
+    const S* source_;
+    S* destination_;
+    ScratchPool::Block block_;
+    T* re_ = nullptr;
+    T* im_ = nullptr;
+};
+
+template <class Base, class S, class T>
+TileWindowHandle make_window(const OperandEntity& original, const LayoutBuffers& in, const LayoutBuffers& out,
+                             std::uint64_t capacity) {
+    auto window = std::make_unique<SplitTileWindow<Base, S, T>>(original, static_cast<const S*>(in.data),
+                                                                 static_cast<S*>(out.data), capacity);
+    TileWindow* raw = window.get();
+    return {std::move(window), raw};
+}
+
+template <class Base> TileWindowHandle make_window(const OperandEntity& original, const LayoutBuffers& in,
+                                                   const LayoutBuffers& out, std::uint64_t capacity) {
+    switch (original.dtype().storage()) {
+    case ScalarType::complex32: return make_window<Base, Complex32, Float16>(original, in, out, capacity);
+    case ScalarType::complex64: return make_window<Base, std::complex<float>, float>(original, in, out, capacity);
+    case ScalarType::complex128: return make_window<Base, std::complex<double>, double>(original, in, out, capacity);
+    default: return {};
+    }
+}
+
+// The interleaved -> split bridges in tiled form; the matrix-order bridges have none, since a
+// column-major operand's rows are not contiguous.
+class CpuLayoutTileAdapter final : public TileAdapter {
+public:
+    CpuLayoutTileAdapter(LayoutBufferResolver buffers, bool output, bool carry_in)
+        : buffers_(std::move(buffers)), output_(output), carry_in_(carry_in) {}
+
+    TileWindowHandle window(const OperandEntity& original, OperandEntity* writable,
+                            std::uint64_t capacity) const override {
+        const bool matrix = original.kind() == OperandKind::matrix;
+        if (original.complex_layout() != ComplexLayout::interleaved || (output_ && !writable) ||
+            (matrix && original.matrix_layout() != MatrixLayout::row_major) ||
+            (!matrix && original.kind() != OperandKind::vector) ||
+            !adaptable_policy(u(original.dtype().storage()), u(original.dtype().compute())))
+            return {};
+        const std::uint64_t count = original.extent()[0] * (matrix ? original.extent()[1] : 1);
+        LayoutBuffers in, out;
+        if (carry_in_) {
+            in = buffers_(original, "CPU layout input");
+            check_planes(in, false, count, "CPU layout input");
+        }
+        if (output_) {
+            out = buffers_(*writable, "CPU layout output");
+            check_planes(out, false, count, "CPU layout output");
+        }
+        return matrix ? make_window<MatrixEntity>(original, in, out, capacity)
+                      : make_window<VectorEntity>(original, in, out, capacity);
+    }
+
+private:
+    LayoutBufferResolver buffers_;
+    bool output_;
+    bool carry_in_;
+};
+
 // ---- steps ----
 
 template <class Entity>
@@ -399,6 +506,12 @@ BackendAdapter make_adapter(bool output, const CpuLayoutStorage& storage) {
     adapter.can_adapt = cpu_layout_can_adapt;
     adapter.build = make_builder(output, false, storage);
     if (output) adapter.build_write_only = make_builder(true, true, storage);
+    if (storage.buffers)
+        adapter.tile = [buffers = storage.buffers](const OperandDescriptor&, const Key&, const Key& registered,
+                                                   bool output, bool write_only) -> std::shared_ptr<const TileAdapter> {
+            if (registered.complex != u(ComplexLayout::split)) return nullptr;
+            return std::make_shared<CpuLayoutTileAdapter>(buffers, output, !write_only);
+        };
     return adapter;
 }
 

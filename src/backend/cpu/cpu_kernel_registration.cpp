@@ -31,7 +31,7 @@ void register_rows(BackendRegistry& registry, BackendKind backend, const Registr
     for (Registration& r : rows)
         registry.register_backend(
             BackendRegistryKey(backend, builtin_operation_id(r.operation), std::move(r.inputs), std::move(r.outputs)),
-            cpu_kernel_materialiser(backend, std::move(r.kernel)), provenance, std::move(r.numerics));
+            cpu_kernel_materialiser(backend, std::move(r.kernel), r.tiling), provenance, std::move(r.numerics));
 }
 
 namespace {
@@ -376,16 +376,24 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
     const Numerics elementwise = generic_record(rp, {"cpu.elementwise", arithmetic, length});
     const Numerics transpose = generic_record(
         rp, {"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})});
+    // Output element (row) i depends on input element (row) i only, and on the whole second
+    // operand for scale and matvec; shapes alone decide their failures. So they run tile by tile
+    // where their operands are adapted.
+    const KernelTiling binary{TileAxis::rows, TileAxis::rows, TileAxis::rows};
+    const KernelTiling by_whole{TileAxis::rows, TileAxis::whole, TileAxis::rows};
     auto reduction = [&](SymbolicExpression work) {
         return generic_record(rp, {"cpu.blocked_pairwise_reduction", arithmetic, std::move(work), lit(0),
                                    ReductionOrder::pairwise});
     };
 
-    rows.push_back({Op::multiply, {v, v}, {v}, bound<&K::multiply, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise});
-    rows.push_back({Op::add, {v, v}, {v}, bound<&K::add, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise});
-    rows.push_back({Op::subtract, {v, v}, {v}, bound<&K::subtract, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::multiply, {v, v}, {v}, bound<&K::multiply, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise,
+                    binary});
+    rows.push_back({Op::add, {v, v}, {v}, bound<&K::add, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise, binary});
+    rows.push_back({Op::subtract, {v, v}, {v}, bound<&K::subtract, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise,
+                    binary});
     rows.push_back({Op::sum, {v}, {s}, bound<&K::sum, In<V, 0>, Out<S, 1>>(), reduction(length)});
-    rows.push_back({Op::scale, {v, s}, {v}, bound<&K::scale, In<V, 0>, In<S, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::scale, {v, s}, {v}, bound<&K::scale, In<V, 0>, In<S, 1>, Out<V, 2>>(), elementwise,
+                    by_whole});
     rows.push_back({Op::transpose, {m}, {m}, bound<&K::transpose, In<M, 0>, Out<M, 1>>(), transpose});
     rows.push_back({Op::matmul, {m, m}, {m}, bound<&K::matmul, In<M, 0>, In<M, 1>, Out<M, 2>>(),
                     generic_record(rp, {"cpu.classical_gemm", arithmetic,
@@ -395,7 +403,8 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
                                         ReductionOrder::sequential})});
     rows.push_back({Op::matvec, {m, v}, {v}, bound<&K::matvec, In<M, 0>, In<V, 1>, Out<V, 2>>(),
                     generic_record(rp, {"cpu.classical_gemv", arithmetic, product_of({lit(2), in_dim(0, 0), in_dim(0, 1)}),
-                                        lit(0), ReductionOrder::pairwise})});
+                                        lit(0), ReductionOrder::pairwise}),
+                    by_whole});
     rows.push_back({Op::kron, {m, m}, {m}, bound<&K::kron, In<M, 0>, In<M, 1>, Out<M, 2>>(),
                     generic_record(rp, {"cpu.kronecker_product", arithmetic, product_of({out_dim(0, 0), out_dim(0, 1)})})});
     rows.push_back({Op::inner, {v, v}, {s}, bound<&K::inner, In<V, 0>, In<V, 1>, Out<S, 2>>(),
@@ -428,12 +437,15 @@ template <class P> void floating_rows(std::vector<Registration>& rows) {
     const Numerics partial = generic_record(
         rp, {"cpu.partial_trace", bs, product_of({in_dim(0, 0), out_dim(0, 0)}), lit(0), ReductionOrder::sequential});
 
-    rows.push_back({Op::sqrt, {v}, {v}, bound<&K::sqrt, In<V, 0>, Out<V, 1>>(), elementwise});
+    rows.push_back({Op::sqrt, {v}, {v}, bound<&K::sqrt, In<V, 0>, Out<V, 1>>(), elementwise,
+                    KernelTiling{TileAxis::rows, TileAxis::rows}});
     rows.push_back({Op::conjugate, {}, {v}, bound<&K::conjugate, Out<V, 0>>(),
-                    generic_record(rp, {"cpu.elementwise", Stability::exact, out_dim(0, 0)})});
+                    generic_record(rp, {"cpu.elementwise", Stability::exact, out_dim(0, 0)}),
+                    KernelTiling{TileAxis::rows}});
     rows.push_back({Op::norm, {v}, {Pol::real_scalar()}, bound<&K::norm, In<V, 0>, Out<RS, 1>>(),
                     generic_record(rp, {"cpu.scaled_euclidean_norm", bs, length, lit(0), ReductionOrder::pairwise})});
-    rows.push_back({Op::divide, {v, s}, {v}, bound<&K::divide, In<V, 0>, In<S, 1>, Out<V, 2>>(), elementwise});
+    rows.push_back({Op::divide, {v, s}, {v}, bound<&K::divide, In<V, 0>, In<S, 1>, Out<V, 2>>(), elementwise,
+                    KernelTiling{TileAxis::rows, TileAxis::whole, TileAxis::rows}});
     rows.push_back({Op::adjoint, {m}, {m}, bound<&K::adjoint, In<M, 0>, Out<M, 1>>(),
                     generic_record(rp, {"cpu.transpose_copy", Stability::exact, product_of({in_dim(0, 0), in_dim(0, 1)})})});
     rows.push_back({Op::partial_trace_left, {m}, {m}, bound<&K::partial_trace_left, In<M, 0>, Out<M, 1>>(), partial});

@@ -23,6 +23,7 @@ struct Registration {
     std::vector<BackendOperandKey> outputs;
     Kernel kernel;
     Numerics numerics;
+    KernelTiling tiling{};
 };
 
 void register_rows(BackendRegistry& registry, BackendKind backend, const RegistrationProvenance& provenance,

@@ -1,0 +1,176 @@
+#include "dispatch/layout_adaptation_tiled.hpp"
+
+#include <algorithm>
+#include <stdexcept>
+
+#include "runtime/cpu_runtime_context.hpp"
+#include "storage/buffer_access.hpp"
+
+namespace quillmark {
+namespace {
+
+using u64 = std::uint64_t;
+
+struct Range {
+    std::uintptr_t begin = 0;
+    std::uintptr_t end = 0;
+};
+
+// The memory an operand's buffers cover; at most two buffers are tiled (data, or two planes).
+struct Footprint {
+    std::array<Range, 2> ranges{};
+    std::size_t count = 0;
+    bool complete = true; // false: buffers this check cannot see, so nothing may be assumed
+
+    bool overlaps(const Footprint& other) const noexcept {
+        for (std::size_t i = 0; i < count; ++i)
+            for (std::size_t j = 0; j < other.count; ++j)
+                if (ranges[i].begin < other.ranges[j].end && other.ranges[j].begin < ranges[i].end) return true;
+        return false;
+    }
+    bool same(const Footprint& other) const noexcept {
+        if (count != other.count) return false;
+        for (std::size_t i = 0; i < count; ++i)
+            if (ranges[i].begin != other.ranges[i].begin || ranges[i].end != other.ranges[i].end) return false;
+        return true;
+    }
+};
+
+Footprint footprint_of(const OperandEntity& entity) {
+    Footprint f;
+    const ErasedBufferAccess& access = entity.erased_access();
+    const std::size_t buffers = access.buffer_count();
+    if (buffers > f.ranges.size()) {
+        f.complete = false;
+        return f;
+    }
+    for (std::size_t b = 0; b < buffers; ++b) {
+        const BufferDescriptor d = access.buffer(b);
+        const u64 bytes = d.element_count * d.element_size;
+        if (d.data == nullptr || bytes == 0) continue;
+        const auto begin = reinterpret_cast<std::uintptr_t>(d.data);
+        f.ranges[f.count++] = {begin, begin + bytes};
+    }
+    return f;
+}
+
+// Elements in one leading row: a vector's element, a matrix's row.
+u64 row_width(const OperandEntity& entity) {
+    return entity.kind() == OperandKind::matrix ? entity.extent()[1] : 1;
+}
+
+} // namespace
+
+TiledKernelStep::TiledKernelStep(CpuKernelMaterialiser kernel, std::vector<Operand> operands, Steps ordinary)
+    : kernel_(std::move(kernel)), operands_(std::move(operands)), ordinary_(std::move(ordinary)) {
+    if (!kernel_.kernel || kernel_.tiling.empty() || kernel_.tiling.count != operands_.size())
+        throw std::invalid_argument("TiledKernelStep - kernel must be tiled");
+}
+
+void TiledKernelStep::execute(BackendExecutionSession& session, BackendExecutionBindings& bindings) {
+    if (run_tiled(session, bindings)) return;
+    for (auto& step : ordinary_) step->execute(session, bindings);
+}
+
+bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecutionBindings& bindings) const {
+    const std::size_t n = operands_.size();
+    if (bindings.size() != n) return false;
+
+    // Every cut operand needs a window, and all of them the same rows.
+    u64 rows = 0, width = 1;
+    bool any_rows = false;
+    std::array<Footprint, KernelTiling::kMaxOperands> footprints;
+    for (std::size_t i = 0; i < n; ++i) {
+        const OperandEntity& original = bindings.original(i);
+        const bool cut = operands_[i].axis == TileAxis::rows;
+        if (bindings.substituted(i)) return false;
+        if (cut && !operands_[i].adapter) return false;
+        if (!cut && bindings.mutable_original(i)) return false;
+        if (cut) {
+            const u64 r = original.extent()[0];
+            if (any_rows && r != rows) return false;
+            rows = r;
+            any_rows = true;
+            width = std::max(width, row_width(original));
+        }
+        footprints[i] = footprint_of(original);
+        if (!footprints[i].complete) return false;
+    }
+    if (!any_rows || rows == 0) return false;
+
+    // A tile's output is written back before later tiles read their inputs, so an output may
+    // share memory with another operand only by being that same cut operand, element for element.
+    for (std::size_t i = 0; i < n; ++i) {
+        if (!bindings.mutable_original(i)) continue;
+        for (std::size_t j = 0; j < n; ++j) {
+            if (j == i || !footprints[i].overlaps(footprints[j])) continue;
+            const OperandEntity& a = bindings.original(i);
+            const OperandEntity& b = bindings.original(j);
+            const bool alias = operands_[j].axis == TileAxis::rows && footprints[i].same(footprints[j]) &&
+                               a.kind() == b.kind() && a.extent() == b.extent() && a.dtype() == b.dtype() &&
+                               a.complex_layout() == b.complex_layout() && a.matrix_layout() == b.matrix_layout();
+            if (!alias) return false;
+        }
+    }
+
+    // Adapted operands seen whole are converted once, up front, and shared by every tile.
+    std::vector<TileWindowHandle> whole(n);
+    for (std::size_t i = 0; i < n; ++i) {
+        if (operands_[i].axis != TileAxis::whole || !operands_[i].adapter) continue;
+        const OperandEntity& original = bindings.original(i);
+        const u64 count = original.extent()[0];
+        whole[i] = operands_[i].adapter->window(original, nullptr, count);
+        if (!whole[i].entity) return false;
+        whole[i].window->load(0, count);
+    }
+
+    const u64 tile_rows = std::max<u64>(1, kTileElements / std::max<u64>(width, 1));
+    const u64 tiles = (rows + tile_rows - 1) / tile_rows;
+    std::vector<std::pair<std::uint32_t, std::uint32_t>> pairs(bindings.values().begin(), bindings.values().end());
+
+    auto run_tiles = [&](u64 first_tile, u64 last_tile) {
+        BackendExecutionBindings local;
+        local.reserve(n);
+        local.install_pairs(pairs);
+        std::array<TileWindow*, KernelTiling::kMaxOperands> windows{};
+        for (std::size_t i = 0; i < n; ++i) {
+            OperandEntity* writable = bindings.mutable_original(i);
+            const OperandEntity& original = bindings.original(i);
+            if (whole[i].entity) local.bind_read(*whole[i].entity);
+            else if (writable) local.bind_write(*writable);
+            else local.bind_read(original);
+            if (operands_[i].axis != TileAxis::rows) continue;
+            TileWindowHandle handle = operands_[i].adapter->window(original, writable, std::min(tile_rows, rows));
+            if (!handle.entity) throw std::logic_error("TiledKernelStep - operand cannot be tiled");
+            windows[i] = handle.window;
+            local.substitute(i, std::move(handle.entity));
+        }
+        // Tiles run inside one worker each: the kernel's own loops stay serial.
+        CpuExecutionContext context(kernel_.backend, nullptr);
+        for (u64 t = first_tile; t < last_tile; ++t) {
+            const u64 first = t * tile_rows, count = std::min(tile_rows, rows - first);
+            for (std::size_t i = 0; i < n; ++i)
+                if (windows[i]) windows[i]->load(first, count);
+            kernel_.kernel(context, local);
+            for (std::size_t i = 0; i < n; ++i)
+                if (windows[i] && bindings.mutable_original(i)) windows[i]->store(first, count);
+        }
+    };
+
+    // The first tile runs alone: a failure, which depends on shapes only, surfaces there before
+    // any caller memory is written.
+    with_cpu_context(session, kernel_.backend, bindings, [&](CpuExecutionContext& cpu, BackendExecutionBindings&) {
+        run_tiles(0, 1);
+        if (tiles == 1) return;
+        const CpuRuntimeContext* runtime = cpu.runtime();
+        if (!runtime) {
+            run_tiles(1, tiles);
+            return;
+        }
+        runtime->parallel_for_chunks(1, tiles, (rows - std::min(rows, tile_rows)) * width,
+                                     ChunkBody([&](u64 first, u64 last) { run_tiles(first, last); }));
+    });
+    return true;
+}
+
+} // namespace quillmark

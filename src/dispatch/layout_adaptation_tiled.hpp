@@ -1,0 +1,72 @@
+#pragma once
+// Adaptation fused with a tiled kernel (KernelTiling): instead of converting whole operands
+// before the kernel and after it, each tile of rows is converted into a small temporary, run
+// through the kernel and converted back while it is still in cache. The caller's memory is then
+// read and written once, as by a kernel that took the caller's layout.
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "dispatch/backend_process.hpp"
+
+namespace quillmark {
+
+// A temporary in the registered layout that holds up to `capacity` leading rows of one caller
+// operand at a time.
+class TileWindow {
+public:
+    virtual ~TileWindow() = default;
+    // Points the window at caller rows [first, first + rows), rows <= capacity: its extent becomes
+    // `rows` leading rows and, unless the operand is a write-only output, the caller's rows are
+    // converted in.
+    virtual void load(std::uint64_t first, std::uint64_t rows) = 0;
+    // Converts the window back into caller rows [first, first + rows) (outputs only).
+    virtual void store(std::uint64_t first, std::uint64_t rows) = 0;
+};
+
+struct TileWindowHandle {
+    std::unique_ptr<OperandEntity> entity; // what the kernel sees; null when the operand cannot be tiled
+    TileWindow* window = nullptr;          // the same object as `entity`
+};
+
+// One adaptation in tiled form, built by an adapter for one operand position.
+class TileAdapter {
+public:
+    virtual ~TileAdapter() = default;
+    // A window over `original` (`writable` is the same operand for outputs, else null). Throws
+    // std::bad_alloc, or the buffer-access failures of the whole-operand conversion.
+    virtual TileWindowHandle window(const OperandEntity& original, OperandEntity* writable,
+                                    std::uint64_t capacity) const = 0;
+};
+
+// Runs a tiled CPU kernel with its adaptations. It carries the ordinary steps (adaptations, the
+// kernel, restores) and runs those instead when tiling cannot keep the results and failure
+// behaviour of the ordinary path: operands whose row counts differ, an untiled operand that would
+// need cutting, or an output whose memory overlaps another operand other than by being it.
+class TiledKernelStep final : public BackendProcessStep {
+public:
+    struct Operand {
+        TileAxis axis = TileAxis::whole;
+        std::shared_ptr<const TileAdapter> adapter; // null: the operand is used as bound
+    };
+    using Steps = std::vector<std::unique_ptr<BackendProcessStep>>;
+
+    // Throws std::invalid_argument "TiledKernelStep - kernel must be tiled" unless `kernel` has a
+    // tiling that covers `operands`.
+    TiledKernelStep(CpuKernelMaterialiser kernel, std::vector<Operand> operands, Steps ordinary);
+    void execute(BackendExecutionSession& session, BackendExecutionBindings& bindings) override;
+
+    // Elements of the widest tiled operand per tile: the temporaries of one tile stay in the
+    // second-level cache.
+    static constexpr std::uint64_t kTileElements = 4096;
+
+private:
+    bool run_tiled(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;
+
+    CpuKernelMaterialiser kernel_;
+    std::vector<Operand> operands_;
+    Steps ordinary_;
+};
+
+} // namespace quillmark
