@@ -362,12 +362,14 @@ public:
     const ErasedBufferAccess& erased_access() const noexcept override { return *this; }
     std::size_t buffer_count() const noexcept override { return 2; }
 
-    void load(std::uint64_t first, std::uint64_t rows) override {
-        extent_[0] = rows;
-        if (source_) to_split(source_ + first * width_, re_, im_, rows * width_);
+    void resize(std::uint64_t rows) override { extent_[0] = rows; }
+    void load(std::uint64_t offset, std::uint64_t first, std::uint64_t rows) override {
+        const std::uint64_t at = offset * width_;
+        if (source_) to_split(source_ + first * width_, re_ + at, im_ + at, rows * width_);
     }
-    void store(std::uint64_t first, std::uint64_t rows) override {
-        if (destination_) to_interleaved(re_, im_, destination_ + first * width_, rows * width_);
+    void store(std::uint64_t offset, std::uint64_t first, std::uint64_t rows) override {
+        const std::uint64_t at = offset * width_;
+        if (destination_) to_interleaved(re_ + at, im_ + at, destination_ + first * width_, rows * width_);
     }
 
 private:

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <cstdlib>
 
 #include "runtime/cpu_runtime_context.hpp"
 #include "storage/buffer_access.hpp"
@@ -121,39 +122,68 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
         const u64 count = original.extent()[0];
         whole[i] = operands_[i].adapter->window(original, nullptr, count);
         if (!whole[i].entity) return false;
-        whole[i].window->load(0, count);
+        whole[i].window->resize(count);
+        whole[i].window->load(0, 0, count);
     }
 
-    const u64 tile_rows = std::max<u64>(1, kTileElements / std::max<u64>(width, 1));
+    static const u64 kTE = getenv("QM_TILE") ? std::strtoull(getenv("QM_TILE"), nullptr, 10) : kTileElements; // TEMP
+    static const u64 kSE = getenv("QM_STREAM") ? std::strtoull(getenv("QM_STREAM"), nullptr, 10) : kStreamElements; // TEMP
+    const u64 tile_rows = std::max<u64>(1, kTE / width);
+    const u64 stream_rows = std::max<u64>(1, kSE / width);
     const u64 tiles = (rows + tile_rows - 1) / tile_rows;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> pairs(bindings.values().begin(), bindings.values().end());
 
-    auto run_tiles = [&](u64 first_tile, u64 last_tile) {
-        BackendExecutionBindings local;
-        local.reserve(n);
-        local.install_pairs(pairs);
+    // The operands one tile runs on: the bound ones, with windows where they are cut.
+    struct TileSet {
+        BackendExecutionBindings bindings;
         std::array<TileWindow*, KernelTiling::kMaxOperands> windows{};
+    };
+    auto make_set = [&](TileSet& set) {
+        set.bindings.reserve(n);
+        set.bindings.install_pairs(pairs);
         for (std::size_t i = 0; i < n; ++i) {
             OperandEntity* writable = bindings.mutable_original(i);
             const OperandEntity& original = bindings.original(i);
-            if (whole[i].entity) local.bind_read(*whole[i].entity);
-            else if (writable) local.bind_write(*writable);
-            else local.bind_read(original);
+            if (whole[i].entity) set.bindings.bind_read(*whole[i].entity);
+            else if (writable) set.bindings.bind_write(*writable);
+            else set.bindings.bind_read(original);
             if (operands_[i].axis != TileAxis::rows) continue;
             TileWindowHandle handle = operands_[i].adapter->window(original, writable, std::min(tile_rows, rows));
             if (!handle.entity) throw std::logic_error("TiledKernelStep - operand cannot be tiled");
-            windows[i] = handle.window;
-            local.substitute(i, std::move(handle.entity));
+            set.windows[i] = handle.window;
+            set.bindings.substitute(i, std::move(handle.entity));
         }
+    };
+    // Writes tile `done` back from its set while the next tile is read into `next`, a few rows of
+    // each operand at a time.
+    auto transfer = [&](TileSet* done, u64 done_first, TileSet* next, u64 next_first) {
+        const u64 done_rows = done ? std::min(tile_rows, rows - done_first) : 0;
+        const u64 next_rows = next ? std::min(tile_rows, rows - next_first) : 0;
+        if (next)
+            for (TileWindow* w : next->windows)
+                if (w) w->resize(next_rows);
+        for (u64 k = 0; k < std::max(done_rows, next_rows); k += stream_rows) {
+            for (std::size_t i = 0; done && k < done_rows && i < n; ++i)
+                if (done->windows[i] && bindings.mutable_original(i))
+                    done->windows[i]->store(k, done_first + k, std::min(stream_rows, done_rows - k));
+            for (std::size_t i = 0; next && k < next_rows && i < n; ++i)
+                if (next->windows[i]) next->windows[i]->load(k, next_first + k, std::min(stream_rows, next_rows - k));
+        }
+    };
+
+    auto run_tiles = [&](u64 first_tile, u64 last_tile) {
+        std::array<TileSet, 2> sets;
+        make_set(sets[0]);
+        if (last_tile - first_tile > 1) make_set(sets[1]);
         // Tiles run inside one worker each: the kernel's own loops stay serial.
         CpuExecutionContext context(kernel_.backend, nullptr);
+        TileSet* current = &sets[0];
+        transfer(nullptr, 0, current, first_tile * tile_rows);
         for (u64 t = first_tile; t < last_tile; ++t) {
-            const u64 first = t * tile_rows, count = std::min(tile_rows, rows - first);
-            for (std::size_t i = 0; i < n; ++i)
-                if (windows[i]) windows[i]->load(first, count);
-            kernel_.kernel(context, local);
-            for (std::size_t i = 0; i < n; ++i)
-                if (windows[i] && bindings.mutable_original(i)) windows[i]->store(first, count);
+            kernel_.kernel(context, current->bindings);
+            TileSet* next = t + 1 < last_tile ? &sets[(t + 1 - first_tile) & 1] : nullptr;
+            transfer(current, t * tile_rows, next, (t + 1) * tile_rows);
+            current = next;
         }
     };
 

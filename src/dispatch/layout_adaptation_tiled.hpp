@@ -17,12 +17,13 @@ namespace quillmark {
 class TileWindow {
 public:
     virtual ~TileWindow() = default;
-    // Points the window at caller rows [first, first + rows), rows <= capacity: its extent becomes
-    // `rows` leading rows and, unless the operand is a write-only output, the caller's rows are
-    // converted in.
-    virtual void load(std::uint64_t first, std::uint64_t rows) = 0;
-    // Converts the window back into caller rows [first, first + rows) (outputs only).
-    virtual void store(std::uint64_t first, std::uint64_t rows) = 0;
+    // The window's extent becomes `rows` (<= capacity) leading rows.
+    virtual void resize(std::uint64_t rows) = 0;
+    // Converts caller rows [first, first + rows) into window rows from `offset` on; nothing for
+    // a write-only output.
+    virtual void load(std::uint64_t offset, std::uint64_t first, std::uint64_t rows) = 0;
+    // Converts window rows from `offset` on back into caller rows [first, first + rows) (outputs).
+    virtual void store(std::uint64_t offset, std::uint64_t first, std::uint64_t rows) = 0;
 };
 
 struct TileWindowHandle {
@@ -57,9 +58,12 @@ public:
     TiledKernelStep(CpuKernelMaterialiser kernel, std::vector<Operand> operands, Steps ordinary);
     void execute(BackendExecutionSession& session, BackendExecutionBindings& bindings) override;
 
-    // Elements of the widest tiled operand per tile: the temporaries of one tile stay in the
+    // Elements of the widest tiled operand per tile: the temporaries of two tiles stay in the
     // second-level cache.
-    static constexpr std::uint64_t kTileElements = 4096;
+    static constexpr std::uint64_t kTileElements = 2048;
+    // Conversions move this many elements of one operand before turning to the next, so that the
+    // caller's arrays stream in and out together, as in a loop over the caller's layout.
+    static constexpr std::uint64_t kStreamElements = 64;
 
 private:
     bool run_tiled(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;

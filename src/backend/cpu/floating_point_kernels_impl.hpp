@@ -221,40 +221,20 @@ template <class C, class Term> C lane_sum(u64 first, u64 last, Term&& term) {
     return ((acc[0] + acc[1]) + (acc[2] + acc[3])) + ((acc[4] + acc[5]) + (acc[6] + acc[7]));
 }
 
-// lane_sum of the complex products a_j x_j over split planes: lane l holds the terms j = l mod 8.
-// Double precision spells out the SSE2 lanes (two per register), which the compiler's own
-// vectorisation of the lane loop turns into shuffles and spills.
-template <class R> void split_lane_dot(const R* ar, const R* ai, const R* xr, const R* xi, u64 n, R& re, R& im) {
-    R sr[8] = {}, si[8] = {};
-    u64 j = 0;
-    if constexpr (std::is_same_v<R, double>) {
-        __m128d vr[4], vi[4];
-        for (int k = 0; k < 4; ++k) vr[k] = vi[k] = _mm_setzero_pd();
-        for (; j + 8 <= n; j += 8)
-            for (int k = 0; k < 4; ++k) {
-                const __m128d a = _mm_loadu_pd(ar + j + 2 * k), b = _mm_loadu_pd(ai + j + 2 * k);
-                const __m128d c = _mm_loadu_pd(xr + j + 2 * k), d = _mm_loadu_pd(xi + j + 2 * k);
-                vr[k] = _mm_add_pd(vr[k], _mm_sub_pd(_mm_mul_pd(a, c), _mm_mul_pd(b, d)));
-                vi[k] = _mm_add_pd(vi[k], _mm_add_pd(_mm_mul_pd(a, d), _mm_mul_pd(b, c)));
-            }
-        for (int k = 0; k < 4; ++k) {
-            _mm_storeu_pd(sr + 2 * k, vr[k]);
-            _mm_storeu_pd(si + 2 * k, vi[k]);
-        }
-    } else {
-        for (; j + 8 <= n; j += 8)
-            for (u64 l = 0; l < 8; ++l) {
-                sr[l] += ar[j + l] * xr[j + l] - ai[j + l] * xi[j + l];
-                si[l] += ar[j + l] * xi[j + l] + ai[j + l] * xr[j + l];
-            }
-    }
-    for (; j < n; ++j) {
-        sr[j & 7] += ar[j] * xr[j] - ai[j] * xi[j];
-        si[j & 7] += ar[j] * xi[j] + ai[j] * xr[j];
-    }
-    re = ((sr[0] + sr[1]) + (sr[2] + sr[3])) + ((sr[4] + sr[5]) + (sr[6] + sr[7]));
-    im = ((si[0] + si[1]) + (si[2] + si[3])) + ((si[4] + si[5]) + (si[6] + si[7]));
+// The split-plane row products of the selected vector kernels, or of the portable set where the
+// selected vectors are wider than the eight lanes the sums are grouped in.
+template <class R> auto split_dot_rows_kernel() {
+    static const auto kernel = [] {
+        auto k = default_vector_kernels<R>().split_dot_rows;
+        return k ? k : available_vector_kernels<R>().front().split_dot_rows;
+    }();
+    return kernel;
 }
+
+// Split complex data stored in its compute type: plane kernels apply without conversions.
+template <class P, ComplexLayout L>
+inline constexpr bool split_native = L == ComplexLayout::split && is_complex_v<typename P::compute_type> &&
+                                     std::is_same_v<typename P::storage_type, typename P::compute_type>;
 
 // ---- products -------------------------------------------------------------------------------
 
@@ -376,17 +356,40 @@ QM_KERNEL(void)::conjugate(const Vector& inout, Ctx ctx) QM_FLOATING {
 
 QM_KERNEL(void)::multiply(const Vector& x, const Vector& y, const Vector& out, Ctx ctx) {
     using C = detail::Compute<P>;
-    detail::map_binary<C>(x, y, out, ctx, [](const C& a, const C& b) { return detail::mul(a, b); });
+    if constexpr (detail::split_native<P, L>) {
+        detail::require(x.size == y.size && out.size == x.size);
+        const auto multiply = default_vector_kernels<detail::RealOf<C>>().multiply_split;
+        detail::run_chunks(ctx, x.size, x.size, [&](detail::u64 f, detail::u64 l) {
+            multiply(l - f, x.re + f, x.im + f, y.re + f, y.im + f, out.re + f, out.im + f);
+        });
+    } else {
+        detail::map_binary<C>(x, y, out, ctx, [](const C& a, const C& b) { return detail::mul(a, b); });
+    }
 }
+
+namespace detail {
+// Sums and differences of split data are those of its planes.
+template <class V, class K> void plane_wise(const V& x, const V& y, const V& out, const CpuRuntimeContext* ctx, K kernel) {
+    require(x.size == y.size && out.size == x.size);
+    run_chunks(ctx, x.size, x.size, [&](u64 f, u64 l) {
+        kernel(l - f, x.re + f, y.re + f, out.re + f);
+        kernel(l - f, x.im + f, y.im + f, out.im + f);
+    });
+}
+} // namespace detail
 
 QM_KERNEL(void)::add(const Vector& x, const Vector& y, const Vector& out, Ctx ctx) {
     using C = detail::Compute<P>;
-    detail::map_binary<C>(x, y, out, ctx, [](const C& a, const C& b) { return a + b; });
+    if constexpr (detail::split_native<P, L>)
+        detail::plane_wise(x, y, out, ctx, default_vector_kernels<detail::RealOf<C>>().add_planes);
+    else detail::map_binary<C>(x, y, out, ctx, [](const C& a, const C& b) { return a + b; });
 }
 
 QM_KERNEL(void)::subtract(const Vector& x, const Vector& y, const Vector& out, Ctx ctx) {
     using C = detail::Compute<P>;
-    detail::map_binary<C>(x, y, out, ctx, [](const C& a, const C& b) { return a - b; });
+    if constexpr (detail::split_native<P, L>)
+        detail::plane_wise(x, y, out, ctx, default_vector_kernels<detail::RealOf<C>>().subtract_planes);
+    else detail::map_binary<C>(x, y, out, ctx, [](const C& a, const C& b) { return a - b; });
 }
 
 QM_KERNEL(void)::scale(const Vector& x, const Scalar& s, const Vector& out, Ctx ctx) {
@@ -714,15 +717,16 @@ QM_KERNEL(void)::matvec(const Matrix& a, const Vector& x, const Vector& out, Ctx
             return;
         }
     }
-    if constexpr (L == ComplexLayout::split && detail::is_complex_v<C> && std::is_same_v<typename P::storage_type, C>) {
+    if constexpr (detail::split_native<P, L>) {
         if (a.layout == MatrixLayout::row_major) {
             // Rows stay in their planes: each lane's sum is formed from real operands, which
             // vectorises, in the order and grouping of lane_sum over complex terms.
             using R = detail::RealOf<C>;
+            const auto dot = detail::split_dot_rows_kernel<R>();
             std::vector<R> ys(2 * m);
             detail::run_chunks(ctx, m, 2 * m * n, [&](u64 first, u64 last) {
-                for (u64 i = first; i < last; ++i)
-                    detail::split_lane_dot(a.re + i * n, a.im + i * n, x.re, x.im, n, ys[i], ys[m + i]);
+                dot(last - first, n, a.re + first * n, a.im + first * n, n, x.re, x.im, ys.data() + first,
+                    ys.data() + m + first);
             });
             std::copy(ys.begin(), ys.begin() + m, out.re);
             std::copy(ys.begin() + m, ys.end(), out.im);

@@ -21,6 +21,20 @@ template <class R> struct VectorKernelSet {
     // (x, y) <- (x*c - y*s, y*c + x*s) elementwise, with separately rounded products so every
     // variant gives the same bits.
     void (*rotate)(R* x, R* y, std::uint64_t n, R c, R s) noexcept = nullptr;
+
+    // Complex data as separate real and imaginary planes. Every product is rounded on its own
+    // and sums keep a fixed grouping, so every variant gives the bits of the scalar formulas.
+    // (yr + i yi)[r] = sum over j < n of (ar + i ai)[r*lda + j] (xr + i xi)[j], each sum formed in
+    // eight lanes (lane l takes the terms j = l mod 8 in order) combined as
+    // ((0+1)+(2+3))+((4+5)+(6+7)).
+    void (*split_dot_rows)(std::uint64_t rows, std::uint64_t n, const R* ar, const R* ai, std::uint64_t lda,
+                           const R* xr, const R* xi, R* yr, R* yi) noexcept = nullptr;
+    // out = x + y and out = x - y over one plane.
+    void (*add_planes)(std::uint64_t n, const R* x, const R* y, R* out) noexcept = nullptr;
+    void (*subtract_planes)(std::uint64_t n, const R* x, const R* y, R* out) noexcept = nullptr;
+    // out = x * y elementwise: (xr yr - xi yi) + i (xr yi + xi yr).
+    void (*multiply_split)(std::uint64_t n, const R* xr, const R* xi, const R* yr, const R* yi, R* outr,
+                           R* outi) noexcept = nullptr;
 };
 
 // The sets this processor can run, portable first.

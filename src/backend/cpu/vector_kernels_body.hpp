@@ -115,6 +115,111 @@ void rotate(typename V::scalar* x, typename V::scalar* y, u64 n, typename V::sca
     }
 }
 
+// The last `count` < 8 terms of split_dot_rows go through the vector arithmetic too (scalar code
+// could be contracted to FMA), on zero-padded copies whose extra lanes are then ignored.
+template <class V>
+inline void split_dot_tail(u64 count, const typename V::scalar* ar, const typename V::scalar* ai,
+                           const typename V::scalar* xr, const typename V::scalar* xi, typename V::scalar* sr,
+                           typename V::scalar* si) noexcept {
+    using S = typename V::scalar;
+    constexpr u64 L = V::lanes;
+    alignas(64) S a[8] = {}, b[8] = {}, c[8] = {}, d[8] = {}, tr[8], ti[8];
+    for (u64 t = 0; t < count; ++t) {
+        a[t] = ar[t];
+        b[t] = ai[t];
+        c[t] = xr[t];
+        d[t] = xi[t];
+    }
+    for (u64 k = 0; k < 8; k += L) {
+        const typename V::vector va = V::load(a + k), vb = V::load(b + k), vc = V::load(c + k), vd = V::load(d + k);
+        V::store(tr + k, V::sub(rounded(V::mul(va, vc)), rounded(V::mul(vb, vd))));
+        V::store(ti + k, V::add(rounded(V::mul(va, vd)), rounded(V::mul(vb, vc))));
+    }
+    for (u64 t = 0; t < count; ++t) {
+        sr[t] += tr[t];
+        si[t] += ti[t];
+    }
+}
+
+template <class V>
+void split_dot_rows(u64 rows, u64 n, const typename V::scalar* ar, const typename V::scalar* ai, u64 lda,
+                    const typename V::scalar* xr, const typename V::scalar* xi, typename V::scalar* yr,
+                    typename V::scalar* yi) noexcept {
+    using S = typename V::scalar;
+    constexpr u64 L = V::lanes;
+    static_assert(8 % L == 0, "eight lanes make whole vectors");
+    constexpr u64 K = 8 / L;
+    for (u64 r = 0; r < rows; ++r) {
+        const S* pr = ar + r * lda;
+        const S* pi = ai + r * lda;
+        typename V::vector vr[K], vi[K];
+        for (u64 k = 0; k < K; ++k) vr[k] = vi[k] = V::zero();
+        u64 j = 0;
+        for (; j + 8 <= n; j += 8)
+#pragma GCC unroll 8
+            for (u64 k = 0; k < K; ++k) {
+                const u64 o = j + k * L;
+                const typename V::vector a = V::load(pr + o), b = V::load(pi + o), c = V::load(xr + o),
+                                         d = V::load(xi + o);
+                vr[k] = V::add(vr[k], V::sub(rounded(V::mul(a, c)), rounded(V::mul(b, d))));
+                vi[k] = V::add(vi[k], V::add(rounded(V::mul(a, d)), rounded(V::mul(b, c))));
+            }
+        alignas(64) S sr[8], si[8];
+        for (u64 k = 0; k < K; ++k) {
+            V::store(sr + k * L, vr[k]);
+            V::store(si + k * L, vi[k]);
+        }
+        if (j < n) split_dot_tail<V>(n - j, pr + j, pi + j, xr + j, xi + j, sr, si);
+        yr[r] = ((sr[0] + sr[1]) + (sr[2] + sr[3])) + ((sr[4] + sr[5]) + (sr[6] + sr[7]));
+        yi[r] = ((si[0] + si[1]) + (si[2] + si[3])) + ((si[4] + si[5]) + (si[6] + si[7]));
+    }
+}
+
+template <class V>
+void add_planes(u64 n, const typename V::scalar* x, const typename V::scalar* y, typename V::scalar* out) noexcept {
+    constexpr u64 L = V::lanes;
+    u64 i = 0;
+    for (; i + L <= n; i += L) V::store(out + i, V::add(V::load(x + i), V::load(y + i)));
+    for (; i < n; ++i) out[i] = x[i] + y[i];
+}
+
+template <class V>
+void subtract_planes(u64 n, const typename V::scalar* x, const typename V::scalar* y,
+                     typename V::scalar* out) noexcept {
+    constexpr u64 L = V::lanes;
+    u64 i = 0;
+    for (; i + L <= n; i += L) V::store(out + i, V::sub(V::load(x + i), V::load(y + i)));
+    for (; i < n; ++i) out[i] = x[i] - y[i];
+}
+
+// (xr + i xi)(yr + i yi) with each product rounded on its own; the tail runs on padded copies.
+template <class V>
+void multiply_split(u64 n, const typename V::scalar* xr, const typename V::scalar* xi, const typename V::scalar* yr,
+                    const typename V::scalar* yi, typename V::scalar* outr, typename V::scalar* outi) noexcept {
+    using S = typename V::scalar;
+    constexpr u64 L = V::lanes;
+    auto step = [](const S* a, const S* b, const S* c, const S* d, S* re, S* im) {
+        const typename V::vector va = V::load(a), vb = V::load(b), vc = V::load(c), vd = V::load(d);
+        V::store(re, V::sub(rounded(V::mul(va, vc)), rounded(V::mul(vb, vd))));
+        V::store(im, V::add(rounded(V::mul(va, vd)), rounded(V::mul(vb, vc))));
+    };
+    u64 i = 0;
+    for (; i + L <= n; i += L) step(xr + i, xi + i, yr + i, yi + i, outr + i, outi + i);
+    if (i == n) return;
+    alignas(64) S a[L] = {}, b[L] = {}, c[L] = {}, d[L] = {}, re[L], im[L];
+    for (u64 t = i; t < n; ++t) {
+        a[t - i] = xr[t];
+        b[t - i] = xi[t];
+        c[t - i] = yr[t];
+        d[t - i] = yi[t];
+    }
+    step(a, b, c, d, re, im);
+    for (u64 t = i; t < n; ++t) {
+        outr[t] = re[t - i];
+        outi[t] = im[t - i];
+    }
+}
+
 template <class V, class D> VectorKernelSet<typename V::scalar> kernel_set(std::string_view name) noexcept {
     using S = typename V::scalar;
     VectorKernelSet<S> k;
@@ -122,6 +227,11 @@ template <class V, class D> VectorKernelSet<typename V::scalar> kernel_set(std::
     k.gemv_rows = &gemv_rows<V>;
     k.squares_and_max = &squares_and_max<D, S>;
     k.rotate = &rotate<V>;
+    // Eight lanes as whole vectors; wider vectors (sixteen floats) leave it to a narrower set.
+    if constexpr (8 % V::lanes == 0) k.split_dot_rows = &split_dot_rows<V>;
+    k.add_planes = &add_planes<V>;
+    k.subtract_planes = &subtract_planes<V>;
+    k.multiply_split = &multiply_split<V>;
     return k;
 }
 
