@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <stdexcept>
-#include <cstdlib>
 
 #include "runtime/cpu_runtime_context.hpp"
 #include "storage/buffer_access.hpp"
@@ -126,10 +125,8 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
         whole[i].window->load(0, 0, count);
     }
 
-    static const u64 kTE = getenv("QM_TILE") ? std::strtoull(getenv("QM_TILE"), nullptr, 10) : kTileElements; // TEMP
-    static const u64 kSE = getenv("QM_STREAM") ? std::strtoull(getenv("QM_STREAM"), nullptr, 10) : kStreamElements; // TEMP
-    const u64 tile_rows = std::max<u64>(1, kTE / width);
-    const u64 stream_rows = std::max<u64>(1, kSE / width);
+    const u64 tile_rows = std::max<u64>(1, kTileElements / width);
+    const u64 stream_rows = std::max<u64>(1, kStreamElements / width);
     const u64 tiles = (rows + tile_rows - 1) / tile_rows;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> pairs(bindings.values().begin(), bindings.values().end());
 
@@ -154,36 +151,33 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
             set.bindings.substitute(i, std::move(handle.entity));
         }
     };
-    // Writes tile `done` back from its set while the next tile is read into `next`, a few rows of
-    // each operand at a time.
-    auto transfer = [&](TileSet* done, u64 done_first, TileSet* next, u64 next_first) {
+    // Writes tile `done` back while tile `next` is read in, a few rows of each operand at a time.
+    // Outputs are written before the same window rows are read again, so a read-write output's
+    // window serves both tiles.
+    auto transfer = [&](TileSet& set, bool done, u64 done_first, bool next, u64 next_first) {
         const u64 done_rows = done ? std::min(tile_rows, rows - done_first) : 0;
         const u64 next_rows = next ? std::min(tile_rows, rows - next_first) : 0;
-        if (next)
-            for (TileWindow* w : next->windows)
-                if (w) w->resize(next_rows);
         for (u64 k = 0; k < std::max(done_rows, next_rows); k += stream_rows) {
-            for (std::size_t i = 0; done && k < done_rows && i < n; ++i)
-                if (done->windows[i] && bindings.mutable_original(i))
-                    done->windows[i]->store(k, done_first + k, std::min(stream_rows, done_rows - k));
-            for (std::size_t i = 0; next && k < next_rows && i < n; ++i)
-                if (next->windows[i]) next->windows[i]->load(k, next_first + k, std::min(stream_rows, next_rows - k));
+            for (std::size_t i = 0; k < done_rows && i < n; ++i)
+                if (set.windows[i] && bindings.mutable_original(i))
+                    set.windows[i]->store(k, done_first + k, std::min(stream_rows, done_rows - k));
+            for (std::size_t i = 0; k < next_rows && i < n; ++i)
+                if (set.windows[i]) set.windows[i]->load(k, next_first + k, std::min(stream_rows, next_rows - k));
         }
+        if (next)
+            for (TileWindow* w : set.windows)
+                if (w) w->resize(next_rows);
     };
 
     auto run_tiles = [&](u64 first_tile, u64 last_tile) {
-        std::array<TileSet, 2> sets;
-        make_set(sets[0]);
-        if (last_tile - first_tile > 1) make_set(sets[1]);
+        TileSet set;
+        make_set(set);
         // Tiles run inside one worker each: the kernel's own loops stay serial.
         CpuExecutionContext context(kernel_.backend, nullptr);
-        TileSet* current = &sets[0];
-        transfer(nullptr, 0, current, first_tile * tile_rows);
+        transfer(set, false, 0, true, first_tile * tile_rows);
         for (u64 t = first_tile; t < last_tile; ++t) {
-            kernel_.kernel(context, current->bindings);
-            TileSet* next = t + 1 < last_tile ? &sets[(t + 1 - first_tile) & 1] : nullptr;
-            transfer(current, t * tile_rows, next, (t + 1) * tile_rows);
-            current = next;
+            kernel_.kernel(context, set.bindings);
+            transfer(set, true, t * tile_rows, t + 1 < last_tile, (t + 1) * tile_rows);
         }
     };
 

@@ -58,12 +58,12 @@ public:
     TiledKernelStep(CpuKernelMaterialiser kernel, std::vector<Operand> operands, Steps ordinary);
     void execute(BackendExecutionSession& session, BackendExecutionBindings& bindings) override;
 
-    // Elements of the widest tiled operand per tile: the temporaries of two tiles stay in the
+    // Elements of the widest tiled operand per tile: the temporaries of one tile stay in the
     // second-level cache.
     static constexpr std::uint64_t kTileElements = 2048;
     // Conversions move this many elements of one operand before turning to the next, so that the
     // caller's arrays stream in and out together, as in a loop over the caller's layout.
-    static constexpr std::uint64_t kStreamElements = 64;
+    static constexpr std::uint64_t kStreamElements = 32;
 
 private:
     bool run_tiled(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;

@@ -324,3 +324,159 @@ TEST(CpuLayoutAdaptation, ConversionRejectsMismatchesAndUnsupportedCombinations)
     EXPECT_EQ(message_of<std::invalid_argument>(convert(split, dense(complex64, complex64, {4, 0}, SP))),
               unsupported);
 }
+
+// ---- Tiled adaptation ----
+
+namespace {
+
+// One operation over complex double operands, served only by a split registration whose kernel
+// runs tile by tile; the kernel counts its calls and can be made to fail.
+struct TiledFixture {
+    OperationRegistry operations;
+    OperationId op{"test.tiled", 1};
+    BackendAdaptationRegistry adapters;
+    BackendRegistry registry;
+    int calls = 0;
+    bool fail = false;
+
+    TiledFixture(std::vector<OperandKind> inputs, KernelTiling tiling, LaunchCpuKernelStep::Kernel body) {
+        std::vector<RoleDeclaration> roles;
+        std::vector<Key> in;
+        for (std::size_t i = 0; i < inputs.size(); ++i) {
+            roles.push_back({input_role(std::uint32_t(i)), OperandAccess::read, inputs[i]});
+            in.push_back(split_key(inputs[i]));
+        }
+        roles.push_back({output_role(0), OperandAccess::write, OperandKind::vector});
+        operations.register_operation(OperationSpec(op, roles), RegistrationProvenance());
+        operations.seal();
+        install_cpu_layout_adapters(adapters);
+        auto kernel = [this, body = std::move(body)](CpuExecutionContext& c, BackendExecutionBindings& b) {
+            ++calls;
+            if (fail) throw std::invalid_argument("test kernel - operand shape mismatch");
+            body(c, b);
+        };
+        registry.register_backend({BackendKind::cpu_scalar, op, in, {split_key(OperandKind::vector)}},
+                                  cpu_kernel_materialiser(BackendKind::cpu_scalar, kernel, tiling),
+                                  RegistrationProvenance());
+        registry.seal(operations);
+    }
+    static Key split_key(OperandKind kind) {
+        return kind == OperandKind::matrix ? Key::make(kind, Location::pageable_host, complex128, complex128, SP, RM)
+                                           : Key::make(kind, Location::pageable_host, complex128, complex128, SP);
+    }
+    void run(std::vector<const OperandEntity*> inputs, OperandEntity& out) {
+        BackendDispatcher dispatcher(registry, adapters);
+        std::vector<OperandDescriptor> in;
+        for (std::size_t i = 0; i < inputs.size(); ++i) in.push_back(describe_operand(*inputs[i], input_role(i)));
+        BackendProcess p = dispatcher.dispatch(1, in, std::vector{describe_operand(out, output_role(0))});
+        BackendExecutionSession session;
+        ::run(p, session, true, [&](BackendExecutionBindings& b) {
+            for (const OperandEntity* e : inputs) b.bind_read(*e);
+            b.bind_write(out);
+        });
+    }
+};
+
+// out = x + 2 y, element by element on split planes.
+void axpy_kernel(CpuExecutionContext&, BackendExecutionBindings& b) {
+    const auto x = split_vector_view<double>(b.operand(0));
+    const auto y = split_vector_view<double>(b.operand(1));
+    const auto out = split_vector_view<double>(*b.mutable_operand(2));
+    if (x.size != y.size || out.size != x.size) throw std::invalid_argument("axpy - size mismatch");
+    for (std::uint64_t i = 0; i < x.size; ++i) {
+        out.re[i] = x.re[i] + 2 * y.re[i];
+        out.im[i] = x.im[i] + 2 * y.im[i];
+    }
+}
+
+std::vector<cd> ramp(std::size_t n, double scale) {
+    std::vector<cd> v(n);
+    for (std::size_t i = 0; i < n; ++i) v[i] = {scale * double(i) + 0.5, -scale * double(i % 7)};
+    return v;
+}
+
+constexpr std::uint64_t kTile = TiledKernelStep::kTileElements;
+
+} // namespace
+
+struct TiledCase {
+    std::uint64_t n;
+    bool in_place; // the output is the first input itself
+};
+class TiledElementwise : public ::testing::TestWithParam<TiledCase> {};
+TEST_P(TiledElementwise, MatchesWholeOperandResultTileByTile) {
+    const auto [n, in_place] = GetParam();
+    TiledFixture f({OperandKind::vector, OperandKind::vector}, {TileAxis::rows, TileAxis::rows, TileAxis::rows},
+                   axpy_kernel);
+    std::vector<cd> xs = ramp(n, 1.0), ys = ramp(n, 0.25), os(n, cd(std::nan(""), 0));
+    const std::vector<cd> x0 = xs, y0 = ys;
+    BorrowedDenseHostComplexInterleavedVector<PolicyC128> x(xs.data(), n), y(ys.data(), n), o(os.data(), n);
+    OperandEntity& out = in_place ? static_cast<OperandEntity&>(x) : o;
+    f.run({&x, &y}, out);
+    const std::vector<cd>& result = in_place ? xs : os;
+    for (std::uint64_t i = 0; i < n; ++i) ASSERT_EQ(result[i], x0[i] + 2.0 * y0[i]) << i;
+    EXPECT_EQ(ys, y0);
+    EXPECT_EQ(std::uint64_t(f.calls), (n + kTile - 1) / kTile);
+}
+INSTANTIATE_TEST_SUITE_P(Lengths, TiledElementwise,
+                         ::testing::Values(TiledCase{1, false}, TiledCase{kTile, false}, TiledCase{kTile + 1, false},
+                                           TiledCase{5 * kTile - 3, false}, TiledCase{5 * kTile - 3, true}));
+
+TEST(TiledAdaptation, PartlyOverlappingOutputRunsOnWholeCopies) {
+    TiledFixture f({OperandKind::vector, OperandKind::vector}, {TileAxis::rows, TileAxis::rows, TileAxis::rows},
+                   axpy_kernel);
+    const std::uint64_t n = 3 * kTile;
+    std::vector<cd> buffer = ramp(n + 1, 1.0), ys = ramp(n, 0.5);
+    const std::vector<cd> x0(buffer.begin(), buffer.end() - 1);
+    // The output starts one element after the first input: tile by tile it would read results.
+    BorrowedDenseHostComplexInterleavedVector<PolicyC128> x(buffer.data(), n), y(ys.data(), n),
+        o(buffer.data() + 1, n);
+    f.run({&x, &y}, o);
+    for (std::uint64_t i = 0; i < n; ++i) ASSERT_EQ(buffer[i + 1], x0[i] + 2.0 * ys[i]) << i;
+    EXPECT_EQ(f.calls, 1);
+}
+
+TEST(TiledAdaptation, FailureInTheFirstTileLeavesTheOutputAsItWas) {
+    TiledFixture f({OperandKind::vector, OperandKind::vector}, {TileAxis::rows, TileAxis::rows, TileAxis::rows},
+                   axpy_kernel);
+    f.fail = true;
+    const std::uint64_t n = 4 * kTile;
+    std::vector<cd> xs = ramp(n, 1.0), ys = ramp(n, 2.0), os(n, cd(-1, -1));
+    BorrowedDenseHostComplexInterleavedVector<PolicyC128> x(xs.data(), n), y(ys.data(), n), o(os.data(), n);
+    EXPECT_THROW(f.run({&x, &y}, o), std::invalid_argument);
+    EXPECT_EQ(f.calls, 1);
+    EXPECT_EQ(os, std::vector<cd>(n, cd(-1, -1)));
+}
+
+// Rows of a row-major matrix are cut; the vector is seen whole by every tile.
+class TiledRows : public ::testing::TestWithParam<std::array<std::uint64_t, 2>> {};
+TEST_P(TiledRows, MatrixRowsWithWholeVector) {
+    const auto [rows, cols] = GetParam();
+    TiledFixture f({OperandKind::matrix, OperandKind::vector}, {TileAxis::rows, TileAxis::whole, TileAxis::rows},
+                   [](CpuExecutionContext&, BackendExecutionBindings& b) {
+                       const auto a = split_matrix_view<double>(b.operand(0));
+                       const auto x = split_vector_view<double>(b.operand(1));
+                       const auto out = split_vector_view<double>(*b.mutable_operand(2));
+                       for (std::uint64_t i = 0; i < a.rows; ++i) {
+                           cd sum = 0;
+                           for (std::uint64_t j = 0; j < a.cols; ++j)
+                               sum += cd(a.re[i * a.cols + j], a.im[i * a.cols + j]) * cd(x.re[j], x.im[j]);
+                           out.re[i] = sum.real();
+                           out.im[i] = sum.imag();
+                       }
+                   });
+    std::vector<cd> as = ramp(rows * cols, 0.125), xs = ramp(cols, 1.0), os(rows);
+    BorrowedDenseHostComplexInterleavedMatrix<PolicyC128> a(as.data(), rows, cols, RM);
+    BorrowedDenseHostComplexInterleavedVector<PolicyC128> x(xs.data(), cols), o(os.data(), rows);
+    f.run({&a, &x}, o);
+    for (std::uint64_t i = 0; i < rows; ++i) {
+        cd sum = 0;
+        for (std::uint64_t j = 0; j < cols; ++j) sum += as[i * cols + j] * xs[j];
+        ASSERT_EQ(os[i], sum) << i;
+    }
+    const std::uint64_t tile_rows = std::max<std::uint64_t>(1, kTile / cols);
+    EXPECT_EQ(std::uint64_t(f.calls), (rows + tile_rows - 1) / tile_rows);
+}
+INSTANTIATE_TEST_SUITE_P(Shapes, TiledRows,
+                         ::testing::Values(std::array<std::uint64_t, 2>{5000, 3}, std::array<std::uint64_t, 2>{3, 5000},
+                                           std::array<std::uint64_t, 2>{7, 1}));

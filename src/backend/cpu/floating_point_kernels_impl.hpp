@@ -723,13 +723,17 @@ QM_KERNEL(void)::matvec(const Matrix& a, const Vector& x, const Vector& out, Ctx
             // vectorises, in the order and grouping of lane_sum over complex terms.
             using R = detail::RealOf<C>;
             const auto dot = detail::split_dot_rows_kernel<R>();
-            std::vector<R> ys(2 * m);
+            const bool direct = !detail::views_overlap(out, a) && !detail::views_overlap(out, x);
+            std::vector<R> ys(direct ? 0 : 2 * m);
+            R* yr = direct ? out.re : ys.data();
+            R* yi = direct ? out.im : ys.data() + m;
             detail::run_chunks(ctx, m, 2 * m * n, [&](u64 first, u64 last) {
-                dot(last - first, n, a.re + first * n, a.im + first * n, n, x.re, x.im, ys.data() + first,
-                    ys.data() + m + first);
+                dot(last - first, n, a.re + first * n, a.im + first * n, n, x.re, x.im, yr + first, yi + first);
             });
-            std::copy(ys.begin(), ys.begin() + m, out.re);
-            std::copy(ys.begin() + m, ys.end(), out.im);
+            if (!direct) {
+                std::copy(ys.begin(), ys.begin() + m, out.re);
+                std::copy(ys.begin() + m, ys.end(), out.im);
+            }
             return;
         }
     }

@@ -159,8 +159,10 @@ void split_dot_rows(u64 rows, u64 n, const typename V::scalar* ar, const typenam
 #pragma GCC unroll 8
             for (u64 k = 0; k < K; ++k) {
                 const u64 o = j + k * L;
-                const typename V::vector a = V::load(pr + o), b = V::load(pi + o), c = V::load(xr + o),
-                                         d = V::load(xi + o);
+                // Each operand is used twice: kept in a register rather than folded into both
+                // products as a second load.
+                const typename V::vector a = rounded(V::load(pr + o)), b = rounded(V::load(pi + o)),
+                                         c = rounded(V::load(xr + o)), d = rounded(V::load(xi + o));
                 vr[k] = V::add(vr[k], V::sub(rounded(V::mul(a, c)), rounded(V::mul(b, d))));
                 vi[k] = V::add(vi[k], V::add(rounded(V::mul(a, d)), rounded(V::mul(b, c))));
             }
@@ -199,7 +201,8 @@ void multiply_split(u64 n, const typename V::scalar* xr, const typename V::scala
     using S = typename V::scalar;
     constexpr u64 L = V::lanes;
     auto step = [](const S* a, const S* b, const S* c, const S* d, S* re, S* im) {
-        const typename V::vector va = V::load(a), vb = V::load(b), vc = V::load(c), vd = V::load(d);
+        const typename V::vector va = rounded(V::load(a)), vb = rounded(V::load(b)), vc = rounded(V::load(c)),
+                                 vd = rounded(V::load(d));
         V::store(re, V::sub(rounded(V::mul(va, vc)), rounded(V::mul(vb, vd))));
         V::store(im, V::add(rounded(V::mul(va, vd)), rounded(V::mul(vb, vc))));
     };
