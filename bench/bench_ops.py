@@ -56,6 +56,14 @@ def cases(n, dtype, rng):
     yield "matvec", ("quillmark.matvec@1", [a, x], [out_x]), lambda: a @ x
     yield "add", ("quillmark.add@1", [v, w], [out_v]), lambda: np.add(v, w, out=out_v)
     yield "multiply", ("quillmark.multiply@1", [v, w], [out_v]), lambda: np.multiply(v, w, out=out_v)
+    yield "subtract", ("quillmark.subtract@1", [v, w], [out_v]), lambda: np.subtract(v, w, out=out_v)
+    factor = np.array(v[1])
+    yield "scale", ("quillmark.scale@1", [v, factor], [out_v]), lambda: np.multiply(v, factor, out=out_v)
+    yield "sqrt", ("quillmark.sqrt@1", [v], [out_v]), lambda: np.sqrt(v, out=out_v)
+    flipped = v.copy()  # conjugated in place, run after run
+    yield "conjugate", ("quillmark.conjugate@1", [], [flipped]), lambda: np.conjugate(flipped, out=flipped)
+    fortran = np.asfortranarray(a)
+    yield "matvec_f", ("quillmark.matvec@1", [fortran, x], [out_x]), lambda: fortran @ x
     yield "sum", ("quillmark.sum@1", [v], [scalar]), lambda: v.sum()
     yield "norm", ("quillmark.norm@1", [v], [np.zeros((), real)]), lambda: np.linalg.norm(v)
     yield "transpose", ("quillmark.transpose@1", [a], [out_m]), lambda: np.copyto(out_m, a.T)
@@ -157,7 +165,11 @@ def main():
                 bindings = {f"Input{i}": a for i, a in enumerate(ins)}
                 bindings.update({f"Output{j}": a for j, a in enumerate(outs)})
                 locations = {k: "host" for k in bindings}
-                ours = best_time(lambda: ctx.execute(op, bindings, locations))
+                try:
+                    ours = best_time(lambda: ctx.execute(op, bindings, locations))
+                except quillmark.NativeError as error:  # e.g. a layout no registration or adapter serves
+                    print(f"{n:>5} {dtype:>10} {name:>10} {'n/a':>13} {'':>10} {'':>7}  {error.reason}")
+                    continue
                 theirs = best_time(reference)
                 # ratio > 1 means quillmark is faster
                 print(f"{n:>5} {dtype:>10} {name:>10} {ours * 1e3:>13.3f} {theirs * 1e3:>10.3f} {theirs / ours:>7.2f}")

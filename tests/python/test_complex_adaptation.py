@@ -106,3 +106,57 @@ def test_fortran_ordered_operands(context, rng, dtype, op):
     else:
         np.testing.assert_allclose(out, expected, rtol=1e-3 if dtype == np.complex64 else 1e-10, atol=1e-3)
     assert same_bits(a, a0)
+
+
+# Large calls run tile by tile; every element depends on its own inputs only, so a large call
+# must give the bits of many small ones, whatever the tile boundaries.
+UNARY = {
+    "sqrt": lambda v, s: ([v], 1),
+    "scale": lambda v, s: ([v, s], 1),
+    "divide": lambda v, s: ([v, s], 1),
+    "add": lambda v, s: ([v, v[::-1].copy()], 1),
+    "multiply": lambda v, s: ([v, v[::-1].copy()], 1),
+}
+
+
+@pytest.mark.parametrize("dtype", COMPLEX)
+@pytest.mark.parametrize("op", sorted(UNARY))
+def test_large_call_matches_small_calls(context, rng, dtype, op):
+    n, piece = 70001, 997
+    v = random_array(rng, n, dtype)
+    s = np.array(random_array(rng, 1, dtype)[0])
+    inputs, _ = UNARY[op](v, s)
+    whole = np.full(n, np.nan, dtype)
+    run(context, f"quillmark.{op}@1", inputs, [whole])
+    pieces = np.full(n, np.nan, dtype)
+    for start in range(0, n, piece):
+        part = [a if a.ndim == 0 else a[start:start + piece] for a in inputs]
+        run(context, f"quillmark.{op}@1", part, [pieces[start:start + piece]])
+    assert same_bits(whole, pieces)
+
+
+@pytest.mark.parametrize("dtype", COMPLEX)
+def test_output_that_is_an_input_is_computed_in_place(context, rng, dtype):
+    n = 50001
+    x, y = random_array(rng, n, dtype), random_array(rng, n, dtype)
+    expected = np.empty_like(x)
+    run(context, "quillmark.add@1", [x, y], [expected])
+    run(context, "quillmark.add@1", [x, y], [x])
+    assert same_bits(x, expected)
+
+
+@pytest.mark.parametrize("dtype", COMPLEX)
+def test_output_overlapping_an_input_reads_the_input_first(context, rng, dtype):
+    n = 40000
+    buffer = random_array(rng, n + 1, dtype)
+    x, y = buffer[:n].copy(), random_array(rng, n, dtype)
+    run(context, "quillmark.add@1", [buffer[:n], y], [buffer[1:]])
+    assert same_bits(buffer[1:], x + y)
+
+
+@pytest.mark.parametrize("shape", [(5000, 3), (3, 5000), (2049, 2)])
+def test_matvec_row_tiles_keep_lane_order(context, rng, shape):
+    a, x = random_array(rng, shape, np.complex128), random_array(rng, shape[1], np.complex128)
+    out = np.full(shape[0], np.nan, np.complex128)
+    run(context, "quillmark.matvec@1", [a, x], [out])
+    assert same_bits(out, lane_order_matvec(a, x))
