@@ -181,17 +181,16 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
         }
     };
 
-    // The first tile runs alone: a failure, which depends on shapes only, surfaces there before
-    // any caller memory is written.
+    // A failure depends on shapes only, so it surfaces in the first tile's kernel, before any
+    // caller memory is written. In parallel runs the first tile runs alone for that reason.
     with_cpu_context(session, kernel_.backend, bindings, [&](CpuExecutionContext& cpu, BackendExecutionBindings&) {
-        run_tiles(0, 1);
-        if (tiles == 1) return;
         const CpuRuntimeContext* runtime = cpu.runtime();
-        if (!runtime) {
-            run_tiles(1, tiles);
+        if (tiles == 1 || !runtime || runtime->thread_count() <= 1) {
+            run_tiles(0, tiles);
             return;
         }
-        runtime->parallel_for_chunks(1, tiles, (rows - std::min(rows, tile_rows)) * width,
+        run_tiles(0, 1);
+        runtime->parallel_for_chunks(1, tiles, (rows - tile_rows) * width,
                                      ChunkBody([&](u64 first, u64 last) { run_tiles(first, last); }));
     });
     return true;
