@@ -13,6 +13,7 @@
 
 #include "backend/cpu/structured_solver_lu.hpp"
 #include "runtime/cpu_runtime_context.hpp"
+#include "test_support.hpp"
 
 using namespace quillmark;
 using namespace quillmark::cpu;
@@ -108,10 +109,7 @@ TYPED_TEST_SUITE(BlockedLu, Types);
 TYPED_TEST(BlockedLu, MatchesTheColumnByColumnEliminationBitForBit) {
     using C = TypeParam;
     using R = RealT<C>;
-    CpuRuntimeOptions options;
-    options.hardware_concurrency_override = 4;
-    options.min_parallel_work = 1;
-    const CpuRuntimeContext workers(std::move(options));
+    const CpuRuntimeContext workers(quillmark::testing::machine_options(4));
     struct Case {
         u64 n, block;
     };

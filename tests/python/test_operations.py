@@ -4,7 +4,7 @@ import numpy as np
 import pytest
 
 import quillmark
-from conftest import FLOATING, TOLERANCE, random_array, real_dtype, run
+from conftest import FLOATING, TOLERANCE, positive_definite, random_array, real_dtype, run
 from quillmark._dtypes import complex32, from_complex32, to_complex32
 
 N = 9
@@ -13,12 +13,6 @@ N = 9
 def close(got, want, dtype):
     tol = TOLERANCE[np.dtype(dtype).type]
     np.testing.assert_allclose(got, want, rtol=tol, atol=tol * max(1.0, float(np.max(np.abs(want), initial=0))))
-
-
-def pd_matrix(rng, n, dtype):
-    a = random_array(rng, (n, n), dtype)
-    gram = a @ a.conj().T
-    return ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
 
 
 def direct_cases(rng, dtype):
@@ -35,7 +29,7 @@ def direct_cases(rng, dtype):
     s = np.asarray(r())
     kx, ky = r(2, 2), r(3, 3)
     m = (r(4, 4) / 2).astype(dtype)
-    h, g = pd_matrix(rng, N, dtype), r(N, N)
+    h, g = positive_definite(rng, N, dtype), r(N, N)
     sign, logabs = np.linalg.slogdet(g)
     cases = {
         "multiply": ([x, y], [z(37)], [x * y]),
@@ -99,7 +93,7 @@ def test_predicates(ctx, rng, dtype):
 
 @pytest.mark.parametrize("dtype", FLOATING)
 def test_eigen_pairs(ctx, rng, dtype):
-    a = pd_matrix(rng, N, dtype)
+    a = positive_definite(rng, N, dtype)
     values, vectors = np.zeros(N, real_dtype(dtype)), np.zeros((N, N), dtype)
     result = run(ctx, "quillmark.eigh@1", [a], [values, vectors])
     assert isinstance(result, tuple) and result[0] is values and result[1] is vectors

@@ -154,16 +154,6 @@ def test_output_overlapping_an_input(ctx, rng):
     assert_close(a, want, scale=3)
 
 
-def test_describe_lists_simd_implementations(ctx):
-    catalogue = quillmark.ContextBuilder().build()
-    simd = [i for i in catalogue.describe("quillmark.eig@1")["implementations"] if i["backend"] == "cpu_simd"]
-    assert len(simd) == 1
-    numerics = simd[0]["numerics"]
-    assert numerics["algorithm"] == "simd.balanced_shifted_qr_iteration.schur_back_substitution"
-    assert numerics["precision"]["mode"] == "mixed"
-    assert {p["name"]: p["value"] for p in numerics["parameters"]}["exceptional_shift_interval"] == 16
-
-
 ENGINES = [
     pytest.param("AVX2"),
     pytest.param("AVX512", marks=pytest.mark.skipif(not HAS_AVX512, reason="the CPU lacks AVX-512")),

@@ -3,7 +3,7 @@ one at a time, and the blocked factorisations against the NumPy/SciPy answers at
 block size."""
 import numpy as np
 import pytest
-from conftest import FLOATING, TOLERANCE, random_array, real_dtype, run
+from conftest import FLOATING, TOLERANCE, positive_definite, random_array, real_dtype, run
 
 from quillmark import _native
 
@@ -33,8 +33,7 @@ def test_blocked_factorisations_match_references(ctx, rng, dtype, n):
     np.testing.assert_allclose(logabs, want_logabs, rtol=tol)
     np.testing.assert_allclose(sign, want_sign, atol=tol)
 
-    gram = a @ a.conj().T
-    spd = ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
+    spd = positive_definite(rng, n, dtype)
     out = np.zeros((), real_dtype(dtype))
     run(ctx, "quillmark.logdet_positive_definite@1", [spd], [out])
     np.testing.assert_allclose(out, np.linalg.slogdet(spd.astype(np.complex128))[1], rtol=tol)
@@ -60,8 +59,7 @@ def test_worker_threads_give_the_serial_bits(ctx, rng, dtype):
         run(context, "quillmark.lu_factor@1", [], [lu])
         factors.append((lu.factors.tobytes(), lu.pivots.tobytes()))
     assert factors[0] == factors[1]
-    gram = a @ a.conj().T
-    spd = ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
+    spd = positive_definite(rng, n, dtype)
     outs = [np.zeros((), real_dtype(dtype)) for _ in range(2)]
     for context, out in zip((ctx, workers), outs):
         run(context, "quillmark.logdet_positive_definite@1", [spd], [out])
