@@ -322,7 +322,9 @@ INSTANTIATE_TEST_SUITE_P(
         InitCase{"view_dtype", [] { dense_vector_view<double>(DenseHostRealVector<PolicyF32>(4)); },
                  "dense_vector_view - operand kind, layout or dtype mismatch"},
         InitCase{"view_label",
-                 [] { split_matrix_view<float>(DenseHostComplexIntlvMatrixColMajor<PolicyC64>(2, 2), "CPU layout output"); },
+                 [] {
+                     split_matrix_view<float>(DenseHostComplexIntlvMatrixColMajor<PolicyC64>(2, 2), "CPU layout output");
+                 },
                  "CPU layout output - operand kind, layout or dtype mismatch"},
         InitCase{"entity_cast",
                  [] { entity_cast<VectorEntity>(make(ST::float32, ST::float32, OK::scalar, {}, CL::none, ML::none)); },

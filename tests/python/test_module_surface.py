@@ -7,7 +7,7 @@ import quillmark
 from quillmark import _native
 from quillmark._dtypes import complex32, from_complex32, to_complex32
 
-from conftest import FLOATING, TOLERANCE, misaligned, random_array
+from conftest import FLOATING, TOLERANCE, misaligned, random_array, run
 
 
 @pytest.fixture(scope="module")
@@ -254,26 +254,35 @@ def test_lu_factor_solve_refuses(ctx, rhs, error, message):
 # ---- Native errors from solvers
 
 
-def test_singular_lu_factor_raises_native_error(ctx):
-    with pytest.raises(_native.NativeError) as info:
-        _native.LUFactor(np.array([[1.0, 2.0, 3.0], [2.0, 4.0, 6.0], [1.0, 0.0, 1.0]]), ctx)
-    err = info.value
-    assert isinstance(err, RuntimeError)
-    assert (err.reason, err.library, err.operation) == ("singular", "CPU", "quillmark.lu_factor")
-    assert isinstance(err.native_status, int) and str(err.native_status) in str(err)
-    assert err.detail and not hasattr(err, "status_name")
+# Each case: the failing call (given the context and its output), the message, and the attributes.
+NATIVE_FAILURES = {
+    "singular": (lambda ctx, out: _native.LUFactor(np.array([[1.0, 2.0, 3.0], [2.0, 4.0, 6.0], [1.0, 0.0, 1.0]]), ctx),
+                 "LU factorisation - singular matrix at pivot 2",
+                 {"reason": "singular", "library": "CPU", "operation": "quillmark.lu_factor", "native_status": 2}),
+    "indefinite": (lambda ctx, out: run(ctx, "quillmark.logdet_positive_definite@1",
+                                        [np.array([[1.0, 2.0], [2.0, 1.0]])], [out[0, 0:1].reshape(())]),
+                   None,
+                   {"reason": "solver_failure", "library": "CPU", "operation": "quillmark.logdet_positive_definite"}),
+    # Marshalling accepts a real column-major matrix; no adapter bridges real layouts.
+    "real column-major": (lambda ctx, out: run(ctx, "quillmark.transpose@1",
+                                               [np.asfortranarray(np.arange(6.0).reshape(2, 3))], [out]),
+                          "BackendDispatcher::dispatch - no backend entry available",
+                          {"reason": "no_backend_available"}),
+}
 
 
-def test_failed_cholesky_pivot_raises_native_error(ctx):
-    out = np.zeros(())
+@pytest.mark.parametrize("case", list(NATIVE_FAILURES))
+def test_native_errors(ctx, case):
+    call, message, attributes = NATIVE_FAILURES[case]
+    out = np.zeros((3, 2))
     with pytest.raises(_native.NativeError) as info:
-        ctx.execute("quillmark.logdet_positive_definite@1", {"Input0": np.array([[1.0, 2.0], [2.0, 1.0]]),
-                                                              "Output0": out},
-                    {"Input0": "host", "Output0": "host"})
+        call(ctx, out)
     err = info.value
-    assert err.operation == "quillmark.logdet_positive_definite" and err.library == "CPU"
-    assert err.reason == "solver_failure" and isinstance(err.native_status, int) and err.detail
-    assert out == 0
+    assert isinstance(err, RuntimeError) and not hasattr(err, "status_name")
+    assert message is None or str(err) == message
+    assert {name: getattr(err, name) for name in attributes} == attributes
+    assert not hasattr(err, "library") or (isinstance(err.native_status, int) and err.detail)
+    assert not out.any()
 
 
 def test_never_factorised_operand_fails_solve(ctx):
