@@ -251,7 +251,7 @@ def test_lu_factor_solve_refuses(ctx, rhs, error, message):
     np.testing.assert_array_equal(rhs, before)
 
 
-# ---- Native errors from solvers
+# ---- Native errors from solvers and dispatch
 
 
 # Each case: the failing call (given the context and its output), the message, and the attributes.

@@ -36,10 +36,11 @@ def direct_cases(rng, dtype):
     sign, logabs = np.linalg.slogdet(g)
     q = np.linalg.qr(r(6, 6))[0].astype(dtype)
     cases = {
+        # Flags start at the opposite answer, so a kernel that writes only one answer is caught.
         "is_unitary": ([q], [np.zeros((), bool)], [True]),
-        "is_unitary rectangular": ([r(2, 3)], [np.zeros((), bool)], [False]),
+        "is_unitary rectangular": ([r(2, 3)], [np.ones((), bool)], [False]),
         "vector_equal": ([x, x.copy()], [np.zeros((), bool)], [True]),
-        "vector_equal lengths": ([x, x[:4].copy()], [np.zeros((), bool)], [False]),
+        "vector_equal lengths": ([x, x[:4].copy()], [np.ones((), bool)], [False]),
         "multiply": ([x, y], [z(37)], [x * y]),
         "add": ([x, y], [z(37)], [x + y]),
         "subtract": ([x, y], [z(37)], [x - y]),
