@@ -67,10 +67,17 @@ template <class S, class T> void to_interleaved(const T* re, const T* im, S* dst
     for (; i < n; ++i) join(dst[i], re[i], im[i]);
 }
 
+// Installed wider copies; read on every conversion, written when a context is built.
+std::atomic<decltype(ComplexPlaneCopies::split_f64)> installed_split_f64{nullptr};
+std::atomic<decltype(ComplexPlaneCopies::interleave_f64)> installed_interleave_f64{nullptr};
+std::atomic<decltype(ComplexPlaneCopies::split_f32)> installed_split_f32{nullptr};
+std::atomic<decltype(ComplexPlaneCopies::interleave_f32)> installed_interleave_f32{nullptr};
+
 // The double and single precision copies are plain lane shuffles (bit-exact, NaN payloads
 // included): the element loops above do not vectorise, and these conversions are memory-bound.
 template <> void to_split(const std::complex<double>* src, double* re, double* im, std::uint64_t n) noexcept {
     const double* s = reinterpret_cast<const double*>(src);
+    if (const auto wide = installed_split_f64.load(std::memory_order_relaxed)) return wide(n, s, re, im);
     std::uint64_t i = 0;
     for (; i + 4 <= n; i += 4) {
         const __m128d a = _mm_loadu_pd(s + 2 * i), b = _mm_loadu_pd(s + 2 * i + 2);
@@ -84,6 +91,7 @@ template <> void to_split(const std::complex<double>* src, double* re, double* i
 }
 template <> void to_interleaved(const double* re, const double* im, std::complex<double>* dst, std::uint64_t n) noexcept {
     double* d = reinterpret_cast<double*>(dst);
+    if (const auto wide = installed_interleave_f64.load(std::memory_order_relaxed)) return wide(n, re, im, d);
     std::uint64_t i = 0;
     for (; i + 4 <= n; i += 4) {
         const __m128d r0 = _mm_loadu_pd(re + i), r1 = _mm_loadu_pd(re + i + 2);
@@ -97,6 +105,7 @@ template <> void to_interleaved(const double* re, const double* im, std::complex
 }
 template <> void to_split(const std::complex<float>* src, float* re, float* im, std::uint64_t n) noexcept {
     const float* s = reinterpret_cast<const float*>(src);
+    if (const auto wide = installed_split_f32.load(std::memory_order_relaxed)) return wide(n, s, re, im);
     std::uint64_t i = 0;
     for (; i + 4 <= n; i += 4) {
         const __m128 a = _mm_loadu_ps(s + 2 * i), b = _mm_loadu_ps(s + 2 * i + 4);
@@ -107,6 +116,7 @@ template <> void to_split(const std::complex<float>* src, float* re, float* im, 
 }
 template <> void to_interleaved(const float* re, const float* im, std::complex<float>* dst, std::uint64_t n) noexcept {
     float* d = reinterpret_cast<float*>(dst);
+    if (const auto wide = installed_interleave_f32.load(std::memory_order_relaxed)) return wide(n, re, im, d);
     std::uint64_t i = 0;
     for (; i + 4 <= n; i += 4) {
         const __m128 r = _mm_loadu_ps(re + i), m = _mm_loadu_ps(im + i);
@@ -594,6 +604,13 @@ void transpose_copy(const std::complex<float>* s, std::complex<float>* d, std::u
 void transpose_copy(const std::complex<double>* s, std::complex<double>* d, std::uint64_t rows,
                     std::uint64_t cols) noexcept {
     transpose_tiled(s, d, rows, cols);
+}
+
+void install_complex_plane_copies(const ComplexPlaneCopies& copies) noexcept {
+    installed_split_f64.store(copies.split_f64, std::memory_order_relaxed);
+    installed_interleave_f64.store(copies.interleave_f64, std::memory_order_relaxed);
+    installed_split_f32.store(copies.split_f32, std::memory_order_relaxed);
+    installed_interleave_f32.store(copies.interleave_f32, std::memory_order_relaxed);
 }
 
 void install_complex64_relayout(Complex64Relayout kernel) noexcept {

@@ -24,6 +24,16 @@ using Complex64Relayout = bool (*)(const std::complex<float>* src, std::complex<
                                    std::uint64_t cols) noexcept;
 void install_complex64_relayout(Complex64Relayout kernel) noexcept;
 
+// Interleaved <-> split copies of complex double and single data that the CPU backend installs
+// from its vector engines; a null member keeps the portable loop. Exact copies, count first.
+struct ComplexPlaneCopies {
+    void (*split_f64)(std::uint64_t n, const double* interleaved, double* re, double* im) noexcept = nullptr;
+    void (*interleave_f64)(std::uint64_t n, const double* re, const double* im, double* interleaved) noexcept = nullptr;
+    void (*split_f32)(std::uint64_t n, const float* interleaved, float* re, float* im) noexcept = nullptr;
+    void (*interleave_f32)(std::uint64_t n, const float* re, const float* im, float* interleaved) noexcept = nullptr;
+};
+void install_complex_plane_copies(const ComplexPlaneCopies& copies) noexcept;
+
 // Whether the CPU adapters bridge requested key A to registered key B.
 bool cpu_layout_can_adapt(const BackendOperandKey& requested, const BackendOperandKey& registered) noexcept;
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "backend/cpu/vector_kernels.hpp"
 #include "catalogue/operation_registry.hpp"
 #include "core/errors.hpp"
 #include "dispatch/backend_dispatcher.hpp"
@@ -480,3 +481,36 @@ TEST_P(TiledRows, MatrixRowsWithWholeVector) {
 INSTANTIATE_TEST_SUITE_P(Shapes, TiledRows,
                          ::testing::Values(std::array<std::uint64_t, 2>{5000, 3}, std::array<std::uint64_t, 2>{3, 5000},
                                            std::array<std::uint64_t, 2>{7, 1}));
+
+// The backend's wider interleaved <-> split copies stand in for the portable loops bit for bit
+// (the portable set installs none, so its turn checks the loops themselves).
+TEST(CpuLayoutAdaptation, InstalledPlaneCopiesAreExact) {
+    const auto f64 = cpu::available_vector_kernels<double>();
+    const auto f32 = cpu::available_vector_kernels<float>();
+    for (std::size_t k = 0; k < f64.size(); ++k) {
+        install_complex_plane_copies({f64[k].to_split, f64[k].to_interleaved, f32[k].to_split, f32[k].to_interleaved});
+        for (std::uint64_t n : {0u, 1u, 3u, 7u, 8u, 9u, 1001u}) {
+            std::vector<cd> src(n), back(n);
+            std::vector<cf> srcf(n), backf(n);
+            for (std::uint64_t i = 0; i < n; ++i) {
+                src[i] = {double(i) + 0.25, -double(i) * 3};
+                srcf[i] = {float(i) - 0.5f, float(i) * 2};
+            }
+            std::vector<double> re(n), im(n);
+            std::vector<float> ref(n), imf(n);
+            interleaved_to_split(src.data(), re.data(), im.data(), n);
+            interleaved_to_split(srcf.data(), ref.data(), imf.data(), n);
+            for (std::uint64_t i = 0; i < n; ++i) {
+                ASSERT_EQ(cd(re[i], im[i]), src[i]) << f64[k].name << " " << n << " " << i;
+                ASSERT_EQ(cf(ref[i], imf[i]), srcf[i]) << f32[k].name << " " << n << " " << i;
+            }
+            split_to_interleaved(re.data(), im.data(), back.data(), n);
+            split_to_interleaved(ref.data(), imf.data(), backf.data(), n);
+            EXPECT_EQ(back, src) << f64[k].name << " " << n;
+            EXPECT_EQ(backf, srcf) << f32[k].name << " " << n;
+        }
+    }
+    const auto& d = cpu::default_vector_kernels<double>();
+    const auto& f = cpu::default_vector_kernels<float>();
+    install_complex_plane_copies({d.to_split, d.to_interleaved, f.to_split, f.to_interleaved});
+}

@@ -10,6 +10,7 @@
 #include "backend/cpu/floating_point_kernels.hpp"
 #include "backend/cpu/cpu_kernel_registration_table.hpp"
 #include "backend/cpu/structured_solver.hpp"
+#include "backend/cpu/vector_kernels.hpp"
 #include "dispatch/layout_adaptation.hpp"
 #include "storage/access.hpp"
 
@@ -511,6 +512,9 @@ void register_cpu_backends(BackendRegistry& registry, const RegistrationProvenan
     register_rows(registry, BackendKind::cpu_scalar, provenance, scalar_registrations());
     register_rows(registry, BackendKind::cpu_simd, provenance, simd_registrations());
     install_complex64_relayout(&simd_relayout);
+    const auto& f64 = cpu::default_vector_kernels<double>();
+    const auto& f32 = cpu::default_vector_kernels<float>();
+    install_complex_plane_copies({f64.to_split, f64.to_interleaved, f32.to_split, f32.to_interleaved});
 }
 
 } // namespace quillmark

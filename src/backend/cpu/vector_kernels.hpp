@@ -35,6 +35,10 @@ template <class R> struct VectorKernelSet {
     // out = x * y elementwise: (xr yr - xi yi) + i (xr yi + xi yr).
     void (*multiply_split)(std::uint64_t n, const R* xr, const R* xi, const R* yr, const R* yi, R* outr,
                            R* outi) noexcept = nullptr;
+    // Exact copies between interleaved (re, im) pairs and split planes; null in the portable set,
+    // whose copies the layout adaptation does itself.
+    void (*to_split)(std::uint64_t n, const R* interleaved, R* re, R* im) noexcept = nullptr;
+    void (*to_interleaved)(std::uint64_t n, const R* re, const R* im, R* interleaved) noexcept = nullptr;
 };
 
 // The sets this processor can run, portable first.

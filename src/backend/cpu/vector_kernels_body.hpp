@@ -3,6 +3,11 @@
 // vectors of the element type, `D` the double vectors the sums of squares are formed in. Only
 // the translation unit that defines `V` and `D` includes this, with that instruction set.
 #include <cstdint>
+#include <type_traits>
+
+#if defined(__AVX2__)
+#include <immintrin.h>
+#endif
 
 #include "backend/cpu/vector_kernels.hpp"
 
@@ -223,6 +228,56 @@ void multiply_split(u64 n, const typename V::scalar* xr, const typename V::scala
     }
 }
 
+#if defined(__AVX2__)
+// Interleaved complex data to split planes and back: exact copies, 256 bits at a time. Baseline
+// builds leave these to the layout adaptation's own 128-bit loops.
+template <class S> void to_split(u64 n, const S* interleaved, S* re, S* im) noexcept {
+    u64 i = 0;
+    if constexpr (std::is_same_v<S, double>) {
+        for (; i + 4 <= n; i += 4) {
+            const __m256d a = _mm256_loadu_pd(interleaved + 2 * i), b = _mm256_loadu_pd(interleaved + 2 * i + 4);
+            const __m256d first = _mm256_permute2f128_pd(a, b, 0x20), second = _mm256_permute2f128_pd(a, b, 0x31);
+            _mm256_storeu_pd(re + i, _mm256_unpacklo_pd(first, second));
+            _mm256_storeu_pd(im + i, _mm256_unpackhi_pd(first, second));
+        }
+    } else {
+        for (; i + 8 <= n; i += 8) {
+            const __m256 a = _mm256_loadu_ps(interleaved + 2 * i), b = _mm256_loadu_ps(interleaved + 2 * i + 8);
+            const __m256 first = _mm256_permute2f128_ps(a, b, 0x20), second = _mm256_permute2f128_ps(a, b, 0x31);
+            _mm256_storeu_ps(re + i, _mm256_shuffle_ps(first, second, _MM_SHUFFLE(2, 0, 2, 0)));
+            _mm256_storeu_ps(im + i, _mm256_shuffle_ps(first, second, _MM_SHUFFLE(3, 1, 3, 1)));
+        }
+    }
+    for (; i < n; ++i) {
+        re[i] = interleaved[2 * i];
+        im[i] = interleaved[2 * i + 1];
+    }
+}
+
+template <class S> void to_interleaved(u64 n, const S* re, const S* im, S* interleaved) noexcept {
+    u64 i = 0;
+    if constexpr (std::is_same_v<S, double>) {
+        for (; i + 4 <= n; i += 4) {
+            const __m256d r = _mm256_loadu_pd(re + i), m = _mm256_loadu_pd(im + i);
+            const __m256d low = _mm256_unpacklo_pd(r, m), high = _mm256_unpackhi_pd(r, m);
+            _mm256_storeu_pd(interleaved + 2 * i, _mm256_permute2f128_pd(low, high, 0x20));
+            _mm256_storeu_pd(interleaved + 2 * i + 4, _mm256_permute2f128_pd(low, high, 0x31));
+        }
+    } else {
+        for (; i + 8 <= n; i += 8) {
+            const __m256 r = _mm256_loadu_ps(re + i), m = _mm256_loadu_ps(im + i);
+            const __m256 low = _mm256_unpacklo_ps(r, m), high = _mm256_unpackhi_ps(r, m);
+            _mm256_storeu_ps(interleaved + 2 * i, _mm256_permute2f128_ps(low, high, 0x20));
+            _mm256_storeu_ps(interleaved + 2 * i + 8, _mm256_permute2f128_ps(low, high, 0x31));
+        }
+    }
+    for (; i < n; ++i) {
+        interleaved[2 * i] = re[i];
+        interleaved[2 * i + 1] = im[i];
+    }
+}
+#endif
+
 template <class V, class D> VectorKernelSet<typename V::scalar> kernel_set(std::string_view name) noexcept {
     using S = typename V::scalar;
     VectorKernelSet<S> k;
@@ -235,6 +290,10 @@ template <class V, class D> VectorKernelSet<typename V::scalar> kernel_set(std::
     k.add_planes = &add_planes<V>;
     k.subtract_planes = &subtract_planes<V>;
     k.multiply_split = &multiply_split<V>;
+#if defined(__AVX2__)
+    k.to_split = &to_split<S>;
+    k.to_interleaved = &to_interleaved<S>;
+#endif
     return k;
 }
 
