@@ -130,10 +130,12 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
     const u64 tiles = (rows + tile_rows - 1) / tile_rows;
     std::vector<std::pair<std::uint32_t, std::uint32_t>> pairs(bindings.values().begin(), bindings.values().end());
 
-    // The operands one tile runs on: the bound ones, with windows where they are cut.
+    // The operands one tile runs on: the bound ones, with windows where they are cut; `outputs`
+    // are the windows written back.
     struct TileSet {
         BackendExecutionBindings bindings;
         std::array<TileWindow*, KernelTiling::kMaxOperands> windows{};
+        std::array<TileWindow*, KernelTiling::kMaxOperands> outputs{};
     };
     auto make_set = [&](TileSet& set) {
         set.bindings.reserve(n);
@@ -148,6 +150,7 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
             TileWindowHandle handle = operands_[i].adapter->window(original, writable, std::min(tile_rows, rows));
             if (!handle.entity) throw std::logic_error("TiledKernelStep - operand cannot be tiled");
             set.windows[i] = handle.window;
+            if (writable) set.outputs[i] = handle.window;
             set.bindings.substitute(i, std::move(handle.entity));
         }
     };
@@ -159,8 +162,7 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
         const u64 next_rows = next ? std::min(tile_rows, rows - next_first) : 0;
         for (u64 k = 0; k < std::max(done_rows, next_rows); k += stream_rows) {
             for (std::size_t i = 0; k < done_rows && i < n; ++i)
-                if (set.windows[i] && bindings.mutable_original(i))
-                    set.windows[i]->store(k, done_first + k, std::min(stream_rows, done_rows - k));
+                if (set.outputs[i]) set.outputs[i]->store(k, done_first + k, std::min(stream_rows, done_rows - k));
             for (std::size_t i = 0; k < next_rows && i < n; ++i)
                 if (set.windows[i]) set.windows[i]->load(k, next_first + k, std::min(stream_rows, next_rows - k));
         }
