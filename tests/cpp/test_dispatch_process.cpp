@@ -2,6 +2,7 @@
 
 #include "test_support.hpp"
 
+#include <atomic>
 #include <complex>
 #include <memory>
 #include <stdexcept>
@@ -14,6 +15,7 @@
 #include "dispatch/backend_dispatcher.hpp"
 #include "dispatch/backend_process.hpp"
 #include "dispatch/layout_adaptation.hpp"
+#include "runtime/cpu_runtime_context.hpp"
 #include "storage/access.hpp"
 #include "storage/borrowed_host_storage.hpp"
 #include "storage/storage_factory.hpp"
@@ -337,7 +339,7 @@ struct TiledFixture {
     OperationId op{"test.tiled", 1};
     BackendAdaptationRegistry adapters;
     BackendRegistry registry;
-    int calls = 0;
+    std::atomic<int> calls = 0; // tiles may run on workers
     bool fail = false;
 
     TiledFixture(std::vector<OperandKind> inputs, KernelTiling tiling, LaunchCpuKernelStep::Kernel body) {
@@ -365,12 +367,13 @@ struct TiledFixture {
         return kind == OperandKind::matrix ? Key::make(kind, Location::pageable_host, complex128, complex128, SP, RM)
                                            : Key::make(kind, Location::pageable_host, complex128, complex128, SP);
     }
-    void run(std::vector<const OperandEntity*> inputs, OperandEntity& out) {
+    void run(std::vector<const OperandEntity*> inputs, OperandEntity& out,
+             std::shared_ptr<const CpuRuntimeContext> runtime = nullptr) {
         BackendDispatcher dispatcher(registry, adapters);
         std::vector<OperandDescriptor> in;
         for (std::size_t i = 0; i < inputs.size(); ++i) in.push_back(describe_operand(*inputs[i], input_role(i)));
         BackendProcess p = dispatcher.dispatch(1, in, std::vector{describe_operand(out, output_role(0))});
-        BackendExecutionSession session;
+        BackendExecutionSession session(std::move(runtime));
         ::run(p, session, true, [&](BackendExecutionBindings& b) {
             for (const OperandEntity* e : inputs) b.bind_read(*e);
             b.bind_write(out);
@@ -403,17 +406,19 @@ constexpr std::uint64_t kTile = TiledKernelStep::kTileElements;
 struct TiledCase {
     std::uint64_t n;
     bool in_place; // the output is the first input itself
+    std::uint64_t threads = 1;
 };
 class TiledElementwise : public ::testing::TestWithParam<TiledCase> {};
 TEST_P(TiledElementwise, MatchesWholeOperandResultTileByTile) {
-    const auto [n, in_place] = GetParam();
+    const auto [n, in_place, threads] = GetParam();
+    auto runtime = std::make_shared<CpuRuntimeContext>(quillmark::testing::machine_options(threads + 1, threads));
     TiledFixture f({OperandKind::vector, OperandKind::vector}, {TileAxis::rows, TileAxis::rows, TileAxis::rows},
                    axpy_kernel);
     std::vector<cd> xs = ramp(n, 1.0), ys = ramp(n, 0.25), os(n, cd(std::nan(""), 0));
     const std::vector<cd> x0 = xs, y0 = ys;
     BorrowedDenseHostComplexInterleavedVector<PolicyC128> x(xs.data(), n), y(ys.data(), n), o(os.data(), n);
     OperandEntity& out = in_place ? static_cast<OperandEntity&>(x) : o;
-    f.run({&x, &y}, out);
+    f.run({&x, &y}, out, runtime);
     const std::vector<cd>& result = in_place ? xs : os;
     for (std::uint64_t i = 0; i < n; ++i) ASSERT_EQ(result[i], x0[i] + 2.0 * y0[i]) << i;
     EXPECT_EQ(ys, y0);
@@ -421,7 +426,8 @@ TEST_P(TiledElementwise, MatchesWholeOperandResultTileByTile) {
 }
 INSTANTIATE_TEST_SUITE_P(Lengths, TiledElementwise,
                          ::testing::Values(TiledCase{1, false}, TiledCase{kTile, false}, TiledCase{kTile + 1, false},
-                                           TiledCase{5 * kTile - 3, false}, TiledCase{5 * kTile - 3, true}));
+                                           TiledCase{5 * kTile - 3, false}, TiledCase{5 * kTile - 3, true},
+                                           TiledCase{9 * kTile + 5, false, 3}, TiledCase{9 * kTile + 5, true, 3}));
 
 TEST(TiledAdaptation, PartlyOverlappingOutputRunsOnWholeCopies) {
     TiledFixture f({OperandKind::vector, OperandKind::vector}, {TileAxis::rows, TileAxis::rows, TileAxis::rows},
