@@ -35,7 +35,23 @@ void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
         cv[t] = V::set1(b.c[t]);
         sv[t] = V::set1(b.s[t]);
     }
+    // G vectors of rows at once: each carries its own chain of dependent rotations.
+    constexpr u64 G = 3;
     u64 k = k_begin;
+    for (; k + G * L <= k_end; k += G * L) {
+        typename V::vector xv[G];
+        for (u64 g = 0; g < G; ++g) xv[g] = V::load(x + k + g * L);
+        for (u64 t = 0; t < b.width; ++t) {
+            if (!b.active[t]) continue;
+            double* const e = m + (b.q0 + t) * ld + k;
+            for (u64 g = 0; g < G; ++g) {
+                typename V::vector ev = V::load(e + g * L);
+                rotate<V>(xv[g], ev, cv[t], sv[t]);
+                V::store(e + g * L, ev);
+            }
+        }
+        for (u64 g = 0; g < G; ++g) V::store(x + k + g * L, xv[g]);
+    }
     for (; k + L <= k_end; k += L) {
         typename V::vector xv = V::load(x + k);
         for (u64 t = 0; t < b.width; ++t) {
@@ -65,32 +81,51 @@ void rotate_above(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
     constexpr u64 L = V::lanes;
     double* const x = m + p * ld;
     u64 k = k_begin;
-    // lanes columns at once: their rows q0 ... are transposed into one vector per q.
-    for (; k + L <= k_end; k += L) {
-        typename V::vector xv = V::load(x + k);
+    // Two groups of `lanes` columns at once, each a chain of dependent rotations; their rows
+    // q0 ... are transposed into one vector per q.
+    constexpr u64 G = 2;
+    auto groups = [&]<u64 N>(u64 k0) {
+        typename V::vector xv[N];
+        for (u64 g = 0; g < N; ++g) xv[g] = V::load(x + k0 + g * L);
         for (u64 t0 = 0; t0 < b.width; t0 += L) {
             const int count = static_cast<int>(std::min<u64>(L, b.width - t0));
             bool any = false;
             for (int t = 0; t < count; ++t) any |= b.active[t0 + t] != 0;
             if (!any) continue;
-            typename V::vector e[L];
             const bool full = count == int(L);
-            for (u64 i = 0; i < L; ++i) {
-                const double* const at = m + (k + i) * ld + b.q0 + t0;
-                e[i] = full ? V::load(at) : V::load_partial(at, count);
+            typename V::vector e[N][L];
+#pragma GCC unroll 4
+            for (u64 g = 0; g < N; ++g) {
+#pragma GCC unroll 8
+                for (u64 i = 0; i < L; ++i) {
+                    const double* const at = m + (k0 + g * L + i) * ld + b.q0 + t0;
+                    e[g][i] = full ? V::load(at) : V::load_partial(at, count);
+                }
+                V::transpose(e[g]);
             }
-            V::transpose(e);
-            for (int t = 0; t < count; ++t)
-                if (b.active[t0 + t]) rotate<V>(xv, e[t], V::set1(b.c[t0 + t]), V::set1(b.s[t0 + t]));
-            V::transpose(e);
-            for (u64 i = 0; i < L; ++i) {
-                double* const at = m + (k + i) * ld + b.q0 + t0;
-                if (full) V::store(at, e[i]);
-                else V::store_partial(at, e[i], count);
+            // Fully unrolled so that the tile stays in registers.
+#pragma GCC unroll 8
+            for (u64 t = 0; t < L; ++t) {
+                if (int(t) >= count || !b.active[t0 + t]) continue;
+                const typename V::vector c = V::set1(b.c[t0 + t]), s = V::set1(b.s[t0 + t]);
+#pragma GCC unroll 4
+                for (u64 g = 0; g < N; ++g) rotate<V>(xv[g], e[g][t], c, s);
+            }
+#pragma GCC unroll 4
+            for (u64 g = 0; g < N; ++g) {
+                V::transpose(e[g]);
+#pragma GCC unroll 8
+                for (u64 i = 0; i < L; ++i) {
+                    double* const at = m + (k0 + g * L + i) * ld + b.q0 + t0;
+                    if (full) V::store(at, e[g][i]);
+                    else V::store_partial(at, e[g][i], count);
+                }
             }
         }
-        V::store(x + k, xv);
-    }
+        for (u64 g = 0; g < N; ++g) V::store(x + k0 + g * L, xv[g]);
+    };
+    for (; k + G * L <= k_end; k += G * L) groups.template operator()<G>(k);
+    for (; k + L <= k_end; k += L) groups.template operator()<1>(k);
     for (; k < k_end; ++k) {
         double xk = x[k];
         double* const e = m + k * ld + b.q0;
