@@ -135,6 +135,76 @@ void rotate_above(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
     }
 }
 
+// Runs p and p+1 (every row taking part) in one pass over the panel: column q takes (p, q) and
+// then (p+1, q), the order each column sees anyway, and is loaded once for both. Column p+1
+// leaves run p at its first rotation and stays in registers for run p+1.
+template <class V> void apply_run_pair(double* panel, const JacobiSweepRecord& rec, u64 p) noexcept {
+    constexpr u64 L = V::lanes;
+    constexpr u64 N = kJacobiPanelRows / L;
+    constexpr u64 R = kJacobiPanelRows;
+    const std::uint32_t* const q = rec.q.data();
+    const double* const c = rec.c.data();
+    const double* const s = rec.s.data();
+    u64 i = rec.run_start[p], j = rec.run_start[p + 1];
+    const u64 i_end = j, j_end = rec.run_start[p + 2];
+    typename V::vector x0[N], x1[N];
+    for (u64 v = 0; v < N; ++v) {
+        x0[v] = V::load(panel + p * R + v * L);
+        x1[v] = V::load(panel + (p + 1) * R + v * L);
+    }
+    if (i < i_end && q[i] == p + 1) {
+        const typename V::vector cv = V::set1(c[i]), sv = V::set1(s[i]);
+        for (u64 v = 0; v < N; ++v) rotate<V>(x0[v], x1[v], cv, sv);
+        ++i;
+    }
+    auto first = [&](u64 at) {
+        const typename V::vector cv = V::set1(c[at]), sv = V::set1(s[at]);
+        double* const y = panel + u64(q[at]) * R;
+#pragma GCC unroll 8
+        for (u64 v = 0; v < N; ++v) {
+            typename V::vector yv = V::load(y + v * L);
+            rotate<V>(x0[v], yv, cv, sv);
+            V::store(y + v * L, yv);
+        }
+    };
+    auto second = [&](u64 at) {
+        const typename V::vector cv = V::set1(c[at]), sv = V::set1(s[at]);
+        double* const y = panel + u64(q[at]) * R;
+#pragma GCC unroll 8
+        for (u64 v = 0; v < N; ++v) {
+            typename V::vector yv = V::load(y + v * L);
+            rotate<V>(x1[v], yv, cv, sv);
+            V::store(y + v * L, yv);
+        }
+    };
+    while (i < i_end && j < j_end) {
+        if (q[i] == q[j]) {
+            const typename V::vector c0 = V::set1(c[i]), s0 = V::set1(s[i]);
+            const typename V::vector c1 = V::set1(c[j]), s1 = V::set1(s[j]);
+            double* const y = panel + u64(q[i]) * R;
+#pragma GCC unroll 8
+            for (u64 v = 0; v < N; ++v) {
+                typename V::vector yv = V::load(y + v * L);
+                rotate<V>(x0[v], yv, c0, s0);
+                rotate<V>(x1[v], yv, c1, s1);
+                V::store(y + v * L, yv);
+            }
+            ++i;
+            ++j;
+        } else if (q[i] < q[j]) {
+            first(i++);
+        } else {
+            second(j++);
+        }
+    }
+    for (; i < i_end; ++i) first(i);
+    for (; j < j_end; ++j) second(j);
+    for (u64 v = 0; v < N; ++v) {
+        V::store(panel + p * R + v * L, x0[v]);
+        V::store(panel + (p + 1) * R + v * L, x1[v]);
+    }
+}
+
 template <class V>
 void apply_panel(double* panel, const JacobiSweepRecord& rec, u64 first_run, std::int64_t first_row) noexcept {
     constexpr u64 L = V::lanes;
@@ -142,6 +212,12 @@ void apply_panel(double* panel, const JacobiSweepRecord& rec, u64 first_run, std
     const u64 runs = rec.run_start.size() - 1;
     for (u64 p = first_run; p < runs; ++p) {
         const u64 begin = rec.run_start[p], end = rec.run_start[p + 1];
+        // A pair of runs in which every row takes part goes in one pass.
+        if (p + 1 < runs && (first_row < 0 || std::int64_t(p) >= first_row + std::int64_t(kJacobiPanelRows))) {
+            apply_run_pair<V>(panel, rec, p);
+            ++p;
+            continue;
+        }
         if (begin == end) continue;
         double* const xp = panel + p * kJacobiPanelRows;
         typename V::vector x[N];
