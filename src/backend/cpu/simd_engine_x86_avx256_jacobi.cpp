@@ -1,5 +1,9 @@
 // Products and sums stay separately rounded, as in the portable kernels.
+#if defined(__clang__)
+#pragma clang fp contract(off)
+#else
 #pragma GCC optimize("fp-contract=off")
+#endif
 // AVX2 kernels of the real Jacobi sweep.
 #include <immintrin.h>
 

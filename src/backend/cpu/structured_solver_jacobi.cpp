@@ -1,5 +1,9 @@
 // Products and sums stay separately rounded whatever instruction set the build targets.
+#if defined(__clang__)
+#pragma clang fp contract(off)
+#else
 #pragma GCC optimize("fp-contract=off")
+#endif
 #include "backend/cpu/structured_solver_jacobi.hpp"
 
 #include <algorithm>
