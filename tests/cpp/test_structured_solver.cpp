@@ -2,10 +2,11 @@
 
 #include <bit>
 #include <cmath>
-#include <cstring>
 #include <complex>
+#include <cstring>
 #include <functional>
 #include <limits>
+#include <numeric>
 #include <numbers>
 #include <random>
 #include <string>
@@ -385,8 +386,7 @@ namespace {
 
 // The element-wise cyclic Jacobi loop on a full symmetric matrix: every rotation updates rows
 // and columns p and q of A and columns p and q of V one element at a time.
-std::vector<double> textbook_jacobi(std::vector<double> a, u64 n, std::vector<double>* v) {
-    const double tol = double(n) * std::numeric_limits<double>::epsilon();
+std::vector<double> textbook_jacobi(std::vector<double> a, u64 n, std::vector<double>* v, double tol) {
     auto at = [&](u64 i, u64 j) -> double& { return a[i * n + j]; };
     if (v) {
         v->assign(n * n, 0.0);
@@ -469,8 +469,9 @@ TEST(StructuredJacobi, EveryKernelSetMatchesTheElementWiseLoopBitForBit) {
             for (const auto& [name, shape] : shapes) {
                 const std::vector<double> a = symmetric(n, unsigned(n), shape);
                 std::vector<double> v_ref, vt;
-                const std::vector<double> d_ref = textbook_jacobi(a, n, &v_ref);
-                const std::vector<double> d = jacobi_real(a, n, double(n) * 2.220446049250313e-16, &vt, kernels);
+                const double tol = hermitian_tolerance<double>(n);
+                const std::vector<double> d_ref = textbook_jacobi(a, n, &v_ref, tol);
+                const std::vector<double> d = jacobi_real(a, n, tol, &vt, kernels);
                 const std::string where = std::string(kernels.name) + " n=" + std::to_string(n) + " " + name;
                 ASSERT_EQ(d.size(), n) << where;
                 EXPECT_EQ(std::memcmp(d.data(), d_ref.data(), n * sizeof(double)), 0) << where;
@@ -479,9 +480,35 @@ TEST(StructuredJacobi, EveryKernelSetMatchesTheElementWiseLoopBitForBit) {
                     for (u64 p = 0; p < n; ++p) same = same && std::bit_cast<std::uint64_t>(vt[p * n + k]) ==
                                                                    std::bit_cast<std::uint64_t>(v_ref[k * n + p]);
                 EXPECT_TRUE(same) << where;
-                const std::vector<double> values_only = jacobi_real(a, n, double(n) * 2.220446049250313e-16, nullptr, kernels);
+                const std::vector<double> values_only = jacobi_real(a, n, tol, nullptr, kernels);
                 EXPECT_EQ(std::memcmp(values_only.data(), d.data(), n * sizeof(double)), 0) << where;
             }
+}
+
+// The public entry points: single precision runs the same loop widened, with its own tolerance;
+// values come out ascending and vector i is column i in either layout.
+TYPED_TEST(StructuredTyped, RealEighIsTheSortedLoopResultInBothLayouts) {
+    using C = TypeParam;
+    if constexpr (std::is_same_v<C, RealOf<C>>) {
+        const u64 n = 23;
+        const std::vector<double> wide =
+            symmetric(n, 3, [](u64, u64, double r) { return static_cast<double>(static_cast<C>(r)); });
+        std::vector<double> v_ref;
+        const std::vector<double> d_ref = textbook_jacobi(wide, n, &v_ref, hermitian_tolerance<C>(n));
+        std::vector<u64> order(n);
+        std::iota(order.begin(), order.end(), u64(0));
+        std::stable_sort(order.begin(), order.end(), [&](u64 x, u64 y) { return d_ref[x] < d_ref[y]; });
+        for (MatrixLayout layout : kLayouts) {
+            const Matrix<C> a = build<C>(n, layout, [&](u64 i, u64 j) { return static_cast<C>(wide[i * n + j]); });
+            std::vector<C> w(n);
+            Matrix<C> v{{n, n, layout}, std::vector<C>(n * n)};
+            eigh(a.data.data(), a.g, w.data(), v.p(), v.g);
+            for (u64 i = 0; i < n; ++i) {
+                EXPECT_EQ(w[i], static_cast<C>(d_ref[order[i]])) << i;
+                for (u64 k = 0; k < n; ++k) EXPECT_EQ(v(k, i), static_cast<C>(v_ref[k * n + order[i]])) << i << ", " << k;
+            }
+        }
+    }
 }
 
 TEST(StructuredJacobi, OverflowingEigenvalueIsReported) {

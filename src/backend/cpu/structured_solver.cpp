@@ -215,9 +215,9 @@ inline void rotate_complex(W* x, W* y, std::uint64_t n, RealOf<W> c, const W& s)
     }
 }
 
-// Cyclic Jacobi on the row-major Hermitian working copy w (the complex instances; real ones run
-// jacobi_real). Returns the diagonal after
-// convergence; vt (when non-null) receives the eigenvectors transposed (row p = vector p).
+// Cyclic Jacobi on the row-major Hermitian working copy w of a complex instance (real ones run
+// jacobi_real). Returns the diagonal after convergence; vt (when non-null) receives the
+// eigenvectors transposed (row p = vector p).
 //
 // The matrix is kept by columns (m[q*ld + k] = a(k, q)) so that the rotation of columns p and q
 // runs over contiguous memory; the rows are restored by mirroring, as late as the reads allow:
