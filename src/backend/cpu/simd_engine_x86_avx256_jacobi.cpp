@@ -1,14 +1,9 @@
-// Products and sums stay separately rounded, as in the portable kernels.
-#if defined(__clang__)
-#pragma clang fp contract(off)
-#else
-#pragma GCC optimize("fp-contract=off")
-#endif
 // AVX2 kernels of the real Jacobi sweep.
+#include "backend/cpu/structured_solver_jacobi_body.hpp"
+
 #include <immintrin.h>
 
 #include "backend/cpu/simd_traits_x86_avx256.hpp"
-#include "backend/cpu/structured_solver_jacobi_body.hpp"
 
 namespace quillmark::cpu {
 namespace {

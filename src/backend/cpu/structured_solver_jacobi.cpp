@@ -1,17 +1,12 @@
-// Products and sums stay separately rounded whatever instruction set the build targets.
-#if defined(__clang__)
-#pragma clang fp contract(off)
-#else
-#pragma GCC optimize("fp-contract=off")
-#endif
-#include "backend/cpu/structured_solver_jacobi.hpp"
+// The body comes first: it keeps products and sums separately rounded for all of this unit.
+#include "backend/cpu/structured_solver_jacobi_body.hpp"
 
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
 #include <string>
 
-#include "backend/cpu/structured_solver_jacobi_body.hpp"
+#include "backend/cpu/structured_solver_jacobi.hpp"
 #include "core/errors.hpp"
 #include "runtime/simd_selection.hpp"
 

@@ -1,8 +1,14 @@
 #pragma once
 // Bodies of the Jacobi kernels over a vector description `V` (lanes, load/store with partial
-// forms, mul/add/sub, a lanes x lanes transpose, lane masks and blend). Included only by
-// translation units compiled with -ffp-contract=off semantics, so that x*c - y*s stays two
-// rounded products and a rounded difference in the scalar remainders as in the vector lanes.
+// forms, mul/add/sub, a lanes x lanes transpose, lane masks and blend). Included first by the
+// translation units that instantiate them: from here on products and sums stay separately
+// rounded (x*c - y*s is two rounded products and a rounded difference in every variant, scalar
+// remainders included), whatever instruction set the unit is built for.
+#if defined(__clang__)
+#pragma clang fp contract(off)
+#else
+#pragma GCC optimize("fp-contract=off")
+#endif
 #include <algorithm>
 #include <cstdint>
 
@@ -157,23 +163,13 @@ template <class V> void apply_run_pair(double* panel, const JacobiSweepRecord& r
         for (u64 v = 0; v < N; ++v) rotate<V>(x0[v], x1[v], cv, sv);
         ++i;
     }
-    auto first = [&](u64 at) {
+    auto single = [&](typename V::vector (&x)[N], u64 at) {
         const typename V::vector cv = V::set1(c[at]), sv = V::set1(s[at]);
         double* const y = panel + u64(q[at]) * R;
 #pragma GCC unroll 8
         for (u64 v = 0; v < N; ++v) {
             typename V::vector yv = V::load(y + v * L);
-            rotate<V>(x0[v], yv, cv, sv);
-            V::store(y + v * L, yv);
-        }
-    };
-    auto second = [&](u64 at) {
-        const typename V::vector cv = V::set1(c[at]), sv = V::set1(s[at]);
-        double* const y = panel + u64(q[at]) * R;
-#pragma GCC unroll 8
-        for (u64 v = 0; v < N; ++v) {
-            typename V::vector yv = V::load(y + v * L);
-            rotate<V>(x1[v], yv, cv, sv);
+            rotate<V>(x[v], yv, cv, sv);
             V::store(y + v * L, yv);
         }
     };
@@ -192,13 +188,13 @@ template <class V> void apply_run_pair(double* panel, const JacobiSweepRecord& r
             ++i;
             ++j;
         } else if (q[i] < q[j]) {
-            first(i++);
+            single(x0, i++);
         } else {
-            second(j++);
+            single(x1, j++);
         }
     }
-    for (; i < i_end; ++i) first(i);
-    for (; j < j_end; ++j) second(j);
+    for (; i < i_end; ++i) single(x0, i);
+    for (; j < j_end; ++j) single(x1, j);
     for (u64 v = 0; v < N; ++v) {
         V::store(panel + p * R + v * L, x0[v]);
         V::store(panel + (p + 1) * R + v * L, x1[v]);
