@@ -141,6 +141,20 @@ void rotate_above(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
     }
 }
 
+// Rotation (p, q) of every panel row: x holds the panel's column p.
+template <class V>
+inline void rotate_panel_column(double* panel, typename V::vector (&x)[kJacobiPanelRows / V::lanes], u64 q, double c,
+                                double s) noexcept {
+    const typename V::vector cv = V::set1(c), sv = V::set1(s);
+    double* const y = panel + q * kJacobiPanelRows;
+#pragma GCC unroll 16
+    for (u64 v = 0; v < kJacobiPanelRows / V::lanes; ++v) {
+        typename V::vector yv = V::load(y + v * V::lanes);
+        rotate<V>(x[v], yv, cv, sv);
+        V::store(y + v * V::lanes, yv);
+    }
+}
+
 // Runs p and p+1 (every row taking part) in one pass over the panel: column q takes (p, q) and
 // then (p+1, q), the order each column sees anyway, and is loaded once for both. Column p+1
 // leaves run p at its first rotation and stays in registers for run p+1.
@@ -163,16 +177,6 @@ template <class V> void apply_run_pair(double* panel, const JacobiSweepRecord& r
         for (u64 v = 0; v < N; ++v) rotate<V>(x0[v], x1[v], cv, sv);
         ++i;
     }
-    auto single = [&](typename V::vector (&x)[N], u64 at) {
-        const typename V::vector cv = V::set1(c[at]), sv = V::set1(s[at]);
-        double* const y = panel + u64(q[at]) * R;
-#pragma GCC unroll 8
-        for (u64 v = 0; v < N; ++v) {
-            typename V::vector yv = V::load(y + v * L);
-            rotate<V>(x[v], yv, cv, sv);
-            V::store(y + v * L, yv);
-        }
-    };
     while (i < i_end && j < j_end) {
         if (q[i] == q[j]) {
             const typename V::vector c0 = V::set1(c[i]), s0 = V::set1(s[i]);
@@ -188,13 +192,15 @@ template <class V> void apply_run_pair(double* panel, const JacobiSweepRecord& r
             ++i;
             ++j;
         } else if (q[i] < q[j]) {
-            single(x0, i++);
+            rotate_panel_column<V>(panel, x0, q[i], c[i], s[i]);
+            ++i;
         } else {
-            single(x1, j++);
+            rotate_panel_column<V>(panel, x1, q[j], c[j], s[j]);
+            ++j;
         }
     }
-    for (; i < i_end; ++i) single(x0, i);
-    for (; j < j_end; ++j) single(x1, j);
+    for (; i < i_end; ++i) rotate_panel_column<V>(panel, x0, q[i], c[i], s[i]);
+    for (; j < j_end; ++j) rotate_panel_column<V>(panel, x1, q[j], c[j], s[j]);
     for (u64 v = 0; v < N; ++v) {
         V::store(panel + p * R + v * L, x0[v]);
         V::store(panel + (p + 1) * R + v * L, x1[v]);
@@ -222,16 +228,7 @@ void apply_panel(double* panel, const JacobiSweepRecord& rec, u64 first_run, std
         const std::int64_t live = first_row < 0 ? std::int64_t(kJacobiPanelRows)
                                                 : std::int64_t(p) - first_row;
         if (live >= std::int64_t(kJacobiPanelRows)) {
-            for (u64 i = begin; i < end; ++i) {
-                const typename V::vector c = V::set1(rec.c[i]), s = V::set1(rec.s[i]);
-                double* const yq = panel + u64(rec.q[i]) * kJacobiPanelRows;
-#pragma GCC unroll 16
-                for (u64 v = 0; v < N; ++v) {
-                    typename V::vector y = V::load(yq + v * L);
-                    rotate<V>(x[v], y, c, s);
-                    V::store(yq + v * L, y);
-                }
-            }
+            for (u64 i = begin; i < end; ++i) rotate_panel_column<V>(panel, x, rec.q[i], rec.c[i], rec.s[i]);
         } else {
             typename V::mask on[N];
             for (u64 v = 0; v < N; ++v) on[v] = V::lanes_below(live - std::int64_t(v * L));
