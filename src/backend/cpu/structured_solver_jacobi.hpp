@@ -52,8 +52,9 @@ struct JacobiKernelSet {
     void (*rotate_above)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiBlock& block,
                          std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
     // Applies runs first_run ... of the record to a panel of kJacobiPanelRows rows stored
-    // panel[j * 16 + r] = row r, column j. With first_row >= 0 row r takes part in run p only
-    // when first_row + r < p (the head rows, whose runs begin after their own pivot).
+    // panel[j * kJacobiPanelRows + r] = row r, column j. With first_row >= 0 row r takes part in
+    // run p only when first_row + r < p (the head rows, whose runs begin after their own pivot).
+    // Two consecutive runs in which every row takes part go in one pass.
     void (*apply_panel)(double* panel, const JacobiSweepRecord& record, std::uint64_t first_run,
                         std::int64_t first_row) noexcept = nullptr;
 };
