@@ -114,8 +114,10 @@ std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, d
             record.run_start[p] = record.q.size();
             double* const x = m + p * ld;
             double app = diag[p];
-            for (u64 q0 = p + 1; q0 < n; q0 += kJacobiBlockWidth) {
-                const u64 q1 = std::min(n, q0 + kJacobiBlockWidth);
+            // Blocks end on multiples of the width, so that the rows a block reads from each
+            // column above it are one cache line, the next block's the next line.
+            for (u64 q0 = p + 1, q1; q0 < n; q0 = q1) {
+                q1 = std::min(n, (q0 / kJacobiBlockWidth + 1) * kJacobiBlockWidth);
                 bool any = false;
                 for (u64 q = q0; q < q1; ++q) {
                     const u64 t = q - q0;
