@@ -41,45 +41,32 @@ void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
         cv[t] = V::set1(b.c[t]);
         sv[t] = V::set1(b.s[t]);
     }
-    // G vectors of rows at once: each carries its own chain of dependent rotations.
+    // G vectors of rows at once: each carries its own chain of dependent rotations. The last
+    // rows go through the vector path too (partial loads), never through contractible scalars.
     constexpr u64 G = 3;
-    u64 k = k_begin;
-    for (; k + G * L <= k_end; k += G * L) {
-        typename V::vector xv[G];
-        for (u64 g = 0; g < G; ++g) xv[g] = V::load(x + k + g * L);
+    auto rows = [&]<u64 N, bool Full>(u64 k0, int count) {
+        auto load = [&](const double* at) { return Full ? V::load(at) : V::load_partial(at, count); };
+        auto store = [&](double* at, typename V::vector v) {
+            if constexpr (Full) V::store(at, v);
+            else V::store_partial(at, v, count);
+        };
+        typename V::vector xv[N];
+        for (u64 g = 0; g < N; ++g) xv[g] = load(x + k0 + g * L);
         for (u64 t = 0; t < b.width; ++t) {
             if (!b.active[t]) continue;
-            double* const e = m + (b.q0 + t) * ld + k;
-            for (u64 g = 0; g < G; ++g) {
-                typename V::vector ev = V::load(e + g * L);
+            double* const e = m + (b.q0 + t) * ld + k0;
+            for (u64 g = 0; g < N; ++g) {
+                typename V::vector ev = load(e + g * L);
                 rotate<V>(xv[g], ev, cv[t], sv[t]);
-                V::store(e + g * L, ev);
+                store(e + g * L, ev);
             }
         }
-        for (u64 g = 0; g < G; ++g) V::store(x + k + g * L, xv[g]);
-    }
-    for (; k + L <= k_end; k += L) {
-        typename V::vector xv = V::load(x + k);
-        for (u64 t = 0; t < b.width; ++t) {
-            if (!b.active[t]) continue;
-            double* const e = m + (b.q0 + t) * ld + k;
-            typename V::vector ev = V::load(e);
-            rotate<V>(xv, ev, cv[t], sv[t]);
-            V::store(e, ev);
-        }
-        V::store(x + k, xv);
-    }
-    if (k == k_end) return;
-    const int count = static_cast<int>(k_end - k);
-    typename V::vector xv = V::load_partial(x + k, count);
-    for (u64 t = 0; t < b.width; ++t) {
-        if (!b.active[t]) continue;
-        double* const e = m + (b.q0 + t) * ld + k;
-        typename V::vector ev = V::load_partial(e, count);
-        rotate<V>(xv, ev, cv[t], sv[t]);
-        V::store_partial(e, ev, count);
-    }
-    V::store_partial(x + k, xv, count);
+        for (u64 g = 0; g < N; ++g) store(x + k0 + g * L, xv[g]);
+    };
+    u64 k = k_begin;
+    for (; k + G * L <= k_end; k += G * L) rows.template operator()<G, true>(k, int(L));
+    for (; k + L <= k_end; k += L) rows.template operator()<1, true>(k, int(L));
+    if (k < k_end) rows.template operator()<1, false>(k, int(k_end - k));
 }
 
 template <class V>
