@@ -286,26 +286,41 @@ TEST(EigenSolver, EmptyAndScalarMatrices) {
     EXPECT_EQ(principal, std::complex<float>(1));
 }
 
-// The vector rotation of the QR sweeps gives the bits of the scalar formula, tail included.
-TEST(EigenRotation, VectorRotationMatchesScalarFormula) {
+// The vector rotation chains of the QR sweeps agree with the plain formula applied rotation by
+// rotation, along rows (contiguous elements) and down columns (gathered elements), tails included.
+TEST(EigenRotation, VectorChainMatchesSequentialRotations) {
     if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
     std::mt19937 gen(5);
     std::normal_distribution<double> dist;
-    for (const Index n : {Index(1), Index(2), Index(7)}) {
-        std::vector<Zd> x(n), y(n);
-        for (Index i = 0; i < n; ++i) x[i] = {dist(gen), dist(gen)}, y[i] = {dist(gen), dist(gen)};
-        const double c = 0.6;
-        const Zd s1(0.48, -0.64 / 3), s2 = std::conj(s1);
-        std::vector<Zd> ex(n), ey(n);
-        for (Index i = 0; i < n; ++i) {
-            const Zd p(s1.real() * y[i].real() - s1.imag() * y[i].imag(), s1.real() * y[i].imag() + s1.imag() * y[i].real());
-            const Zd q(s2.real() * x[i].real() - s2.imag() * x[i].imag(), s2.real() * x[i].imag() + s2.imag() * x[i].real());
-            ex[i] = c * x[i] + p;
-            ey[i] = c * y[i] - q;
+    const Index lines = 6, count = lines - 1;
+    for (const bool along_rows : {true, false})
+        for (const Index length : {Index(1), Index(2), Index(7), Index(8), Index(19), Index(35)}) {
+            // A (lines x length) block inside a wider buffer: rows of ld elements.
+            const Index ld = (along_rows ? length : lines) + 3;
+            const Index line_stride = along_rows ? ld : 1, element_stride = along_rows ? 1 : ld;
+            std::vector<Zd> got((along_rows ? lines : length) * ld);
+            for (Zd& e : got) e = {dist(gen), dist(gen)};
+            std::vector<double> c(count);
+            std::vector<Zd> s(count);
+            for (Index k = 0; k < count; ++k) {
+                const Zd x(dist(gen), dist(gen)), y(dist(gen), dist(gen));
+                const double rho = std::sqrt(std::norm(x) + std::norm(y));
+                c[k] = std::abs(x) / rho;
+                s[k] = x / std::abs(x) * std::conj(y) / rho;
+            }
+            std::vector<Zd> want = got;
+            for (Index k = 0; k < count; ++k)
+                for (Index e = 0; e < length; ++e) {
+                    Zd& x = want[k * line_stride + e * element_stride];
+                    Zd& y = want[(k + 1) * line_stride + e * element_stride];
+                    const Zd a = x;
+                    x = c[k] * a + s[k] * y;
+                    y = c[k] * y - std::conj(s[k]) * a;
+                }
+            complex_rotate_chain_avx2(reinterpret_cast<double*>(got.data()), line_stride, element_stride, length, count,
+                                      c.data(), reinterpret_cast<const double*>(s.data()));
+            for (Index i = 0; i < got.size(); ++i)
+                ASSERT_LT(std::abs(got[i] - want[i]), 16 * eps_of<double>() * (1 + std::abs(want[i])))
+                    << along_rows << " " << length << " " << i;
         }
-        const double a1[2] = {s1.real(), s1.imag()}, a2[2] = {s2.real(), s2.imag()};
-        complex_rotate_avx2(reinterpret_cast<double*>(x.data()), reinterpret_cast<double*>(y.data()), n, c, a1, a2);
-        EXPECT_EQ(x, ex) << n;
-        EXPECT_EQ(y, ey) << n;
-    }
 }

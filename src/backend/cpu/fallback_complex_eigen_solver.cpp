@@ -5,8 +5,10 @@
 #include <limits>
 #include <stdexcept>
 #include <string>
+#include <type_traits>
 #include <vector>
 
+#include "backend/cpu/gemm_sources.hpp"
 #include "core/errors.hpp"
 #include "runtime/simd_selection.hpp"
 
@@ -47,17 +49,33 @@ template <class C> inline Z widen(const C& v) noexcept {
         return {static_cast<double>(v), 0.0};
 }
 
+// Real inputs keep their balancing and Hessenberg reduction real (a quarter of the complex
+// work; Q stays real), so these helpers take T = double as well as Z.
+inline double re_of(double v) noexcept { return v; }
+inline double re_of(const Z& v) noexcept { return v.real(); }
+inline double im_of(double) noexcept { return 0; }
+inline double im_of(const Z& v) noexcept { return v.imag(); }
+inline double conj_of(double v) noexcept { return v; }
+inline Z conj_of(const Z& v) noexcept { return std::conj(v); }
+inline double zmul(double a, double b) noexcept { return a * b; }
+inline double zmul_conj(double a, double b) noexcept { return a * b; }
+inline double abs1(double a) noexcept { return std::fabs(a); }
+template <class T> T from_parts(double re, double im) noexcept {
+    if constexpr (std::is_same_v<T, double>) return re;
+    else return T(re, im);
+}
+
 // Euclidean norm without overflow or destructive underflow.
-double norm2(const Z* v, std::uint64_t count, std::uint64_t stride = 1) noexcept {
+template <class T> double norm2(const T* v, std::uint64_t count, std::uint64_t stride = 1) noexcept {
     double scale = 0;
     for (std::uint64_t i = 0; i < count; ++i)
-        scale = std::max({scale, std::fabs(v[i * stride].real()), std::fabs(v[i * stride].imag())});
+        scale = std::max({scale, std::fabs(re_of(v[i * stride])), std::fabs(im_of(v[i * stride]))});
     if (scale == 0 || !std::isfinite(scale))
         return scale;
     double sum = 0;
     for (std::uint64_t i = 0; i < count; ++i) {
-        const double re = v[i * stride].real() / scale;
-        const double im = v[i * stride].imag() / scale;
+        const double re = re_of(v[i * stride]) / scale;
+        const double im = im_of(v[i * stride]) / scale;
         sum += re * re + im * im;
     }
     return scale * std::sqrt(sum);
@@ -71,7 +89,7 @@ inline Z unit_phase(const Z& v) noexcept {
 
 // Radix-two diagonal scaling d so that D^-1 A D has comparable row and column norms. Only exact
 // powers of two are applied, so the balanced matrix carries no rounding error.
-std::vector<double> balance(std::vector<Z>& h, std::uint64_t n, std::uint64_t maximum_sweeps) {
+template <class T> std::vector<double> balance(std::vector<T>& h, std::uint64_t n, std::uint64_t maximum_sweeps) {
     std::vector<double> d(n, 1.0);
     constexpr double kLimit = 0x1p400;
     for (std::uint64_t sweep = 0; sweep < maximum_sweeps; ++sweep) {
@@ -118,67 +136,103 @@ std::vector<double> balance(std::vector<Z>& h, std::uint64_t n, std::uint64_t ma
     return d;
 }
 
-// Householder reduction to upper Hessenberg form; zt accumulates the transposed similarity
-// (row m of zt is column m of Q, with Q^H A Q = H).
-void hessenberg(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n) {
-    std::vector<Z> v(n);
-    std::vector<Z> w(n);
+// rows[r*ld + i] -= (tau * sum_j rows[r*ld + j] * a[j]) * b[i] for r < count, i < m. Four rows at
+// a time give the dot products independent accumulators.
+template <class T>
+void reflect_rows(T* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m, const T* a, const T* b,
+                  const T& tau) noexcept {
+    std::uint64_t r = 0;
+    for (; r + 4 <= count; r += 4) {
+        T* p0 = rows + r * ld;
+        T* p1 = p0 + ld;
+        T* p2 = p1 + ld;
+        T* p3 = p2 + ld;
+        T s0{}, s1{}, s2{}, s3{};
+        for (std::uint64_t j = 0; j < m; ++j) {
+            s0 += zmul(p0[j], a[j]);
+            s1 += zmul(p1[j], a[j]);
+            s2 += zmul(p2[j], a[j]);
+            s3 += zmul(p3[j], a[j]);
+        }
+        s0 = zmul(tau, s0), s1 = zmul(tau, s1), s2 = zmul(tau, s2), s3 = zmul(tau, s3);
+        for (std::uint64_t i = 0; i < m; ++i) {
+            p0[i] -= zmul(s0, b[i]);
+            p1[i] -= zmul(s1, b[i]);
+            p2[i] -= zmul(s2, b[i]);
+            p3[i] -= zmul(s3, b[i]);
+        }
+    }
+    for (; r < count; ++r) {
+        T* p = rows + r * ld;
+        T s{};
+        for (std::uint64_t j = 0; j < m; ++j)
+            s += zmul(p[j], a[j]);
+        s = zmul(tau, s);
+        for (std::uint64_t i = 0; i < m; ++i)
+            p[i] -= zmul(s, b[i]);
+    }
+}
+
+// Householder reduction to upper Hessenberg form, Q^H A Q = H; zt receives Q transposed (row m of
+// zt is column m of Q), accumulated backwards from the stored reflectors so that each one only
+// touches the trailing block.
+template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::uint64_t n) {
+    std::vector<T> reflectors(n * n);
+    std::vector<T> taus(n, T(0));
+    std::vector<T> w(n);
+    std::vector<T> vc(n);
     for (std::uint64_t k = 0; k + 2 < n; ++k) {
         const std::uint64_t m = n - k - 1; // reflector length, rows k+1 .. n-1
-        const Z alpha = h[(k + 1) * n + k];
+        const T alpha = h[(k + 1) * n + k];
         const double tail = norm2(h.data() + (k + 2) * n + k, m - 1, n);
-        if (tail == 0 && alpha.imag() == 0)
+        if (tail == 0 && im_of(alpha) == 0)
             continue;
-        const double beta = -std::copysign(std::hypot(std::abs(alpha), tail), alpha.real());
-        const Z tau((beta - alpha.real()) / beta, -alpha.imag() / beta);
-        const Z scale = Z(1) / (alpha - beta);
+        const double beta = -std::copysign(std::hypot(std::abs(alpha), tail), re_of(alpha));
+        const T tau = from_parts<T>((beta - re_of(alpha)) / beta, -im_of(alpha) / beta);
+        const T scale = T(1) / (alpha - T(beta));
+        T* v = reflectors.data() + k * n;
+        taus[k] = tau;
         v[0] = 1;
         for (std::uint64_t i = 1; i < m; ++i)
             v[i] = zmul(h[(k + 1 + i) * n + k], scale);
         h[(k + 1) * n + k] = beta;
         for (std::uint64_t i = 1; i < m; ++i)
             h[(k + 1 + i) * n + k] = 0;
+        for (std::uint64_t i = 0; i < m; ++i)
+            vc[i] = conj_of(v[i]);
 
         // Left: H := (I - conj(tau) v v^H) H on rows k+1.., columns k+1..
         const std::uint64_t c0 = k + 1;
-        std::fill(w.begin() + c0, w.end(), Z(0));
+        std::fill(w.begin() + c0, w.end(), T(0));
         for (std::uint64_t i = 0; i < m; ++i) {
-            const Z* row = h.data() + (k + 1 + i) * n;
-            const Z vi = v[i];
+            const T* row = h.data() + (k + 1 + i) * n;
+            const T vi = v[i];
             for (std::uint64_t j = c0; j < n; ++j)
                 w[j] += zmul_conj(vi, row[j]);
         }
-        const Z ctau = std::conj(tau);
+        const T ctau = conj_of(tau);
         for (std::uint64_t i = 0; i < m; ++i) {
-            Z* row = h.data() + (k + 1 + i) * n;
-            const Z f = zmul(ctau, v[i]);
+            T* row = h.data() + (k + 1 + i) * n;
+            const T f = zmul(ctau, v[i]);
             for (std::uint64_t j = c0; j < n; ++j)
                 row[j] -= zmul(f, w[j]);
         }
         // Right: H := H (I - tau v v^H) on all rows, columns k+1..
-        for (std::uint64_t r = 0; r < n; ++r) {
-            Z* row = h.data() + r * n + c0;
-            Z s = 0;
-            for (std::uint64_t i = 0; i < m; ++i)
-                s += zmul(row[i], v[i]);
-            const Z f = zmul(tau, s);
-            for (std::uint64_t i = 0; i < m; ++i)
-                row[i] -= zmul(f, std::conj(v[i]));
-        }
-        // Q := Q (I - tau v v^H), i.e. rows k+1.. of zt.
-        std::fill(w.begin(), w.end(), Z(0));
-        for (std::uint64_t i = 0; i < m; ++i) {
-            const Z* row = zt.data() + (k + 1 + i) * n;
-            const Z vi = v[i];
-            for (std::uint64_t j = 0; j < n; ++j)
-                w[j] += zmul(vi, row[j]);
-        }
-        for (std::uint64_t i = 0; i < m; ++i) {
-            Z* row = zt.data() + (k + 1 + i) * n;
-            const Z f = zmul(tau, std::conj(v[i]));
-            for (std::uint64_t j = 0; j < n; ++j)
-                row[j] -= zmul(f, w[j]);
-        }
+        reflect_rows(h.data() + c0, n, n, m, v, vc.data(), tau);
+    }
+    // Q = P_0 P_1 ... built from the last reflector back; in zt's rows m >= k+1 the reflector k
+    // acts as Q := P_k Q on its trailing columns.
+    std::fill(zt.begin(), zt.end(), T(0));
+    for (std::uint64_t i = 0; i < n; ++i)
+        zt[i * n + i] = 1;
+    for (std::uint64_t k = n < 2 ? 0 : n - 2; k-- > 0;) {
+        if (taus[k] == T(0))
+            continue;
+        const std::uint64_t m = n - k - 1;
+        const T* v = reflectors.data() + k * n;
+        for (std::uint64_t i = 0; i < m; ++i)
+            vc[i] = conj_of(v[i]);
+        reflect_rows(zt.data() + (k + 1) * n + k + 1, n, m, m, vc.data(), v, taus[k]);
     }
 }
 
@@ -191,6 +245,15 @@ struct Rotation {
 inline Rotation make_rotation(const Z& x, const Z& y) noexcept {
     if (y == Z(0))
         return {1.0, Z(0), x};
+    const double xx = x.real() * x.real() + x.imag() * x.imag();
+    const double total = xx + y.real() * y.real() + y.imag() * y.imag();
+    if (xx > 0x1p-500 && total < 0x1p500) {
+        // Squares far from both ends of the range: plain square roots are exact enough.
+        const double ax = std::sqrt(xx);
+        const double rho = std::sqrt(total);
+        const Z phase(x.real() / ax, x.imag() / ax);
+        return {ax / rho, zmul(phase, std::conj(y) / rho), phase * rho};
+    }
     if (x == Z(0)) {
         const double ay = std::abs(y);
         return {0.0, std::conj(y) / ay, Z(ay)};
@@ -222,20 +285,29 @@ Z wilkinson_shift(const Z& a, const Z& b, const Z& c, const Z& d) {
     return d - u * (u / denominator);
 }
 
-// (x, y) <- (c x + s1 y, c y - s2 x) elementwise, vectorised where the processor allows; the
-// same bits either way.
-void rotate_rows(Z* x, Z* y, std::uint64_t n, double c, const Z& s1, const Z& s2) noexcept {
+// Rotation k (k < count) acts on lines k and k+1 in turn: (x, y) <- (c[k] x + s[k] y,
+// c[k] y - conj(s[k]) x). Line k starts at base[k * line_stride], its `length` elements lie
+// element_stride apart. Each element carries its line k+1 value from one rotation to the next, so
+// a whole sweep reads and writes every element once. Vectorised where the processor allows.
+void rotate_chain(Z* base, std::uint64_t line_stride, std::uint64_t element_stride, std::uint64_t length,
+                  std::uint64_t count, const double* c, const Z* s) noexcept {
+    if (count == 0 || length == 0)
+        return;
     static const bool vectorised = avx2_usable(probe_cpu_features());
     if (vectorised) {
-        const double a1[2] = {s1.real(), s1.imag()}, a2[2] = {s2.real(), s2.imag()};
-        complex_rotate_avx2(reinterpret_cast<double*>(x), reinterpret_cast<double*>(y), n, c, a1, a2);
+        complex_rotate_chain_avx2(reinterpret_cast<double*>(base), line_stride, element_stride, length, count, c,
+                                  reinterpret_cast<const double*>(s));
         return;
     }
-    for (std::uint64_t j = 0; j < n; ++j) {
-        const Z a = x[j];
-        const Z b = y[j];
-        x[j] = c * a + zmul(s1, b);
-        y[j] = c * b - zmul(s2, a);
+    for (std::uint64_t e = 0; e < length; ++e) {
+        Z* p = base + e * element_stride;
+        Z x = p[0];
+        for (std::uint64_t k = 0; k < count; ++k) {
+            const Z y = p[(k + 1) * line_stride];
+            p[k * line_stride] = c[k] * x + zmul(s[k], y);
+            x = c[k] * y - zmul(std::conj(s[k]), x);
+        }
+        p[count * line_stride] = x;
     }
 }
 
@@ -253,12 +325,40 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
     const std::uint64_t interval = std::max<std::uint64_t>(options.exceptional_shift_interval, 1);
     auto at = [&](std::uint64_t i, std::uint64_t j) -> Z& { return h[i * n + j]; };
 
-    struct Plane {
-        double c;
-        Z s;
+    // Rotations of recent sweeps (cosines, sines for rows (G) and for columns (G^H)) whose
+    // application to the Schur vectors and to the columns right of each sweep's window waits, so
+    // that several sweeps pass over the same cached columns. No later sweep reads those parts:
+    // windows only move up and left, and their own rotations touch columns up to their end.
+    struct Pending {
+        std::uint64_t l, hi, offset;
     };
-    std::vector<Plane> sweep;
-    sweep.reserve(n);
+    std::vector<Pending> pending;
+    std::vector<double> cs;
+    std::vector<Z> srow;
+    std::vector<Z> scol;
+    cs.reserve(4 * n);
+    srow.reserve(4 * n);
+    scol.reserve(4 * n);
+    auto flush = [&] {
+        constexpr std::uint64_t kWidth = 16;
+        for (std::uint64_t j0 = 0; j0 < n; j0 += kWidth) {
+            const std::uint64_t j1 = std::min(j0 + kWidth, n);
+            for (const Pending& p : pending) {
+                const std::uint64_t steps = p.hi - p.l;
+                rotate_chain(zt.data() + p.l * n + j0, n, 1, j1 - j0, steps, cs.data() + p.offset,
+                             scol.data() + p.offset);
+                const std::uint64_t start = std::max(j0, p.hi + 1);
+                if (start < j1)
+                    rotate_chain(h.data() + p.l * n + start, n, 1, j1 - start, steps, cs.data() + p.offset,
+                                 srow.data() + p.offset);
+            }
+        }
+        pending.clear();
+        cs.clear();
+        srow.clear();
+        scol.clear();
+    };
+    constexpr std::size_t kPendingSweeps = 8;
     std::uint64_t hi = n - 1;
     std::uint64_t its = 0;
     std::uint64_t exceptional = 0;
@@ -277,8 +377,10 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
         if (l > 0)
             at(l, l - 1) = 0;
         if (l == hi) {
-            if (hi == 0)
+            if (hi == 0) {
+                flush();
                 break;
+            }
             --hi;
             its = 0;
             continue;
@@ -299,7 +401,9 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
         } else {
             mu = wilkinson_shift(at(hi - 1, hi - 1), at(hi - 1, hi), at(hi, hi - 1), at(hi, hi));
         }
-        sweep.clear();
+        const std::uint64_t offset = cs.size();
+        // The bulge chase touches only the active window; everything outside it sees this sweep's
+        // rotations in one pass each afterwards.
         for (std::uint64_t k = l; k < hi; ++k) {
             Rotation g;
             if (k == l) {
@@ -312,8 +416,7 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
             const double c = g.c;
             const Z s = g.s;
             const Z sc = std::conj(s);
-            Z* rk = h.data() + k * n;
-            rotate_rows(rk + k, rk + n + k, n - k, c, s, sc);
+            rotate_chain(h.data() + k * n + k, n, 1, hi - k + 1, 1, &c, &s);
             // Rows k+1 and k+2 are read by the next steps; rows up to k only by later column
             // rotations, so theirs wait for the end of the sweep (below).
             const std::uint64_t last = std::min(k + 2, hi);
@@ -324,28 +427,28 @@ void schur(std::vector<Z>& h, std::vector<Z>& zt, std::uint64_t n, const EigenSo
                 row[k] = c * a + zmul(sc, b);
                 row[k + 1] = c * b - zmul(s, a);
             }
-            sweep.push_back({c, s});
-            Z* zk = zt.data() + k * n;
-            rotate_rows(zk, zk + n, n, c, sc, s);
+            cs.push_back(c);
+            srow.push_back(s);
+            scol.push_back(sc);
         }
-        // The waiting column rotations: row i takes those of steps max(l, i) .. hi-1 in order,
-        // after every row rotation that reaches it. Four rows go side by side, since each row's
-        // steps form one dependent chain.
-        constexpr std::uint64_t kRows = 4;
-        for (std::uint64_t i0 = 0; i0 < hi; i0 += kRows) {
-            for (std::uint64_t k = std::max(l, i0); k < hi; ++k) {
-                const double c = sweep[k - l].c;
-                const Z s = sweep[k - l].s;
-                const Z sc = std::conj(s);
-                for (std::uint64_t i = i0; i < std::min(i0 + kRows, std::min(hi, k + 1)); ++i) {
-                    Z* row = h.data() + i * n;
-                    const Z a = row[k];
-                    const Z b = row[k + 1];
-                    row[k] = c * a + zmul(sc, b);
-                    row[k + 1] = c * b - zmul(s, a);
-                }
-            }
+        const std::uint64_t steps = hi - l;
+        const double* c = cs.data() + offset;
+        const Z* sc = scol.data() + offset;
+        if (l > 0)
+            rotate_chain(h.data() + l, 1, n, l, steps, c, sc);
+        // Row i of the window waits for the column rotations of steps i .. hi-1. Rows go in blocks
+        // whose staggered starts run one by one until the block can share the remaining steps.
+        constexpr std::uint64_t kBlock = 8;
+        for (std::uint64_t i0 = l; i0 < hi; i0 += kBlock) {
+            const std::uint64_t i1 = std::min(i0 + kBlock, hi);
+            const std::uint64_t shared = i1 - 1;
+            for (std::uint64_t i = i0; i < shared; ++i)
+                rotate_chain(h.data() + i * n + i, 1, 1, 1, shared - i, c + (i - l), sc + (i - l));
+            rotate_chain(h.data() + i0 * n + shared, 1, n, i1 - i0, hi - shared, c + (shared - l), sc + (shared - l));
         }
+        pending.push_back({l, hi, offset});
+        if (pending.size() == kPendingSweeps)
+            flush();
     }
 }
 
@@ -353,11 +456,29 @@ struct Decomposition {
     std::uint64_t n = 0;
     int exponent = 0;        // the input is 2^exponent times `original`
     std::vector<Z> original; // row-major input in working precision, range-scaled
+    std::vector<double> original_real; // the same, for real inputs only
     std::vector<Z> t;        // Schur form, row-major
     std::vector<Z> zt;       // Schur vectors, row m = vector m
     std::vector<double> scaling;
     double norm = 0; // Frobenius norm of the input
 };
+
+// Balancing and Hessenberg reduction in T, then the shifted QR in complex working storage.
+template <class T>
+void reduce(Decomposition& dec, std::vector<T> h, const EigenSolverOptions& options, const Names& names) {
+    const std::uint64_t n = dec.n;
+    dec.scaling = balance(h, n, options.maximum_balance_sweeps);
+    std::vector<T> zt(n * n);
+    hessenberg(h, zt, n);
+    if constexpr (std::is_same_v<T, Z>) {
+        dec.t = std::move(h);
+        dec.zt = std::move(zt);
+    } else {
+        dec.t.assign(h.begin(), h.end());
+        dec.zt.assign(zt.begin(), zt.end());
+    }
+    schur(dec.t, dec.zt, n, options, names);
+}
 
 template <class C>
 Decomposition decompose(const C* a, const MatrixGeometry& g, const EigenSolverOptions& options,
@@ -388,26 +509,27 @@ Decomposition decompose(const C* a, const MatrixGeometry& g, const EigenSolverOp
             v = Z(std::scalbn(v.real(), -dec.exponent), std::scalbn(v.imag(), -dec.exponent));
     }
     dec.norm = norm2(dec.original.data(), n * n);
-    dec.t = dec.original;
-    dec.scaling = balance(dec.t, n, options.maximum_balance_sweeps);
-    dec.zt.assign(n * n, Z(0));
-    for (std::uint64_t i = 0; i < n; ++i)
-        dec.zt[i * n + i] = 1;
-    hessenberg(dec.t, dec.zt, n);
-    schur(dec.t, dec.zt, n, options, names);
+    if constexpr (IsComplex<C>::value) {
+        reduce<Z>(dec, dec.original, options, names);
+    } else {
+        dec.original_real.resize(n * n);
+        for (std::uint64_t i = 0; i < n * n; ++i)
+            dec.original_real[i] = dec.original[i].real();
+        reduce<double>(dec, dec.original_real, options, names);
+    }
     return dec;
 }
 
-// Unit right eigenvector k of the original matrix: back substitution on the Schur form, the
-// Schur vectors, then the balancing scale.
-void eigenvector(const Decomposition& dec, std::uint64_t k, std::vector<Z>& y, Z* out) {
+// Upper-triangular solve (T - lambda_k I) y = 0 with y[k] = 1 on the Schur form; y[m] for m > k
+// is zero. Components are rescaled as a whole when they grow too large.
+void back_substitute(const Decomposition& dec, std::uint64_t k, Z* y) {
     const std::uint64_t n = dec.n;
     const std::vector<Z>& t = dec.t;
     const Z lambda = t[k * n + k];
     const double small = std::numeric_limits<double>::min() * (static_cast<double>(n) / kEpsilon);
     const double smin = std::max(kEpsilon * abs1(lambda), small);
     constexpr double kBig = 0x1p500;
-    y.assign(k + 1, Z(0));
+    std::fill(y, y + n, Z(0));
     y[k] = 1;
     for (std::uint64_t j = k; j-- > 0;) {
         const Z* row = t.data() + j * n;
@@ -425,6 +547,25 @@ void eigenvector(const Decomposition& dec, std::uint64_t k, std::vector<Z>& y, Z
                 y[m] *= f;
         }
     }
+}
+
+// Balance reversal and unit Euclidean norm of one vector of the balanced problem.
+void finish_vector(const Decomposition& dec, Z* out) {
+    const std::uint64_t n = dec.n;
+    for (std::uint64_t r = 0; r < n; ++r)
+        out[r] *= dec.scaling[r];
+    const double norm = norm2(out, n);
+    if (norm > 0 && std::isfinite(norm))
+        for (std::uint64_t r = 0; r < n; ++r)
+            out[r] /= norm;
+}
+
+// Unit right eigenvector k of the original matrix: back substitution on the Schur form, the
+// Schur vectors, then the balancing scale.
+void eigenvector(const Decomposition& dec, std::uint64_t k, std::vector<Z>& y, Z* out) {
+    const std::uint64_t n = dec.n;
+    y.resize(n);
+    back_substitute(dec, k, y.data());
     std::fill(out, out + n, Z(0));
     for (std::uint64_t m = 0; m <= k; ++m) {
         const Z ym = y[m];
@@ -434,31 +575,70 @@ void eigenvector(const Decomposition& dec, std::uint64_t k, std::vector<Z>& y, Z
         for (std::uint64_t r = 0; r < n; ++r)
             out[r] += zmul(ym, z[r]);
     }
-    for (std::uint64_t r = 0; r < n; ++r)
-        out[r] *= dec.scaling[r];
-    const double norm = norm2(out, n);
-    if (norm > 0 && std::isfinite(norm))
-        for (std::uint64_t r = 0; r < n; ++r)
-            out[r] /= norm;
+    finish_vector(dec, out);
 }
 
-// ||A v - lambda v|| / (||A||_F ||v||) within the tolerance (a zero matrix passes trivially);
-// lambda is an eigenvalue of the unscaled input.
-bool residual_acceptable(const Decomposition& dec, const Z& unscaled_lambda, const Z* v, double tolerance,
-                         std::vector<Z>& r) {
+using ZLoader = InterleavedComplexLoader<Z, double>;
+
+// basis[k*n + r] = sum_m y[k*n + m] * zt[m*n + r], i.e. every back-substituted vector taken
+// through the Schur vectors in one product.
+void through_schur_vectors(const Decomposition& dec, const std::vector<Z>& y, std::vector<Z>& basis) {
+    const std::uint64_t n = dec.n;
+    const ComplexLeftSource<ZLoader, double> left{{y.data(), n, 1}, false};
+    const ComplexRightSource<ZLoader, double> right{{dec.zt.data(), 1, n}};
+    gemm<double>(n, 2 * n, 2 * n, left.packer(), right.packer(), reinterpret_cast<double*>(basis.data()), 2 * n,
+                 nullptr);
+}
+
+// Real view of the vectors for the product with a real matrix: line 2j + t is part t of vector j.
+struct VectorPartsSource {
+    const double* p = nullptr; // vector j at p[2 * j * n ..)
+    std::uint64_t n = 0;
+    static void pack(const void* self, double* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
+                     std::uint64_t depth, std::uint64_t width) {
+        const auto& s = *static_cast<const VectorPartsSource*>(self);
+        for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
+            const std::uint64_t w = std::min(width, lines - q);
+            for (std::uint64_t d = 0; d < depth; ++d) {
+                double* o = dst + d * width;
+                for (std::uint64_t l = 0; l < w; ++l) {
+                    const std::uint64_t line = l0 + q + l;
+                    o[l] = s.p[2 * ((line / 2) * s.n + d0 + d) + line % 2];
+                }
+                std::fill(o + w, o + width, 0.0);
+            }
+        }
+    }
+    GemmPacker<double> packer() const { return {&pack, this}; }
+};
+
+// product[i*n + j] = (A v_j)(i) for the range-scaled input A and the vectors of `basis`.
+void apply_original(const Decomposition& dec, const std::vector<Z>& basis, std::vector<Z>& product) {
+    const std::uint64_t n = dec.n;
+    double* c = reinterpret_cast<double*>(product.data());
+    if (!dec.original_real.empty()) {
+        const RealPanelSource<double, double> left{dec.original_real.data(), n, 1};
+        const VectorPartsSource right{reinterpret_cast<const double*>(basis.data()), n};
+        gemm<double>(n, 2 * n, n, left.packer(), right.packer(), c, 2 * n, nullptr);
+        return;
+    }
+    const ComplexLeftSource<ZLoader, double> left{{dec.original.data(), n, 1}, false};
+    const ComplexRightSource<ZLoader, double> right{{basis.data(), n, 1}};
+    gemm<double>(n, 2 * n, 2 * n, left.packer(), right.packer(), c, 2 * n, nullptr);
+}
+
+// ||r|| / (||A||_F ||v||) within the tolerance for r = A v - lambda v (a zero matrix passes
+// trivially); lambda is an eigenvalue of the unscaled input, av[i * stride] = (A v)(i).
+bool residual_acceptable(const Decomposition& dec, const Z& unscaled_lambda, const Z* v, const Z* av,
+                         std::uint64_t stride, double tolerance, std::vector<Z>& r) {
     const std::uint64_t n = dec.n;
     if (dec.norm == 0)
         return true;
     const Z lambda(std::scalbn(unscaled_lambda.real(), -dec.exponent),
                    std::scalbn(unscaled_lambda.imag(), -dec.exponent));
     r.resize(n);
-    for (std::uint64_t i = 0; i < n; ++i) {
-        const Z* row = dec.original.data() + i * n;
-        Z s = 0;
-        for (std::uint64_t j = 0; j < n; ++j)
-            s += zmul(row[j], v[j]);
-        r[i] = s - zmul(lambda, v[i]);
-    }
+    for (std::uint64_t i = 0; i < n; ++i)
+        r[i] = av[i * stride] - zmul(lambda, v[i]);
     const double residual = norm2(r.data(), n) / (dec.norm * norm2(v, n));
     return residual <= tolerance;
 }
@@ -504,20 +684,29 @@ void eig(const C* a, const MatrixGeometry& g, EigenComplexOf<C>* values, EigenCo
     using Out = EigenComplexOf<C>;
     const Decomposition dec = decompose(a, g, options, kEigNames);
     const std::uint64_t n = dec.n;
-    // Results are checked as they will be returned, i.e. after rounding to the output precision.
+    if (n == 0)
+        return;
     std::vector<Z> lambda(n);
-    std::vector<Z> basis(n * n);
-    std::vector<Z> y;
-    std::vector<Z> r;
+    std::vector<Z> y(n * n);
     for (std::uint64_t k = 0; k < n; ++k) {
         lambda[k] = eigenvalue<Out>(dec, k, kEigNames);
+        back_substitute(dec, k, y.data() + k * n);
+    }
+    std::vector<Z> basis(n * n);
+    through_schur_vectors(dec, y, basis);
+    // Results are checked as they will be returned, i.e. after rounding to the output precision.
+    for (std::uint64_t k = 0; k < n; ++k) {
         Z* v = basis.data() + k * n;
-        eigenvector(dec, k, y, v);
+        finish_vector(dec, v);
         for (std::uint64_t i = 0; i < n; ++i)
             v[i] = round_through<Out>(v[i]);
-        if (!residual_acceptable(dec, lambda[k], v, options.residual_tolerance, r))
-            throw_residual(kEigNames);
     }
+    std::vector<Z>& av = y; // the triangular factor is no longer needed
+    apply_original(dec, basis, av);
+    std::vector<Z> r;
+    for (std::uint64_t k = 0; k < n; ++k)
+        if (!residual_acceptable(dec, lambda[k], basis.data() + k * n, av.data() + k, n, options.residual_tolerance, r))
+            throw_residual(kEigNames);
     const MatrixGeometry out{n, n, vector_layout};
     for (std::uint64_t k = 0; k < n; ++k) {
         values[k] = Out(lambda[k]);
@@ -578,7 +767,15 @@ void principal_eigenvector(const C* a, const MatrixGeometry& g, C* vector,
         }
     }
     const Z lambda = eigenvalue<EigenComplexOf<C>>(dec, best, kPrincipalNames);
-    if (!residual_acceptable(dec, lambda, v.data(), options.residual_tolerance, r))
+    std::vector<Z> av(n);
+    for (std::uint64_t i = 0; i < n; ++i) {
+        const Z* row = dec.original.data() + i * n;
+        Z sum = 0;
+        for (std::uint64_t j = 0; j < n; ++j)
+            sum += zmul(row[j], v[j]);
+        av[i] = sum;
+    }
+    if (!residual_acceptable(dec, lambda, v.data(), av.data(), 1, options.residual_tolerance, r))
         throw_residual(kPrincipalNames);
     std::copy(result.begin(), result.end(), vector);
 }

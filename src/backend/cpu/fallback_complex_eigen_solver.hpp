@@ -55,12 +55,15 @@ void eig(const C* matrix, const MatrixGeometry& geometry, EigenComplexOf<C>* val
 // `solver_failure` "principal_eigenvector - dominant eigenvalue is not unique" (detail
 // "dominant eigenvalue magnitude is repeated") when another eigenvalue's magnitude lies within
 // 10 * convergence_tolerance (relative) of the largest.
-// (x, y) <- (c x + s1 y, c y - s2 x) over n interleaved complex doubles, each product rounded on
-// its own; s1 and s2 point at (re, im). AVX2 only: call after the processor check.
-void complex_rotate_avx2(double* x, double* y, std::uint64_t n, double c, const double* s1, const double* s2) noexcept;
-
 template <class C>
 void principal_eigenvector(const C* matrix, const MatrixGeometry& geometry, C* vector,
                            const EigenSolverOptions& options = default_eigen_options<C>());
+
+// Rotation k < count acts on complex lines k and k+1 in turn: (x, y) <- (c[k] x + s[k] y,
+// c[k] y - conj(s[k]) x), s[k] at (s[2k], s[2k+1]). Line k starts at complex offset
+// k * line_stride of base; its `length` elements lie element_stride complex numbers apart.
+// Products are fused into their sums. AVX2 and FMA only: call after the processor check.
+void complex_rotate_chain_avx2(double* base, std::uint64_t line_stride, std::uint64_t element_stride,
+                               std::uint64_t length, std::uint64_t count, const double* c, const double* s) noexcept;
 
 } // namespace quillmark::cpu
