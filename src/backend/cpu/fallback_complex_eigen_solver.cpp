@@ -136,104 +136,228 @@ template <class T> std::vector<double> balance(std::vector<T>& h, std::uint64_t 
     return d;
 }
 
-// rows[r*ld + i] -= (tau * sum_j rows[r*ld + j] * a[j]) * b[i] for r < count, i < m. Four rows at
-// a time give the dot products independent accumulators.
+using ZLoader = InterleavedComplexLoader<Z, double>;
+
+// c[i*ldc + j] = sum_p op(L)(i, p) R(p, j) for i < m, j < cols through the packed GEMM, with
+// L(i, p) at l[i*l_line + p*l_depth] (conjugated on request) and R(p, j) at r[j*r_line + p*r_depth].
 template <class T>
-void reflect_rows(T* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m, const T* a, const T* b,
-                  const T& tau) noexcept {
-    std::uint64_t r = 0;
-    for (; r + 4 <= count; r += 4) {
-        T* p0 = rows + r * ld;
-        T* p1 = p0 + ld;
-        T* p2 = p1 + ld;
-        T* p3 = p2 + ld;
-        T s0{}, s1{}, s2{}, s3{};
-        for (std::uint64_t j = 0; j < m; ++j) {
-            s0 += zmul(p0[j], a[j]);
-            s1 += zmul(p1[j], a[j]);
-            s2 += zmul(p2[j], a[j]);
-            s3 += zmul(p3[j], a[j]);
-        }
-        s0 = zmul(tau, s0), s1 = zmul(tau, s1), s2 = zmul(tau, s2), s3 = zmul(tau, s3);
-        for (std::uint64_t i = 0; i < m; ++i) {
-            p0[i] -= zmul(s0, b[i]);
-            p1[i] -= zmul(s1, b[i]);
-            p2[i] -= zmul(s2, b[i]);
-            p3[i] -= zmul(s3, b[i]);
-        }
-    }
-    for (; r < count; ++r) {
-        T* p = rows + r * ld;
-        T s{};
-        for (std::uint64_t j = 0; j < m; ++j)
-            s += zmul(p[j], a[j]);
-        s = zmul(tau, s);
-        for (std::uint64_t i = 0; i < m; ++i)
-            p[i] -= zmul(s, b[i]);
+void product(std::uint64_t m, std::uint64_t cols, std::uint64_t depth, const T* l, std::uint64_t l_line,
+             std::uint64_t l_depth, bool conj_left, const T* r, std::uint64_t r_line, std::uint64_t r_depth, T* c,
+             std::uint64_t ldc) {
+    if constexpr (std::is_same_v<T, double>) {
+        const RealPanelSource<double, double> left{l, l_line, l_depth};
+        const RealPanelSource<double, double> right{r, r_line, r_depth};
+        gemm<double>(m, cols, depth, left.packer(), right.packer(), c, ldc, nullptr);
+    } else {
+        const ComplexLeftSource<ZLoader, double> left{{l, l_line, l_depth}, conj_left};
+        const ComplexRightSource<ZLoader, double> right{{r, r_line, r_depth}};
+        gemm<double>(m, 2 * cols, 2 * depth, left.packer(), right.packer(), reinterpret_cast<double*>(c), 2 * ldc,
+                     nullptr);
     }
 }
 
-// Householder reduction to upper Hessenberg form, Q^H A Q = H; zt receives Q transposed (row m of
-// zt is column m of Q), accumulated backwards from the stored reflectors so that each one only
-// touches the trailing block.
-template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::uint64_t n) {
-    std::vector<T> reflectors(n * n);
-    std::vector<T> taus(n, T(0));
-    std::vector<T> w(n);
-    std::vector<T> vc(n);
-    for (std::uint64_t k = 0; k + 2 < n; ++k) {
-        const std::uint64_t m = n - k - 1; // reflector length, rows k+1 .. n-1
-        const T alpha = h[(k + 1) * n + k];
-        const double tail = norm2(h.data() + (k + 2) * n + k, m - 1, n);
-        if (tail == 0 && im_of(alpha) == 0)
-            continue;
-        const double beta = -std::copysign(std::hypot(std::abs(alpha), tail), re_of(alpha));
-        const T tau = from_parts<T>((beta - re_of(alpha)) / beta, -im_of(alpha) / beta);
-        const T scale = T(1) / (alpha - T(beta));
-        T* v = reflectors.data() + k * n;
-        taus[k] = tau;
-        v[0] = 1;
-        for (std::uint64_t i = 1; i < m; ++i)
-            v[i] = zmul(h[(k + 1 + i) * n + k], scale);
-        h[(k + 1) * n + k] = beta;
-        for (std::uint64_t i = 1; i < m; ++i)
-            h[(k + 1 + i) * n + k] = 0;
-        for (std::uint64_t i = 0; i < m; ++i)
-            vc[i] = conj_of(v[i]);
+// dst[i*ld + j] -= src[i*cols + j] for i < rows, j < cols.
+template <class T>
+void subtract_block(T* dst, std::uint64_t ld, const T* src, std::uint64_t rows, std::uint64_t cols) noexcept {
+    for (std::uint64_t i = 0; i < rows; ++i)
+        for (std::uint64_t j = 0; j < cols; ++j)
+            dst[i * ld + j] -= src[i * cols + j];
+}
 
-        // Left: H := (I - conj(tau) v v^H) H on rows k+1.., columns k+1..
-        const std::uint64_t c0 = k + 1;
-        std::fill(w.begin() + c0, w.end(), T(0));
-        for (std::uint64_t i = 0; i < m; ++i) {
-            const T* row = h.data() + (k + 1 + i) * n;
-            const T vi = v[i];
-            for (std::uint64_t j = c0; j < n; ++j)
-                w[j] += zmul_conj(vi, row[j]);
+// out[r] = sum_i rows[r*ld + i] * x[i] for r < count, i < m. Four rows with two partial sums each
+// keep eight independent additions in flight.
+template <class T>
+void multiply_rows(const T* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m, const T* x, T* out) noexcept {
+    std::uint64_t r = 0;
+    for (; r + 4 <= count; r += 4) {
+        const T* p0 = rows + r * ld;
+        const T* p1 = p0 + ld;
+        const T* p2 = p1 + ld;
+        const T* p3 = p2 + ld;
+        T s[8]{};
+        std::uint64_t i = 0;
+        for (; i + 2 <= m; i += 2) {
+            s[0] += zmul(p0[i], x[i]), s[4] += zmul(p0[i + 1], x[i + 1]);
+            s[1] += zmul(p1[i], x[i]), s[5] += zmul(p1[i + 1], x[i + 1]);
+            s[2] += zmul(p2[i], x[i]), s[6] += zmul(p2[i + 1], x[i + 1]);
+            s[3] += zmul(p3[i], x[i]), s[7] += zmul(p3[i + 1], x[i + 1]);
         }
-        const T ctau = conj_of(tau);
-        for (std::uint64_t i = 0; i < m; ++i) {
-            T* row = h.data() + (k + 1 + i) * n;
-            const T f = zmul(ctau, v[i]);
-            for (std::uint64_t j = c0; j < n; ++j)
-                row[j] -= zmul(f, w[j]);
+        if (i < m) {
+            s[0] += zmul(p0[i], x[i]), s[1] += zmul(p1[i], x[i]);
+            s[2] += zmul(p2[i], x[i]), s[3] += zmul(p3[i], x[i]);
         }
-        // Right: H := H (I - tau v v^H) on all rows, columns k+1..
-        reflect_rows(h.data() + c0, n, n, m, v, vc.data(), tau);
+        for (int q = 0; q < 4; ++q)
+            out[r + q] = s[q] + s[q + 4];
     }
-    // Q = P_0 P_1 ... built from the last reflector back; in zt's rows m >= k+1 the reflector k
-    // acts as Q := P_k Q on its trailing columns.
-    std::fill(zt.begin(), zt.end(), T(0));
-    for (std::uint64_t i = 0; i < n; ++i)
-        zt[i * n + i] = 1;
-    for (std::uint64_t k = n < 2 ? 0 : n - 2; k-- > 0;) {
-        if (taus[k] == T(0))
-            continue;
-        const std::uint64_t m = n - k - 1;
-        const T* v = reflectors.data() + k * n;
+    for (; r < count; ++r) {
+        const T* p = rows + r * ld;
+        T sum{};
         for (std::uint64_t i = 0; i < m; ++i)
-            vc[i] = conj_of(v[i]);
-        reflect_rows(zt.data() + (k + 1) * n + k + 1, n, m, m, vc.data(), v, taus[k]);
+            sum += zmul(p[i], x[i]);
+        out[r] = sum;
     }
+}
+
+// A panel of reflectors P_j = I - tau_j v_j v_j^H, gathered as P_first ... P_last = I - V T V^H:
+// column p of V at v[p*n ..) (zero above its unit entry), T upper triangular (t[i*count + p]).
+template <class T> struct ReflectorPanel {
+    std::uint64_t first = 0;
+    std::uint64_t count = 0;
+    std::vector<T> v;
+    std::vector<T> t;
+};
+
+// Householder reduction to upper Hessenberg form, Q^H A Q = H, in panels: each panel's reflectors
+// are found column by column (their left and right action on the panel's own columns applied as
+// it goes, with Y = A V T kept for the right side), then the rest of the matrix is updated by
+// matrix products. zt receives Q transposed (row m of zt is column m of Q).
+template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::uint64_t n) {
+    constexpr std::uint64_t kPanel = 32;
+    std::vector<ReflectorPanel<T>> panels;
+    std::vector<T> a(n), y, vc, w, scratch;
+    std::vector<T> s(kPanel);
+    for (std::uint64_t k0 = 0; k0 + 2 < n; k0 += kPanel) {
+        const std::uint64_t kb = std::min(kPanel, n - 2 - k0);
+        ReflectorPanel<T> panel{k0, kb, std::vector<T>(kb * n, T(0)), std::vector<T>(kb * kb, T(0))};
+        y.assign(kb * n, T(0));
+        for (std::uint64_t p = 0; p < kb; ++p) {
+            const std::uint64_t j = k0 + p;
+            for (std::uint64_t r = 0; r < n; ++r)
+                a[r] = h[r * n + j];
+            // Column j of (A - Y V^H), then of (I - V T^H V^H) times that, for the panel so far.
+            for (std::uint64_t q = 0; q < p; ++q) {
+                const T f = conj_of(panel.v[q * n + j]);
+                const T* yq = y.data() + q * n;
+                for (std::uint64_t r = 0; r < n; ++r)
+                    a[r] -= zmul(yq[r], f);
+            }
+            if (p > 0) {
+                for (std::uint64_t q = 0; q < p; ++q) {
+                    const T* vq = panel.v.data() + q * n;
+                    T sum{};
+                    for (std::uint64_t r = k0 + 1; r < n; ++r)
+                        sum += zmul_conj(vq[r], a[r]);
+                    s[q] = sum;
+                }
+                for (std::uint64_t i = p; i-- > 0;) {
+                    T sum{};
+                    for (std::uint64_t q = 0; q <= i; ++q)
+                        sum += zmul_conj(panel.t[q * kb + i], s[q]);
+                    s[i] = sum;
+                }
+                for (std::uint64_t q = 0; q < p; ++q) {
+                    const T* vq = panel.v.data() + q * n;
+                    for (std::uint64_t r = k0 + 1; r < n; ++r)
+                        a[r] -= zmul(vq[r], s[q]);
+                }
+            }
+            const std::uint64_t m = n - j - 1; // reflector length, rows j+1 .. n-1
+            const T alpha = a[j + 1];
+            const double tail = norm2(a.data() + j + 2, m - 1);
+            T* v = panel.v.data() + p * n;
+            T tau{};
+            if (tail != 0 || im_of(alpha) != 0) {
+                const double beta = -std::copysign(std::hypot(std::abs(alpha), tail), re_of(alpha));
+                tau = from_parts<T>((beta - re_of(alpha)) / beta, -im_of(alpha) / beta);
+                const T scale = T(1) / (alpha - T(beta));
+                v[j + 1] = 1;
+                for (std::uint64_t i = j + 2; i < n; ++i) {
+                    v[i] = zmul(a[i], scale);
+                    a[i] = 0;
+                }
+                a[j + 1] = beta;
+            }
+            for (std::uint64_t r = 0; r < n; ++r)
+                h[r * n + j] = a[r];
+            if (tau == T(0))
+                continue; // the identity: its columns of Y and T stay zero
+            // Y e_p = tau (A v - Y (V^H v)) with A as it was when the panel began (columns past j
+            // have not been touched yet); T e_p = (-tau T (V^H v), tau).
+            T* yp = y.data() + p * n;
+            multiply_rows(h.data() + j + 1, n, n, m, v + j + 1, yp);
+            for (std::uint64_t q = 0; q < p; ++q) {
+                const T* vq = panel.v.data() + q * n;
+                T sum{};
+                for (std::uint64_t r = j + 1; r < n; ++r)
+                    sum += zmul_conj(vq[r], v[r]);
+                s[q] = sum;
+            }
+            for (std::uint64_t q = 0; q < p; ++q) {
+                const T* yq = y.data() + q * n;
+                for (std::uint64_t r = 0; r < n; ++r)
+                    yp[r] -= zmul(yq[r], s[q]);
+            }
+            for (std::uint64_t r = 0; r < n; ++r)
+                yp[r] = zmul(tau, yp[r]);
+            for (std::uint64_t q = 0; q < p; ++q) {
+                T sum{};
+                for (std::uint64_t i = q; i < p; ++i)
+                    sum += zmul(panel.t[q * kb + i], s[i]);
+                panel.t[q * kb + p] = zmul(-tau, sum);
+            }
+            panel.t[p * kb + p] = tau;
+        }
+        const std::uint64_t c0 = k0 + kb;
+        const std::uint64_t cols = n - c0;
+        const std::uint64_t r0 = k0 + 1;
+        const std::uint64_t rows = n - r0;
+        // Right of the panel: H := H - Y V^H on every row, then H := H - V T^H (V^H H) below row k0.
+        vc.resize(kb * n);
+        for (std::uint64_t i = 0; i < kb * n; ++i)
+            vc[i] = conj_of(panel.v[i]);
+        scratch.resize(n * cols);
+        product<T>(n, cols, kb, y.data(), 1, n, false, vc.data() + c0, 1, n, scratch.data(), cols);
+        subtract_block(h.data() + c0, n, scratch.data(), n, cols);
+        w.resize(kb * cols);
+        product<T>(kb, cols, rows, panel.v.data() + r0, n, 1, true, h.data() + r0 * n + c0, 1, n, w.data(), cols);
+        for (std::uint64_t i = kb; i-- > 0;) {
+            T* wi = w.data() + i * cols;
+            const T d = conj_of(panel.t[i * kb + i]);
+            for (std::uint64_t c = 0; c < cols; ++c)
+                wi[c] = zmul(d, wi[c]);
+            for (std::uint64_t q = 0; q < i; ++q) {
+                const T f = conj_of(panel.t[q * kb + i]);
+                const T* wq = w.data() + q * cols;
+                for (std::uint64_t c = 0; c < cols; ++c)
+                    wi[c] += zmul(f, wq[c]);
+            }
+        }
+        scratch.resize(rows * cols);
+        product<T>(rows, cols, kb, panel.v.data() + r0, 1, n, false, w.data(), 1, cols, scratch.data(), cols);
+        subtract_block(h.data() + r0 * n + c0, n, scratch.data(), rows, cols);
+        panels.push_back(std::move(panel));
+    }
+    // Q = (I - V_0 T_0 V_0^H) (I - V_1 T_1 V_1^H) ..., built from the last panel back so that each
+    // one only meets the trailing block that the later ones have filled.
+    std::vector<T> q(n * n, T(0));
+    for (std::uint64_t i = 0; i < n; ++i)
+        q[i * n + i] = 1;
+    for (auto it = panels.rbegin(); it != panels.rend(); ++it) {
+        const ReflectorPanel<T>& panel = *it;
+        const std::uint64_t kb = panel.count;
+        const std::uint64_t r0 = panel.first + 1;
+        const std::uint64_t rows = n - r0;
+        w.resize(kb * rows);
+        product<T>(kb, rows, rows, panel.v.data() + r0, n, 1, true, q.data() + r0 * n + r0, 1, n, w.data(), rows);
+        for (std::uint64_t i = 0; i < kb; ++i) {
+            T* wi = w.data() + i * rows;
+            const T d = panel.t[i * kb + i];
+            for (std::uint64_t c = 0; c < rows; ++c)
+                wi[c] = zmul(d, wi[c]);
+            for (std::uint64_t p = i + 1; p < kb; ++p) {
+                const T f = panel.t[i * kb + p];
+                const T* wp = w.data() + p * rows;
+                for (std::uint64_t c = 0; c < rows; ++c)
+                    wi[c] += zmul(f, wp[c]);
+            }
+        }
+        scratch.resize(rows * rows);
+        product<T>(rows, rows, kb, panel.v.data() + r0, 1, n, false, w.data(), 1, rows, scratch.data(), rows);
+        subtract_block(q.data() + r0 * n + r0, n, scratch.data(), rows, rows);
+    }
+    for (std::uint64_t r = 0; r < n; ++r)
+        for (std::uint64_t c = 0; c < n; ++c)
+            zt[c * n + r] = q[r * n + c];
 }
 
 // Rotation G = [[c, s], [-conj(s), c]] with G [x; y] = [r; 0].
@@ -577,8 +701,6 @@ void eigenvector(const Decomposition& dec, std::uint64_t k, std::vector<Z>& y, Z
     }
     finish_vector(dec, out);
 }
-
-using ZLoader = InterleavedComplexLoader<Z, double>;
 
 // basis[k*n + r] = sum_m y[k*n + m] * zt[m*n + r], i.e. every back-substituted vector taken
 // through the Schur vectors in one product.
