@@ -243,6 +243,47 @@ TYPED_TEST(EigenTyped, PrincipalEigenvectorOfKnownDominantPair) {
     }
 }
 
+// Orders past one reduction panel, with columns that need no reflector (already reduced or zero)
+// mixed with ones that do.
+TEST(EigenSolver, PartlyReducedMatricesAcrossPanels) {
+    const Index n = 45;
+    std::mt19937 gen(12);
+    std::normal_distribution<double> dist;
+    const std::function<bool(Index, Index)> kept[] = {
+        [](Index i, Index j) { return j >= i; },                         // triangular: every reflector is the identity
+        [](Index i, Index j) { return j + 1 >= i; },                     // already Hessenberg
+        [](Index i, Index j) { return j % 7 != 3 || i <= j + 1; },       // some columns reduced, the rest full
+        [](Index, Index j) { return j != 0 && j != 33; },                 // zero columns inside both panels
+    };
+    for (const auto& keep : kept) {
+        const Matrix<std::complex<double>> a = build<std::complex<double>>(
+            n, MatrixLayout::row_major, [&](Index i, Index j) { return keep(i, j) ? Zd(dist(gen), dist(gen)) : Zd(0); });
+        const Decomposed d = run_eig(a, MatrixLayout::column_major);
+        EXPECT_LT(worst_residual(a, d), 100 * n * eps_of<double>());
+        for (const auto& v : d.vectors) EXPECT_NEAR(norm(v), 1, 1e-14);
+    }
+}
+
+// A real matrix is reduced in real arithmetic; handed over as complex it takes the complex path.
+// Both must find the same spectrum.
+TEST(EigenSolver, RealAndComplexPathsAgree) {
+    for (const Index n : {Index(3), Index(34), Index(70)}) {
+        std::mt19937 gen(40 + unsigned(n));
+        std::normal_distribution<double> dist;
+        std::vector<double> values(n * n);
+        for (double& v : values) v = dist(gen);
+        const auto real = build<double>(n, MatrixLayout::column_major, [&](Index i, Index j) { return Zd(values[i * n + j]); });
+        const auto complex = build<std::complex<double>>(n, MatrixLayout::row_major,
+                                                         [&](Index i, Index j) { return Zd(values[i * n + j]); });
+        const Decomposed r = run_eig(real, MatrixLayout::row_major), c = run_eig(complex, MatrixLayout::row_major);
+        for (const Zd& w : r.values) {
+            double nearest = INFINITY;
+            for (const Zd& v : c.values) nearest = std::min(nearest, std::abs(v - w));
+            EXPECT_LT(nearest, 1e-11 * std::sqrt(double(n))) << n;
+        }
+    }
+}
+
 TEST(EigenSolver, BadlyScaledMatrixIsBalanced) {
     // Entries spanning 2^+-60: without balancing the small eigenvalues drown in rounding.
     std::mt19937 gen(21);

@@ -1,10 +1,11 @@
 #pragma once
 // General (non-Hermitian) eigen solver for square matrices of the four compute types. Works in
-// complex<double>: real inputs are embedded, single-precision inputs are widened ("mixed") and
-// double-precision inputs run natively. Balancing by radix-two scaling, Householder reduction to
-// Hessenberg form, single-shift complex QR with Wilkinson shifts and deflation, right
-// eigenvectors by back substitution on the Schur form, balance reversal, unit Euclidean norm, and
-// a residual check of every returned pair against the original matrix.
+// double precision: single-precision inputs are widened ("mixed"), double-precision inputs run
+// natively. Balancing by radix-two scaling and Householder reduction to Hessenberg form (in real
+// arithmetic for real inputs), then single-shift complex QR with Wilkinson shifts and deflation in
+// complex working storage, right eigenvectors by back substitution on the Schur form, balance
+// reversal, unit Euclidean norm, and a residual check of every returned pair against the original
+// matrix.
 #include <complex>
 #include <cstdint>
 
