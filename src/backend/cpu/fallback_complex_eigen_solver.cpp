@@ -644,6 +644,18 @@ Decomposition decompose(const C* a, const MatrixGeometry& g, const EigenSolverOp
     return dec;
 }
 
+// sum of a[i] * b[i] over i < m in four interleaved partial sums, so that the additions overlap.
+Z dot(const Z* a, const Z* b, std::uint64_t m) noexcept {
+    Z s[4]{};
+    std::uint64_t i = 0;
+    for (; i + 4 <= m; i += 4)
+        for (int q = 0; q < 4; ++q)
+            s[q] += zmul(a[i + q], b[i + q]);
+    for (; i < m; ++i)
+        s[0] += zmul(a[i], b[i]);
+    return (s[0] + s[1]) + (s[2] + s[3]);
+}
+
 // Upper-triangular solve (T - lambda_k I) y = 0 with y[k] = 1 on the Schur form; y[m] for m > k
 // is zero. Components are rescaled as a whole when they grow too large.
 void back_substitute(const Decomposition& dec, std::uint64_t k, Z* y) {
@@ -657,9 +669,7 @@ void back_substitute(const Decomposition& dec, std::uint64_t k, Z* y) {
     y[k] = 1;
     for (std::uint64_t j = k; j-- > 0;) {
         const Z* row = t.data() + j * n;
-        Z sum = 0;
-        for (std::uint64_t m = j + 1; m <= k; ++m)
-            sum += zmul(row[m], y[m]);
+        const Z sum = dot(row + j + 1, y + j + 1, k - j);
         Z den = row[j] - lambda;
         if (abs1(den) < smin)
             den = smin;
