@@ -207,6 +207,36 @@ template <class T> struct ReflectorPanel {
     std::vector<T> t;
 };
 
+// m := (I - V op(T) V^H) m with op(T) = T^H (adjoint) or T, on the rows from panel.first + 1 on
+// and `cols` columns of m (row-major, ld; m points at its first such row).
+template <class T>
+void apply_panel(const ReflectorPanel<T>& panel, std::uint64_t n, bool adjoint, T* m, std::uint64_t ld,
+                 std::uint64_t cols, std::vector<T>& w, std::vector<T>& scratch) {
+    const std::uint64_t kb = panel.count;
+    const std::uint64_t r0 = panel.first + 1;
+    const std::uint64_t rows = n - r0;
+    const T* t = panel.t.data();
+    w.resize(kb * cols);
+    product<T>(kb, cols, rows, panel.v.data() + r0, n, 1, true, m, 1, ld, w.data(), cols);
+    // W := op(T) W in place: T^H is lower triangular (rows from the bottom), T upper (from the top).
+    for (std::uint64_t step = 0; step < kb; ++step) {
+        const std::uint64_t i = adjoint ? kb - 1 - step : step;
+        T* wi = w.data() + i * cols;
+        const T d = adjoint ? conj_of(t[i * kb + i]) : t[i * kb + i];
+        for (std::uint64_t c = 0; c < cols; ++c)
+            wi[c] = zmul(d, wi[c]);
+        for (std::uint64_t q = adjoint ? 0 : i + 1; q < (adjoint ? i : kb); ++q) {
+            const T f = adjoint ? conj_of(t[q * kb + i]) : t[i * kb + q];
+            const T* wq = w.data() + q * cols;
+            for (std::uint64_t c = 0; c < cols; ++c)
+                wi[c] += zmul(f, wq[c]);
+        }
+    }
+    scratch.resize(rows * cols);
+    product<T>(rows, cols, kb, panel.v.data() + r0, 1, n, false, w.data(), 1, cols, scratch.data(), cols);
+    subtract_block(m, ld, scratch.data(), rows, cols);
+}
+
 // Householder reduction to upper Hessenberg form, Q^H A Q = H, in panels: each panel's reflectors
 // are found column by column (their left and right action on the panel's own columns applied as
 // it goes, with Y = A V T kept for the right side), then the rest of the matrix is updated by
@@ -222,6 +252,16 @@ template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::u
         y.assign(kb * n, T(0));
         for (std::uint64_t p = 0; p < kb; ++p) {
             const std::uint64_t j = k0 + p;
+            // s[q] = (V^H x)[q] for the panel's first p reflectors, over rows from `from` on.
+            auto project = [&](const T* x, std::uint64_t from) {
+                for (std::uint64_t q = 0; q < p; ++q) {
+                    const T* vq = panel.v.data() + q * n;
+                    T sum{};
+                    for (std::uint64_t r = from; r < n; ++r)
+                        sum += zmul_conj(vq[r], x[r]);
+                    s[q] = sum;
+                }
+            };
             for (std::uint64_t r = 0; r < n; ++r)
                 a[r] = h[r * n + j];
             // Column j of (A - Y V^H), then of (I - V T^H V^H) times that, for the panel so far.
@@ -232,13 +272,7 @@ template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::u
                     a[r] -= zmul(yq[r], f);
             }
             if (p > 0) {
-                for (std::uint64_t q = 0; q < p; ++q) {
-                    const T* vq = panel.v.data() + q * n;
-                    T sum{};
-                    for (std::uint64_t r = k0 + 1; r < n; ++r)
-                        sum += zmul_conj(vq[r], a[r]);
-                    s[q] = sum;
-                }
+                project(a.data(), k0 + 1);
                 for (std::uint64_t i = p; i-- > 0;) {
                     T sum{};
                     for (std::uint64_t q = 0; q <= i; ++q)
@@ -275,13 +309,7 @@ template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::u
             // have not been touched yet); T e_p = (-tau T (V^H v), tau).
             T* yp = y.data() + p * n;
             multiply_rows(h.data() + j + 1, n, n, m, v + j + 1, yp);
-            for (std::uint64_t q = 0; q < p; ++q) {
-                const T* vq = panel.v.data() + q * n;
-                T sum{};
-                for (std::uint64_t r = j + 1; r < n; ++r)
-                    sum += zmul_conj(vq[r], v[r]);
-                s[q] = sum;
-            }
+            project(v, j + 1);
             for (std::uint64_t q = 0; q < p; ++q) {
                 const T* yq = y.data() + q * n;
                 for (std::uint64_t r = 0; r < n; ++r)
@@ -300,7 +328,6 @@ template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::u
         const std::uint64_t c0 = k0 + kb;
         const std::uint64_t cols = n - c0;
         const std::uint64_t r0 = k0 + 1;
-        const std::uint64_t rows = n - r0;
         // Right of the panel: H := H - Y V^H on every row, then H := H - V T^H (V^H H) below row k0.
         vc.resize(kb * n);
         for (std::uint64_t i = 0; i < kb * n; ++i)
@@ -308,23 +335,7 @@ template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::u
         scratch.resize(n * cols);
         product<T>(n, cols, kb, y.data(), 1, n, false, vc.data() + c0, 1, n, scratch.data(), cols);
         subtract_block(h.data() + c0, n, scratch.data(), n, cols);
-        w.resize(kb * cols);
-        product<T>(kb, cols, rows, panel.v.data() + r0, n, 1, true, h.data() + r0 * n + c0, 1, n, w.data(), cols);
-        for (std::uint64_t i = kb; i-- > 0;) {
-            T* wi = w.data() + i * cols;
-            const T d = conj_of(panel.t[i * kb + i]);
-            for (std::uint64_t c = 0; c < cols; ++c)
-                wi[c] = zmul(d, wi[c]);
-            for (std::uint64_t q = 0; q < i; ++q) {
-                const T f = conj_of(panel.t[q * kb + i]);
-                const T* wq = w.data() + q * cols;
-                for (std::uint64_t c = 0; c < cols; ++c)
-                    wi[c] += zmul(f, wq[c]);
-            }
-        }
-        scratch.resize(rows * cols);
-        product<T>(rows, cols, kb, panel.v.data() + r0, 1, n, false, w.data(), 1, cols, scratch.data(), cols);
-        subtract_block(h.data() + r0 * n + c0, n, scratch.data(), rows, cols);
+        apply_panel(panel, n, true, h.data() + r0 * n + c0, n, cols, w, scratch);
         panels.push_back(std::move(panel));
     }
     // Q = (I - V_0 T_0 V_0^H) (I - V_1 T_1 V_1^H) ..., built from the last panel back so that each
@@ -334,26 +345,8 @@ template <class T> void hessenberg(std::vector<T>& h, std::vector<T>& zt, std::u
         q[i * n + i] = 1;
     for (auto it = panels.rbegin(); it != panels.rend(); ++it) {
         const ReflectorPanel<T>& panel = *it;
-        const std::uint64_t kb = panel.count;
         const std::uint64_t r0 = panel.first + 1;
-        const std::uint64_t rows = n - r0;
-        w.resize(kb * rows);
-        product<T>(kb, rows, rows, panel.v.data() + r0, n, 1, true, q.data() + r0 * n + r0, 1, n, w.data(), rows);
-        for (std::uint64_t i = 0; i < kb; ++i) {
-            T* wi = w.data() + i * rows;
-            const T d = panel.t[i * kb + i];
-            for (std::uint64_t c = 0; c < rows; ++c)
-                wi[c] = zmul(d, wi[c]);
-            for (std::uint64_t p = i + 1; p < kb; ++p) {
-                const T f = panel.t[i * kb + p];
-                const T* wp = w.data() + p * rows;
-                for (std::uint64_t c = 0; c < rows; ++c)
-                    wi[c] += zmul(f, wp[c]);
-            }
-        }
-        scratch.resize(rows * rows);
-        product<T>(rows, rows, kb, panel.v.data() + r0, 1, n, false, w.data(), 1, rows, scratch.data(), rows);
-        subtract_block(q.data() + r0 * n + r0, n, scratch.data(), rows, rows);
+        apply_panel(panel, n, false, q.data() + r0 * n + r0, n, n - r0, w, scratch);
     }
     for (std::uint64_t r = 0; r < n; ++r)
         for (std::uint64_t c = 0; c < n; ++c)
@@ -716,10 +709,7 @@ void eigenvector(const Decomposition& dec, std::uint64_t k, std::vector<Z>& y, Z
 // through the Schur vectors in one product.
 void through_schur_vectors(const Decomposition& dec, const std::vector<Z>& y, std::vector<Z>& basis) {
     const std::uint64_t n = dec.n;
-    const ComplexLeftSource<ZLoader, double> left{{y.data(), n, 1}, false};
-    const ComplexRightSource<ZLoader, double> right{{dec.zt.data(), 1, n}};
-    gemm<double>(n, 2 * n, 2 * n, left.packer(), right.packer(), reinterpret_cast<double*>(basis.data()), 2 * n,
-                 nullptr);
+    product<Z>(n, n, n, y.data(), n, 1, false, dec.zt.data(), 1, n, basis.data(), n);
 }
 
 // Real view of the vectors for the product with a real matrix: line 2j + t is part t of vector j.
@@ -744,19 +734,17 @@ struct VectorPartsSource {
     GemmPacker<double> packer() const { return {&pack, this}; }
 };
 
-// product[i*n + j] = (A v_j)(i) for the range-scaled input A and the vectors of `basis`.
-void apply_original(const Decomposition& dec, const std::vector<Z>& basis, std::vector<Z>& product) {
+// out[i*n + j] = (A v_j)(i) for the range-scaled input A and the vectors of `basis`.
+void apply_original(const Decomposition& dec, const std::vector<Z>& basis, std::vector<Z>& out) {
     const std::uint64_t n = dec.n;
-    double* c = reinterpret_cast<double*>(product.data());
     if (!dec.original_real.empty()) {
         const RealPanelSource<double, double> left{dec.original_real.data(), n, 1};
         const VectorPartsSource right{reinterpret_cast<const double*>(basis.data()), n};
-        gemm<double>(n, 2 * n, n, left.packer(), right.packer(), c, 2 * n, nullptr);
+        gemm<double>(n, 2 * n, n, left.packer(), right.packer(), reinterpret_cast<double*>(out.data()), 2 * n,
+                     nullptr);
         return;
     }
-    const ComplexLeftSource<ZLoader, double> left{{dec.original.data(), n, 1}, false};
-    const ComplexRightSource<ZLoader, double> right{{basis.data(), n, 1}};
-    gemm<double>(n, 2 * n, 2 * n, left.packer(), right.packer(), c, 2 * n, nullptr);
+    product<Z>(n, n, n, dec.original.data(), n, 1, false, basis.data(), n, 1, out.data(), n);
 }
 
 // ||r|| / (||A||_F ||v||) within the tolerance for r = A v - lambda v (a zero matrix passes
