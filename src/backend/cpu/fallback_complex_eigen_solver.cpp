@@ -709,7 +709,12 @@ void eigenvector(const Decomposition& dec, std::uint64_t k, std::vector<Z>& y, Z
 // through the Schur vectors in one product.
 void through_schur_vectors(const Decomposition& dec, const std::vector<Z>& y, std::vector<Z>& basis) {
     const std::uint64_t n = dec.n;
-    product<Z>(n, n, n, y.data(), n, 1, false, dec.zt.data(), 1, n, basis.data(), n);
+    // y[k*n + m] vanishes for m > k: vectors k0 .. k1-1 only need the first k1 Schur vectors.
+    constexpr std::uint64_t kRows = 64;
+    for (std::uint64_t k0 = 0; k0 < n; k0 += kRows) {
+        const std::uint64_t k1 = std::min(k0 + kRows, n);
+        product<Z>(k1 - k0, n, k1, y.data() + k0 * n, n, 1, false, dec.zt.data(), 1, n, basis.data() + k0 * n, n);
+    }
 }
 
 // Real view of the vectors for the product with a real matrix: line 2j + t is part t of vector j.
