@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "backend/cpu/fallback_complex_eigen_solver.hpp"
@@ -363,10 +364,15 @@ TEST(EigenSolver, EmptyAndScalarMatrices) {
     EXPECT_EQ(principal, std::complex<float>(1));
 }
 
-// The vector rotation chains of the QR sweeps agree with the plain formula applied rotation by
-// rotation, along rows (contiguous elements) and down columns (gathered elements), tails included.
-TEST(EigenRotation, VectorChainMatchesSequentialRotations) {
-    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
+// The rotation chains of the QR sweeps agree with the plain formula applied rotation by rotation,
+// along rows (contiguous elements) and down columns (gathered elements), vector tails included.
+using RotationChain = void (*)(double*, Index, Index, Index, Index, const double*, const double*) noexcept;
+class EigenRotation : public ::testing::TestWithParam<RotationChain> {};
+INSTANTIATE_TEST_SUITE_P(Kernels, EigenRotation, ::testing::Values(&complex_rotate_chain, &complex_rotate_chain_avx2),
+                         [](const auto& info) { return info.index == 0 ? std::string("portable") : std::string("AVX2"); });
+
+TEST_P(EigenRotation, ChainMatchesSequentialRotations) {
+    if (GetParam() == &complex_rotate_chain_avx2 && !avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
     std::mt19937 gen(5);
     std::normal_distribution<double> dist;
     const Index lines = 6, count = lines - 1;
@@ -394,8 +400,8 @@ TEST(EigenRotation, VectorChainMatchesSequentialRotations) {
                     x = c[k] * a + s[k] * y;
                     y = c[k] * y - std::conj(s[k]) * a;
                 }
-            complex_rotate_chain_avx2(reinterpret_cast<double*>(got.data()), line_stride, element_stride, length, count,
-                                      c.data(), reinterpret_cast<const double*>(s.data()));
+            GetParam()(reinterpret_cast<double*>(got.data()), line_stride, element_stride, length, count, c.data(),
+                       reinterpret_cast<const double*>(s.data()));
             for (Index i = 0; i < got.size(); ++i)
                 ASSERT_LT(std::abs(got[i] - want[i]), 16 * eps_of<double>() * (1 + std::abs(want[i])))
                     << along_rows << " " << length << " " << i;

@@ -402,30 +402,14 @@ Z wilkinson_shift(const Z& a, const Z& b, const Z& c, const Z& d) {
     return d - u * (u / denominator);
 }
 
-// Rotation k (k < count) acts on lines k and k+1 in turn: (x, y) <- (c[k] x + s[k] y,
-// c[k] y - conj(s[k]) x). Line k starts at base[k * line_stride], its `length` elements lie
-// element_stride apart. Each element carries its line k+1 value from one rotation to the next, so
-// a whole sweep reads and writes every element once. Vectorised where the processor allows.
+// Rotation chains over the working rows, vectorised where the processor allows.
 void rotate_chain(Z* base, std::uint64_t line_stride, std::uint64_t element_stride, std::uint64_t length,
                   std::uint64_t count, const double* c, const Z* s) noexcept {
     if (count == 0 || length == 0)
         return;
-    static const bool vectorised = avx2_usable(probe_cpu_features());
-    if (vectorised) {
-        complex_rotate_chain_avx2(reinterpret_cast<double*>(base), line_stride, element_stride, length, count, c,
-                                  reinterpret_cast<const double*>(s));
-        return;
-    }
-    for (std::uint64_t e = 0; e < length; ++e) {
-        Z* p = base + e * element_stride;
-        Z x = p[0];
-        for (std::uint64_t k = 0; k < count; ++k) {
-            const Z y = p[(k + 1) * line_stride];
-            p[k * line_stride] = c[k] * x + zmul(s[k], y);
-            x = c[k] * y - zmul(std::conj(s[k]), x);
-        }
-        p[count * line_stride] = x;
-    }
+    static const auto kernel = avx2_usable(probe_cpu_features()) ? &complex_rotate_chain_avx2 : &complex_rotate_chain;
+    kernel(reinterpret_cast<double*>(base), line_stride, element_stride, length, count, c,
+           reinterpret_cast<const double*>(s));
 }
 
 // Single-shift complex QR on the Hessenberg matrix h until it is upper triangular (the Schur
@@ -792,6 +776,22 @@ template <class Out> Z eigenvalue(const Decomposition& dec, std::uint64_t k, con
 }
 
 } // namespace
+
+void complex_rotate_chain(double* base, std::uint64_t line_stride, std::uint64_t element_stride, std::uint64_t length,
+                          std::uint64_t count, const double* c, const double* s) noexcept {
+    Z* const lines = reinterpret_cast<Z*>(base);
+    const Z* const sines = reinterpret_cast<const Z*>(s);
+    for (std::uint64_t e = 0; e < length; ++e) {
+        Z* p = lines + e * element_stride;
+        Z x = p[0];
+        for (std::uint64_t k = 0; k < count; ++k) {
+            const Z y = p[(k + 1) * line_stride];
+            p[k * line_stride] = c[k] * x + zmul(sines[k], y);
+            x = c[k] * y - zmul(std::conj(sines[k]), x);
+        }
+        p[count * line_stride] = x;
+    }
+}
 
 template <class C> EigenSolverOptions default_eigen_options() noexcept {
     EigenSolverOptions options;

@@ -62,8 +62,12 @@ void principal_eigenvector(const C* matrix, const MatrixGeometry& geometry, C* v
 
 // Rotation k < count acts on complex lines k and k+1 in turn: (x, y) <- (c[k] x + s[k] y,
 // c[k] y - conj(s[k]) x), s[k] at (s[2k], s[2k+1]). Line k starts at complex offset
-// k * line_stride of base; its `length` elements lie element_stride complex numbers apart.
-// Products are fused into their sums. AVX2 and FMA only: call after the processor check.
+// k * line_stride of base; its `length` elements lie element_stride complex numbers apart. Each
+// element carries its line k+1 value from one rotation to the next, so a chain reads and writes
+// every element once. The portable form rounds every product; the AVX2 form (AVX2 and FMA only:
+// call it after the processor check) fuses products into their sums.
+void complex_rotate_chain(double* base, std::uint64_t line_stride, std::uint64_t element_stride,
+                          std::uint64_t length, std::uint64_t count, const double* c, const double* s) noexcept;
 void complex_rotate_chain_avx2(double* base, std::uint64_t line_stride, std::uint64_t element_stride,
                                std::uint64_t length, std::uint64_t count, const double* c, const double* s) noexcept;
 
