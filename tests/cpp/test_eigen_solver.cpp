@@ -407,3 +407,24 @@ TEST_P(EigenRotation, ChainMatchesSequentialRotations) {
                     << along_rows << " " << length << " " << i;
         }
 }
+
+// The vector row products of the Hessenberg reduction agree with plain sums, row and column tails
+// included.
+TEST(EigenKernels, RowsTimesVectorMatchesPlainSums) {
+    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
+    std::mt19937 gen(9);
+    std::normal_distribution<double> dist;
+    for (const Index count : {Index(1), Index(4), Index(7)})
+        for (const Index m : {Index(0), Index(3), Index(4), Index(13)}) {
+            const Index ld = m + 2;
+            std::vector<double> rows(count * ld), x(m), got(count, -1);
+            for (double& e : rows) e = dist(gen);
+            for (double& e : x) e = dist(gen);
+            rows_times_vector_avx2(rows.data(), ld, count, m, x.data(), got.data());
+            for (Index r = 0; r < count; ++r) {
+                double want = 0, scale = 0;
+                for (Index i = 0; i < m; ++i) want += rows[r * ld + i] * x[i], scale += std::fabs(rows[r * ld + i] * x[i]);
+                EXPECT_NEAR(got[r], want, 4 * eps_of<double>() * scale) << count << " " << m << " " << r;
+            }
+        }
+}

@@ -168,6 +168,13 @@ void subtract_block(T* dst, std::uint64_t ld, const T* src, std::uint64_t rows, 
 // keep eight independent additions in flight.
 template <class T>
 void multiply_rows(const T* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m, const T* x, T* out) noexcept {
+    if constexpr (std::is_same_v<T, double>) {
+        static const bool vectorised = avx2_usable(probe_cpu_features());
+        if (vectorised) {
+            rows_times_vector_avx2(rows, ld, count, m, x, out);
+            return;
+        }
+    }
     std::uint64_t r = 0;
     for (; r + 4 <= count; r += 4) {
         const T* p0 = rows + r * ld;

@@ -71,4 +71,9 @@ void complex_rotate_chain(double* base, std::uint64_t line_stride, std::uint64_t
 void complex_rotate_chain_avx2(double* base, std::uint64_t line_stride, std::uint64_t element_stride,
                                std::uint64_t length, std::uint64_t count, const double* c, const double* s) noexcept;
 
+// out[r] = sum_i rows[r*ld + i] * x[i] for r < count, i < m, in lane-wise partial sums. AVX2 and
+// FMA only.
+void rows_times_vector_avx2(const double* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m,
+                            const double* x, double* out) noexcept;
+
 } // namespace quillmark::cpu

@@ -85,4 +85,44 @@ void complex_rotate_chain_avx2(double* base, std::uint64_t line_stride, std::uin
         chain_single(base + e * step, line, count, c, s);
 }
 
+void rows_times_vector_avx2(const double* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m,
+                            const double* x, double* out) noexcept {
+    std::uint64_t r = 0;
+    for (; r + 4 <= count; r += 4) {
+        const double* p = rows + r * ld;
+        __m256d s0 = _mm256_setzero_pd(), s1 = s0, s2 = s0, s3 = s0;
+        std::uint64_t i = 0;
+        for (; i + 4 <= m; i += 4) {
+            const __m256d v = _mm256_loadu_pd(x + i);
+            s0 = _mm256_fmadd_pd(_mm256_loadu_pd(p + i), v, s0);
+            s1 = _mm256_fmadd_pd(_mm256_loadu_pd(p + ld + i), v, s1);
+            s2 = _mm256_fmadd_pd(_mm256_loadu_pd(p + 2 * ld + i), v, s2);
+            s3 = _mm256_fmadd_pd(_mm256_loadu_pd(p + 3 * ld + i), v, s3);
+        }
+        // Lane sums of the four rows side by side: (s0, s1, s2, s3) horizontal.
+        const __m256d h01 = _mm256_hadd_pd(s0, s1), h23 = _mm256_hadd_pd(s2, s3);
+        __m256d total = _mm256_add_pd(_mm256_permute2f128_pd(h01, h23, 0x20), _mm256_permute2f128_pd(h01, h23, 0x31));
+        alignas(32) double lane[4];
+        _mm256_store_pd(lane, total);
+        for (; i < m; ++i)
+            for (int q = 0; q < 4; ++q)
+                lane[q] += p[q * ld + i] * x[i];
+        for (int q = 0; q < 4; ++q)
+            out[r + q] = lane[q];
+    }
+    for (; r < count; ++r) {
+        const double* p = rows + r * ld;
+        __m256d s0 = _mm256_setzero_pd();
+        std::uint64_t i = 0;
+        for (; i + 4 <= m; i += 4)
+            s0 = _mm256_fmadd_pd(_mm256_loadu_pd(p + i), _mm256_loadu_pd(x + i), s0);
+        alignas(32) double lane[4];
+        _mm256_store_pd(lane, s0);
+        double sum = (lane[0] + lane[1]) + (lane[2] + lane[3]);
+        for (; i < m; ++i)
+            sum += p[i] * x[i];
+        out[r] = sum;
+    }
+}
+
 } // namespace quillmark::cpu
