@@ -428,3 +428,19 @@ TEST(EigenKernels, RowsTimesVectorMatchesPlainSums) {
             }
         }
 }
+
+TEST(EigenKernels, ComplexDotMatchesPlainSum) {
+    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
+    std::mt19937 gen(10);
+    std::normal_distribution<double> dist;
+    for (const Index m : {Index(0), Index(1), Index(4), Index(11)}) {
+        std::vector<Zd> a(m), b(m);
+        for (Index i = 0; i < m; ++i) a[i] = {dist(gen), dist(gen)}, b[i] = {dist(gen), dist(gen)};
+        Zd want = 0;
+        double scale = 0;
+        for (Index i = 0; i < m; ++i) want += a[i] * b[i], scale += std::abs(a[i]) * std::abs(b[i]);
+        double got[2];
+        complex_dot_avx2(reinterpret_cast<const double*>(a.data()), reinterpret_cast<const double*>(b.data()), m, got);
+        EXPECT_LT(std::abs(Zd(got[0], got[1]) - want), 8 * eps_of<double>() * (scale + 1e-300)) << m;
+    }
+}

@@ -628,8 +628,14 @@ Decomposition decompose(const C* a, const MatrixGeometry& g, const EigenSolverOp
     return dec;
 }
 
-// sum of a[i] * b[i] over i < m in four interleaved partial sums, so that the additions overlap.
+// sum of a[i] * b[i] over i < m in interleaved partial sums, so that the additions overlap.
 Z dot(const Z* a, const Z* b, std::uint64_t m) noexcept {
+    static const bool vectorised = avx2_usable(probe_cpu_features());
+    if (vectorised) {
+        double result[2];
+        complex_dot_avx2(reinterpret_cast<const double*>(a), reinterpret_cast<const double*>(b), m, result);
+        return {result[0], result[1]};
+    }
     Z s[4]{};
     std::uint64_t i = 0;
     for (; i + 4 <= m; i += 4)

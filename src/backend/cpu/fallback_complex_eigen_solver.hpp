@@ -76,4 +76,8 @@ void complex_rotate_chain_avx2(double* base, std::uint64_t line_stride, std::uin
 void rows_times_vector_avx2(const double* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m,
                             const double* x, double* out) noexcept;
 
+// (result[0], result[1]) = sum over i < m of a[i] * b[i] for interleaved complex a and b, in
+// lane-wise partial sums. AVX2 and FMA only.
+void complex_dot_avx2(const double* a, const double* b, std::uint64_t m, double* result) noexcept;
+
 } // namespace quillmark::cpu

@@ -125,4 +125,29 @@ void rows_times_vector_avx2(const double* rows, std::uint64_t ld, std::uint64_t 
     }
 }
 
+void complex_dot_avx2(const double* a, const double* b, std::uint64_t m, double* result) noexcept {
+    // p collects (ar br, ai bi) and q (ar bi, ai br) per element; re = sum(p0 - p1), im = sum(q).
+    __m256d p0 = _mm256_setzero_pd(), p1 = p0, q0 = p0, q1 = p0;
+    std::uint64_t i = 0;
+    for (; i + 4 <= m; i += 4) {
+        const __m256d a0 = _mm256_loadu_pd(a + 2 * i), a1 = _mm256_loadu_pd(a + 2 * i + 4);
+        const __m256d b0 = _mm256_loadu_pd(b + 2 * i), b1 = _mm256_loadu_pd(b + 2 * i + 4);
+        p0 = _mm256_fmadd_pd(a0, b0, p0);
+        p1 = _mm256_fmadd_pd(a1, b1, p1);
+        q0 = _mm256_fmadd_pd(a0, _mm256_permute_pd(b0, 0b0101), q0);
+        q1 = _mm256_fmadd_pd(a1, _mm256_permute_pd(b1, 0b0101), q1);
+    }
+    alignas(32) double p[4], q[4];
+    _mm256_store_pd(p, _mm256_add_pd(p0, p1));
+    _mm256_store_pd(q, _mm256_add_pd(q0, q1));
+    double re = (p[0] - p[1]) + (p[2] - p[3]);
+    double im = (q[0] + q[1]) + (q[2] + q[3]);
+    for (; i < m; ++i) {
+        re += a[2 * i] * b[2 * i] - a[2 * i + 1] * b[2 * i + 1];
+        im += a[2 * i] * b[2 * i + 1] + a[2 * i + 1] * b[2 * i];
+    }
+    result[0] = re;
+    result[1] = im;
+}
+
 } // namespace quillmark::cpu
