@@ -1,5 +1,7 @@
-// AVX2 chains of plane rotations over interleaved complex double lines for the shifted QR sweeps.
-// Products are fused into their sums, so results may differ from the portable loop in the last bit.
+// AVX2 kernels of the general eigen solver: chains of plane rotations over interleaved complex
+// double lines for the shifted QR sweeps, row products for the Hessenberg panels and complex dot
+// products for the back substitution. Products are fused into their sums and sums run lane-wise,
+// so results may differ from the portable loops in the last bits.
 #include <immintrin.h>
 
 #include "backend/cpu/fallback_complex_eigen_solver.hpp"
