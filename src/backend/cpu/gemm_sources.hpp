@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <complex>
 #include <cstdint>
+#include <cstring>
 #include <type_traits>
 
 #include "backend/cpu/gemm.hpp"
@@ -103,6 +104,17 @@ bool pack_right_runs(const Loader& ld, R* dst, std::uint64_t j0, std::uint64_t w
     return false;
 }
 
+// The complex element (line, depth) of `ld` sits at real offsets 2x, 2x + 1 of `reals(ld)` with
+// x = line * ls + depth, when the loader reads complex numbers of the compute type along a
+// contiguous depth; null otherwise.
+template <class R, class Loader> const R* contiguous_reals(const Loader& ld) noexcept {
+    if constexpr (requires { ld.p; }) {
+        if constexpr (std::is_same_v<std::remove_cv_t<std::remove_pointer_t<decltype(ld.p)>>, std::complex<R>>)
+            if (ld.ds == 1) return reinterpret_cast<const R*>(ld.p);
+    }
+    return nullptr;
+}
+
 // A'' of the embedding (optionally of conj(A)); depth offsets and counts are even.
 template <class Loader, class R> struct ComplexLeftSource {
     Loader ld;
@@ -112,18 +124,49 @@ template <class Loader, class R> struct ComplexLeftSource {
                      std::uint64_t depth, std::uint64_t width) {
         const auto& s = *static_cast<const ComplexLeftSource*>(self);
         const R sign = s.conjugate ? R(-1) : R(1);
+        const R* reals = contiguous_reals<R>(s.ld);
         for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
             const std::uint64_t w = std::min(width, lines - q);
             for (std::uint64_t l = 0; l < w; ++l) {
+                R* o = dst + l;
+                if (reals != nullptr) {
+                    // Interleaved rows are the panel's depth order already: a strided copy.
+                    const R* src = reals + 2 * ((l0 + q + l) * s.ld.ls) + d0;
+                    for (std::uint64_t x = 0; x < depth; x += 2) {
+                        o[x * width] = src[x];
+                        o[(x + 1) * width] = sign * src[x + 1];
+                    }
+                    continue;
+                }
                 for (std::uint64_t x = 0; x < depth; x += 2) {
                     R re, im;
                     s.ld.at(l0 + q + l, (d0 + x) / 2, re, im);
-                    dst[x * width + l] = re;
-                    dst[(x + 1) * width + l] = sign * im;
+                    o[x * width] = re;
+                    o[(x + 1) * width] = sign * im;
                 }
             }
             if (w < width)
                 for (std::uint64_t d = 0; d < depth; ++d) std::fill(dst + d * width + w, dst + (d + 1) * width, R{});
+        }
+    }
+    GemmPacker<R> packer() const { return {&pack, this}; }
+};
+
+// B of split_complex_gemm: lines are complex columns j; each step p holds `width` real parts then
+// `width` imaginary parts. Depth offsets and counts are in reals (two per step, even).
+template <class Loader, class R> struct SplitRightSource {
+    Loader ld;
+
+    static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
+                     std::uint64_t depth, std::uint64_t width) {
+        const auto& s = *static_cast<const SplitRightSource*>(self);
+        for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
+            const std::uint64_t w = std::min(width, lines - q);
+            for (std::uint64_t x = 0; x < depth; x += 2) {
+                R* o = dst + x * width;
+                for (std::uint64_t l = 0; l < w; ++l) s.ld.at(l0 + q + l, (d0 + x) / 2, o[l], o[width + l]);
+                for (std::uint64_t l = w; l < width; ++l) o[l] = o[width + l] = R{};
+            }
         }
     }
     GemmPacker<R> packer() const { return {&pack, this}; }
@@ -175,12 +218,25 @@ template <class R> struct InterleavedRightRowsSource {
             for (std::uint64_t step = 0; step < depth / 2; ++step) {
                 const R* src = reinterpret_cast<const R*>(s.p + (d0 / 2 + step) * s.ld) + l0 + q;
                 R* o = dst + step * width;
-                std::copy(src, src + w, o);
+                // Fixed-size chunks: a copy of run-time length becomes a library call per row.
+                std::uint64_t l = 0;
+                for (; l + 8 <= w; l += 8) std::memcpy(o + l, src + l, 8 * sizeof(R));
+                for (; l < w; ++l) o[l] = src[l];
                 std::fill(o + w, o + width, R{});
             }
         }
     }
     GemmPacker<R> packer() const { return {&pack, this}; }
 };
+
+// C = A B with both factors given by loaders (line i or j, depth p) and C written to split
+// planes, row-major with leading dimension ldc.
+template <class R, class LeftLoader, class RightLoader>
+void split_product(std::uint64_t m, std::uint64_t n, std::uint64_t k, const LeftLoader& left, const RightLoader& right,
+                   R* c_re, R* c_im, std::uint64_t ldc, const CpuRuntimeContext* ctx) {
+    const ComplexLeftSource<LeftLoader, R> l{left, false};
+    const SplitRightSource<RightLoader, R> r{right};
+    split_complex_gemm<R>(m, n, k, l.packer(), r.packer(), c_re, c_im, ldc, ctx);
+}
 
 } // namespace quillmark::cpu
