@@ -115,10 +115,15 @@ template <class R, class Loader> const R* contiguous_reals(const Loader& ld) noe
     return nullptr;
 }
 
-// A'' of the embedding (optionally of conj(A)); depth offsets and counts are even.
+// A'' of the embedding (optionally of conj(A)); depth offsets and counts are even. The depth is
+// taken in chunks so that a chunk of the panel stays in L1 while its lines are written one by
+// one: a whole panel is larger than L1, and lines a power of two apart would also contend for
+// the same L1 sets if they were read side by side.
 template <class Loader, class R> struct ComplexLeftSource {
     Loader ld;
     bool conjugate = false;
+
+    static constexpr std::uint64_t kChunk = 128; // reals of depth
 
     static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
                      std::uint64_t depth, std::uint64_t width) {
@@ -127,22 +132,37 @@ template <class Loader, class R> struct ComplexLeftSource {
         const R* reals = contiguous_reals<R>(s.ld);
         for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
             const std::uint64_t w = std::min(width, lines - q);
-            for (std::uint64_t l = 0; l < w; ++l) {
-                R* o = dst + l;
-                if (reals != nullptr) {
-                    // Interleaved rows are the panel's depth order already: a strided copy.
-                    const R* src = reals + 2 * ((l0 + q + l) * s.ld.ls) + d0;
-                    for (std::uint64_t x = 0; x < depth; x += 2) {
-                        o[x * width] = src[x];
-                        o[(x + 1) * width] = sign * src[x + 1];
+            for (std::uint64_t x0 = 0; x0 < depth; x0 += kChunk) {
+                const std::uint64_t x1 = std::min(depth, x0 + kChunk);
+                for (std::uint64_t l = 0; l < w; ++l) {
+                    R* o = dst + l;
+                    const std::uint64_t line = l0 + q + l;
+                    if (reals != nullptr) {
+                        // Interleaved rows are the panel's depth order already: a strided copy.
+                        const R* src = reals + 2 * line * s.ld.ls + d0;
+                        for (std::uint64_t x = x0; x < x1; x += 2) {
+                            o[x * width] = src[x];
+                            o[(x + 1) * width] = sign * src[x + 1];
+                        }
+                        continue;
                     }
-                    continue;
-                }
-                for (std::uint64_t x = 0; x < depth; x += 2) {
-                    R re, im;
-                    s.ld.at(l0 + q + l, (d0 + x) / 2, re, im);
-                    o[x * width] = re;
-                    o[(x + 1) * width] = sign * im;
+                    if constexpr (std::is_same_v<Loader, SplitComplexLoader<R, R>>) {
+                        if (s.ld.ds == 1) {
+                            const R* re = s.ld.re + line * s.ld.ls + d0 / 2;
+                            const R* im = s.ld.im + line * s.ld.ls + d0 / 2;
+                            for (std::uint64_t x = x0; x < x1; x += 2) {
+                                o[x * width] = re[x / 2];
+                                o[(x + 1) * width] = sign * im[x / 2];
+                            }
+                            continue;
+                        }
+                    }
+                    for (std::uint64_t x = x0; x < x1; x += 2) {
+                        R re, im;
+                        s.ld.at(line, (d0 + x) / 2, re, im);
+                        o[x * width] = re;
+                        o[(x + 1) * width] = sign * im;
+                    }
                 }
             }
             if (w < width)
@@ -160,6 +180,27 @@ template <class Loader, class R> struct SplitRightSource {
     static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
                      std::uint64_t depth, std::uint64_t width) {
         const auto& s = *static_cast<const SplitRightSource*>(self);
+        if constexpr (std::is_same_v<Loader, SplitComplexLoader<R, R>>) {
+            // Planes of the compute type with adjacent columns: walk the rows once, each feeding
+            // every panel, so the reads stream instead of revisiting each row once per panel.
+            if (s.ld.ls == 1) {
+                for (std::uint64_t x = 0; x < depth; x += 2) {
+                    const std::uint64_t at = ((d0 + x) / 2) * s.ld.ds + l0;
+                    const R* re = s.ld.re + at;
+                    const R* im = s.ld.im + at;
+                    R* o = dst + x * width;
+                    for (std::uint64_t q = 0; q < lines; q += width, o += depth * width) {
+                        const std::uint64_t w = std::min(width, lines - q);
+                        for (std::uint64_t l = 0; l < w; ++l) {
+                            o[l] = re[q + l];
+                            o[width + l] = im[q + l];
+                        }
+                        for (std::uint64_t l = w; l < width; ++l) o[l] = o[width + l] = R{};
+                    }
+                }
+                return;
+            }
+        }
         for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
             const std::uint64_t w = std::min(width, lines - q);
             for (std::uint64_t x = 0; x < depth; x += 2) {

@@ -28,10 +28,10 @@ inline constexpr GemmBlocking gemm_f32{6, 16, 96, 512, 4080};
 // complex64 on interleaved operands, in reals: nr = 16 floats is 8 complex columns.
 inline constexpr GemmBlocking gemm_c64{3, 16, 96, 512, 4080};
 // Split complex, nr and nc in complex columns, kc in reals (1024 = 512 steps). Measured on a
-// 512 KB-L2 core: a deep kc halves the passes over C, and a few A micro-panels per B panel with a
-// 4 MB B block beat the L2-sized A block of the real kernels.
-inline constexpr GemmBlocking gemm_split_f64{6, 4, 12, 1024, 512};
-inline constexpr GemmBlocking gemm_split_f32{6, 8, 12, 1024, 512};
+// 512 KB-L2 core: a deep kc halves the passes over C, and a few A micro-panels per B panel with an
+// 8 MB B block beat the L2-sized A block of the real kernels.
+inline constexpr GemmBlocking gemm_split_f64{6, 4, 12, 1024, 1024};
+inline constexpr GemmBlocking gemm_split_f32{6, 8, 12, 1024, 1024};
 } // namespace isa_avx256
 
 namespace isa_avx512 {
