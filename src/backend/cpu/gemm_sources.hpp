@@ -254,12 +254,14 @@ template <class R> struct InterleavedRightRowsSource {
     static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
                      std::uint64_t depth, std::uint64_t width) {
         const auto& s = *static_cast<const InterleavedRightRowsSource*>(self);
-        for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
-            const std::uint64_t w = std::min(width, lines - q);
-            for (std::uint64_t step = 0; step < depth / 2; ++step) {
-                const R* src = reinterpret_cast<const R*>(s.p + (d0 / 2 + step) * s.ld) + l0 + q;
-                R* o = dst + step * width;
-                // Fixed-size chunks: a copy of run-time length becomes a library call per row.
+        // Each row is walked once, feeding every panel in turn, so the reads stream.
+        for (std::uint64_t step = 0; step < depth / 2; ++step) {
+            const R* row = reinterpret_cast<const R*>(s.p + (d0 / 2 + step) * s.ld) + l0;
+            R* o = dst + step * width;
+            for (std::uint64_t q = 0; q < lines; q += width, o += depth * width) {
+                const std::uint64_t w = std::min(width, lines - q);
+                const R* src = row + q;
+                // Fixed-size chunks: a copy of run-time length becomes a library call.
                 std::uint64_t l = 0;
                 for (; l + 8 <= w; l += 8) std::memcpy(o + l, src + l, 8 * sizeof(R));
                 for (; l < w; ++l) o[l] = src[l];
