@@ -13,6 +13,7 @@
 
 #include "backend/cpu/structured_solver_lu.hpp"
 #include "runtime/cpu_runtime_context.hpp"
+#include "test_support.hpp"
 
 using namespace quillmark;
 using namespace quillmark::cpu;
@@ -108,10 +109,7 @@ TYPED_TEST_SUITE(BlockedLu, Types);
 TYPED_TEST(BlockedLu, MatchesTheColumnByColumnEliminationBitForBit) {
     using C = TypeParam;
     using R = RealT<C>;
-    CpuRuntimeOptions options;
-    options.hardware_concurrency_override = 4;
-    options.min_parallel_work = 1;
-    const CpuRuntimeContext workers(std::move(options));
+    const CpuRuntimeContext workers(quillmark::testing::machine_options(4));
     struct Case {
         u64 n, block;
     };
@@ -143,11 +141,12 @@ TYPED_TEST(BlockedLu, MatchesTheColumnByColumnEliminationBitForBit) {
 }
 
 // Blocked and one-panel Cholesky agree bit for bit, also on the failing pivot of an indefinite
-// matrix; the kernels agree with each other.
+// matrix and with the trailing updates on worker threads; the kernels agree with each other.
 TYPED_TEST(BlockedLu, CholeskyBlocksMatchOnePanel) {
     using C = TypeParam;
     using R = RealT<C>;
     const R eps = std::numeric_limits<R>::epsilon();
+    const CpuRuntimeContext workers(quillmark::testing::machine_options(4));
     for (const u64 n : {u64(kCholeskyBlock + 5), u64(2 * kCholeskyBlock + 1)}) {
         for (const bool definite : {true, false}) {
             const std::vector<C> b = matrix<C>(Kind::random, n, unsigned(n));
@@ -167,15 +166,17 @@ TYPED_TEST(BlockedLu, CholeskyBlocksMatchOnePanel) {
             const auto reference =
                 cholesky_eliminate<C, R>(one.data(), n, eps, one_pivots.data(), available_lu_kernels<R>()[0], 0, nullptr);
             EXPECT_EQ(reference.positive, definite);
-            for (const auto& kernels : available_lu_kernels<R>()) {
-                std::vector<C> got = a;
-                std::vector<R> pivots(n);
-                const auto have = cholesky_eliminate<C, R>(got.data(), n, eps, pivots.data(), kernels, 8, nullptr);
-                ASSERT_EQ(have.positive, reference.positive) << kernels.name;
-                EXPECT_EQ(have.step, reference.step) << kernels.name;
-                const u64 valid = reference.positive ? n : reference.step;
-                EXPECT_EQ(0, std::memcmp(pivots.data(), one_pivots.data(), valid * sizeof(R))) << kernels.name;
-            }
+            for (const auto& kernels : available_lu_kernels<R>())
+                for (const CpuRuntimeContext* ctx : {static_cast<const CpuRuntimeContext*>(nullptr), &workers}) {
+                    const std::string where = std::string(kernels.name) + (ctx ? " parallel" : "");
+                    std::vector<C> got = a;
+                    std::vector<R> pivots(n);
+                    const auto have = cholesky_eliminate<C, R>(got.data(), n, eps, pivots.data(), kernels, 8, ctx);
+                    ASSERT_EQ(have.positive, reference.positive) << where;
+                    EXPECT_EQ(have.step, reference.step) << where;
+                    const u64 valid = reference.positive ? n : reference.step;
+                    EXPECT_EQ(0, std::memcmp(pivots.data(), one_pivots.data(), valid * sizeof(R))) << where;
+                }
         }
     }
 }

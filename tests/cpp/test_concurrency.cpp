@@ -13,6 +13,7 @@
 
 #include "runtime/cpu_runtime_context.hpp"
 #include "runtime/cpu_worker_pool.hpp"
+#include "test_support.hpp"
 
 using namespace quillmark;
 
@@ -21,10 +22,7 @@ namespace {
 constexpr std::uint64_t kLimit = 2;
 
 std::shared_ptr<const CpuRuntimeContext> sharing(const std::shared_ptr<CpuWorkerBudget>& budget) {
-    CpuRuntimeOptions options;
-    options.hardware_concurrency_override = 5;
-    options.thread_count = 4;
-    options.min_parallel_work = 1;
+    CpuRuntimeOptions options = quillmark::testing::machine_options(5, 4);
     options.budget = budget;
     return std::make_shared<const CpuRuntimeContext>(std::move(options));
 }

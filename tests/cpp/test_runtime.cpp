@@ -20,6 +20,7 @@
 #include "runtime/host_allocation.hpp"
 
 using namespace quillmark;
+using quillmark::testing::machine_options;
 using quillmark::testing::message_of;
 
 namespace {
@@ -30,14 +31,6 @@ constexpr const char* kCapacity = "CpuRuntimeContext - requested CPU thread coun
                                   "reserving one logical CPU for the caller";
 constexpr const char* kWorkerPinning = "CpuRuntimeContext - strict CPU worker pinning is unsupported on this platform";
 constexpr const char* kSerialPinning = "CpuRuntimeContext - strict serial CPU pinning is unsupported on this platform";
-
-CpuRuntimeOptions on_machine(std::uint64_t cpus, std::uint64_t threads = 0) {
-    CpuRuntimeOptions options;
-    options.hardware_concurrency_override = cpus;
-    options.thread_count = threads;
-    options.min_parallel_work = 1;
-    return options;
-}
 
 std::shared_ptr<const CpuRuntimeContext> make(CpuRuntimeOptions options) {
     return std::make_shared<const CpuRuntimeContext>(std::move(options));
@@ -82,7 +75,7 @@ class CpuSelection : public ::testing::TestWithParam<SelectionCase> {};
 
 TEST_P(CpuSelection, SelectsOrRefuses) {
     const auto& c = GetParam();
-    auto options = on_machine(c.cpus, c.threads);
+    auto options = machine_options(c.cpus, c.threads);
     options.numa_policy = c.numa;
     options.numa_nodes = c.nodes;
     options.logical_cpus = c.logical;
@@ -117,7 +110,7 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- pinning ----
 
 TEST(CpuRuntime, StrictPinning) {
-    auto one = on_machine(8, 1);
+    auto one = machine_options(8, 1);
     one.pinning_policy = CpuPolicy::strict;
     auto context = make(one);
     bool ran = false;
@@ -125,13 +118,13 @@ TEST(CpuRuntime, StrictPinning) {
     EXPECT_FALSE(ran);
 
     for (std::uint64_t threads : {0u, 2u}) {
-        auto many = on_machine(8, threads);
+        auto many = machine_options(8, threads);
         many.pinning_policy = CpuPolicy::strict;
         EXPECT_EQ(message_of<std::runtime_error>([&] { make(many); }), kWorkerPinning) << threads;
     }
 
     // auto pins nothing and refuses nothing.
-    auto options = on_machine(8, 4);
+    auto options = machine_options(8, 4);
     options.pinning_policy = CpuPolicy::auto_;
     make(options)->run([&] { ran = true; });
     EXPECT_TRUE(ran);
@@ -140,7 +133,7 @@ TEST(CpuRuntime, StrictPinning) {
 // ---- parallel_for_chunks ----
 
 TEST(ParallelFor, ChunksCoverTheRangeAndRunOffTheCaller) {
-    auto context = make(on_machine(5, 4));
+    auto context = make(machine_options(5, 4));
     ChunkLog log;
     context->parallel_for_chunks(0, 10, 1, log.body());
     EXPECT_EQ(log.sorted(), (std::vector<Range>{{0, 2}, {2, 5}, {5, 7}, {7, 10}}));
@@ -160,7 +153,7 @@ class ParallelForSerial : public ::testing::TestWithParam<SerialCase> {};
 
 TEST_P(ParallelForSerial, RunsOnceOnTheCaller) {
     const auto& c = GetParam();
-    auto options = on_machine(8, c.threads);
+    auto options = machine_options(8, c.threads);
     options.min_parallel_work = c.min_work;
     auto context = make(options);
     ChunkLog log;
@@ -181,7 +174,7 @@ INSTANTIATE_TEST_SUITE_P(Runtime, ParallelForSerial,
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ParallelFor, NestedLoopRunsSeriallyOnTheWorker) {
-    auto context = make(on_machine(5, 4));
+    auto context = make(machine_options(5, 4));
     std::mutex mutex;
     std::vector<std::pair<std::thread::id, std::thread::id>> inner_vs_outer;
     std::vector<Range> inner_ranges;
@@ -199,7 +192,7 @@ TEST(ParallelFor, NestedLoopRunsSeriallyOnTheWorker) {
 }
 
 TEST(ParallelFor, OneExceptionAfterEveryChunkFinished) {
-    auto context = make(on_machine(5, 4));
+    auto context = make(machine_options(5, 4));
     std::atomic<int> finished{0};
     int caught = 0;
     try {
@@ -218,7 +211,7 @@ TEST(ParallelFor, OneExceptionAfterEveryChunkFinished) {
 }
 
 TEST(ParallelFor, ManyCallersShareOneContext) {
-    auto context = make(on_machine(5, 4));
+    auto context = make(machine_options(5, 4));
     constexpr int kCallers = 4, kLoops = 60;
     constexpr std::uint64_t kN = 1000;
     std::atomic<int> wrong{0};
@@ -262,10 +255,10 @@ TEST(CpuWorkerPool, StopDrainsQueueThenRefuses) {
 // ---- operand NUMA check ----
 
 TEST(OperandNuma, UsesContextAsIsOrDerives) {
-    auto context = make(on_machine(8));
+    auto context = make(machine_options(8));
     EXPECT_EQ(runtime_for_operand_node(context, -1), context);
 
-    auto disabled_options = on_machine(8);
+    auto disabled_options = machine_options(8);
     disabled_options.numa_policy = CpuPolicy::disabled;
     auto disabled = make(disabled_options);
     EXPECT_EQ(runtime_for_operand_node(disabled, 5), disabled); // not even checked
@@ -281,14 +274,14 @@ TEST(OperandNuma, UsesContextAsIsOrDerives) {
 
 TEST(OperandNuma, NodeOutsideTheTopology) {
     for (CpuPolicy policy : {CpuPolicy::auto_, CpuPolicy::strict}) {
-        auto options = on_machine(4);
+        auto options = machine_options(4);
         options.numa_policy = policy;
         auto context = make(options);
         EXPECT_EQ(message_of<std::invalid_argument>([&] { runtime_for_operand_node(context, 3); }),
                   "CpuProcessStep - requested operand NUMA node is unavailable: 3");
     }
     // Non-strict with a requested node that is not the operand's: used as it is.
-    auto options = on_machine(4);
+    auto options = machine_options(4);
     options.numa_nodes = {2};
     auto context = make(options);
     EXPECT_EQ(runtime_for_operand_node(context, 0), context);

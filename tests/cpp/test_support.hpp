@@ -1,6 +1,9 @@
 #pragma once
+#include <cstdint>
 #include <exception>
 #include <string>
+
+#include "runtime/cpu_runtime_context.hpp"
 
 namespace quillmark::testing {
 
@@ -12,6 +15,15 @@ template <class E = std::exception, class F> std::string message_of(F&& f) {
         return e.what();
     }
     return "";
+}
+
+// Runtime options for a machine of `cpus` logical CPUs on which even the smallest loop is split.
+inline CpuRuntimeOptions machine_options(std::uint64_t cpus, std::uint64_t threads = 0) {
+    CpuRuntimeOptions options;
+    options.hardware_concurrency_override = cpus;
+    options.thread_count = threads;
+    options.min_parallel_work = 1;
+    return options;
 }
 
 } // namespace quillmark::testing

@@ -24,6 +24,23 @@ def real_dtype(dtype):
     return np.empty(0, dtype).real.dtype
 
 
+def positive_definite(rng, n, dtype):
+    """A well-conditioned Hermitian positive definite matrix."""
+    a = random_array(rng, (n, n), dtype)
+    gram = a @ a.conj().T
+    return ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
+
+
+def misaligned(dtype, shape=3, offset=1):
+    """Zeros of `dtype` starting `offset` bytes past an aligned address."""
+    count = int(np.prod(shape))
+    return np.zeros(count * np.dtype(dtype).itemsize + offset, np.uint8)[offset:].view(dtype).reshape(shape)
+
+
+def host(bindings):
+    return {role: "host" for role in bindings}
+
+
 @pytest.fixture(scope="session")
 def ctx():
     if not hasattr(quillmark, "Context"):
@@ -40,5 +57,4 @@ def run(ctx, operation, inputs, outputs, compute_dtypes=None):
     """Bind inputs as Input0.., outputs as Output0.. on the host and execute."""
     bindings = {f"Input{i}": a for i, a in enumerate(inputs)}
     bindings.update({f"Output{j}": a for j, a in enumerate(outputs)})
-    locations = {role: "host" for role in bindings}
-    return ctx.execute(operation, bindings, locations, compute_dtypes or {})
+    return ctx.execute(operation, bindings, host(bindings), compute_dtypes or {})

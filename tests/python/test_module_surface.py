@@ -1,15 +1,54 @@
-"""Classes of quillmark._native: catalogue, builder, context, structured operands, LUFactor."""
+"""quillmark._native: module functions, catalogue, builder, context, structured operands, LUFactor."""
 import ml_dtypes
 import numpy as np
 import pytest
 
+import quillmark
 from quillmark import _native
-from quillmark._dtypes import complex32, to_complex32
+from quillmark._dtypes import complex32, from_complex32, to_complex32
+
+from conftest import FLOATING, TOLERANCE, misaligned, random_array, run
 
 
 @pytest.fixture(scope="module")
 def catalogue():
     return _native.ContextBuilder().build()
+
+
+# ---- module functions and the complex32 dtype
+
+
+def test_module_surface():
+    assert _native.__doc__ == "Private native implementation for quillmark"
+    assert _native.available_backends() == ("cpu",)
+    assert _native.cuda_is_available() is False
+    assert _native.cuda_device_count() == 0
+    info = _native.build_info()
+    assert list(info) == ["version", "cuda", "cuda_architectures", "cpu_simd", "cpu_simd_compiled", "nanobind_major"]
+    assert info["version"] == "0.1.1" and info["cuda"] is False and info["nanobind_major"] == 2
+    assert info["cpu_simd"] in ("AVX2", "AVX512")
+    assert info["cpu_simd_compiled"] == "AVX2,AVX512"
+
+
+def test_numeric_policies_order():
+    pairs = [(p["dtype"], p["compute_dtype"]) for p in _native.numeric_policies()]
+    assert pairs == [
+        ("complex32", "complex64"), ("float16", "float32"), ("bfloat16", "float32"), ("float64", "float64"),
+        ("complex128", "complex128"), ("float32", "float32"), ("int32", "int32"), ("complex64", "complex64"),
+    ]
+    assert all(list(p) == ["dtype", "compute_dtype", "default"] and p["default"] is True
+               for p in _native.numeric_policies())
+
+
+def test_complex32_helpers_round_trip():
+    assert complex32.itemsize == 4 and complex32.names == ("real", "imag")
+    values = np.array([1 + 2j, -0.5j, 65520 + 0j], dtype=np.complex128)
+    packed = to_complex32(values)
+    back = from_complex32(packed)
+    assert back.dtype == np.complex64
+    assert back[0] == 1 + 2j and back[1] == -0.5j and np.isinf(back[2].real)
+    assert to_complex32(np.array([3.0]))["imag"][0] == 0
+    assert quillmark.complex32 is complex32
 
 
 # ---- ContextBuilder and _Catalogue
@@ -147,17 +186,13 @@ def test_lu_operand_complex32_and_foreign_byte_order():
     np.testing.assert_array_equal(_native.LUOperand(swapped).factors, swapped)
 
 
-def misaligned_matrix():
-    return np.frombuffer(bytes(8 * 9 + 4), np.float64, 9, offset=4).reshape(3, 3)
-
-
 @pytest.mark.parametrize("args, message", [
     ((np.zeros((3, 4)),), "LUOperand - matrix must be square"),
     ((np.zeros(3),), "LUOperand - matrix must be square"),
     ((np.zeros((3, 3), np.int32),), "LUOperand - matrix requires floating point storage"),
     ((np.zeros((2, 2), bool),), "LUOperand - matrix requires floating point storage"),
     ((np.zeros((3, 3), np.float32), "float64"), "LUOperand - explicit dtype does not match array storage"),
-    ((misaligned_matrix(),), "LUOperand - input must be aligned"),
+    ((misaligned(np.float64, (3, 3), offset=4),), "LUOperand - input must be aligned"),
     ((np.zeros((2, 2), np.float32), "", "float64"), "structured operand - uncompiled storage/compute dtype policy"),
     ((3, "float99"), "structured operand - uncompiled storage/compute dtype policy"),
     ((3, "int32"), "structured operand requires a float32/64 or complex64/128 factor policy"),
@@ -184,22 +219,15 @@ def test_eigen_operand():
 # ---- LUFactor
 
 
-@pytest.mark.parametrize("dtype", [np.float32, np.float64, np.complex64, np.complex128])
-def test_lu_factor_solve_and_logdet(ctx, rng, dtype):
-    from conftest import random_array
-
+@pytest.mark.parametrize("dtype", FLOATING)
+def test_lu_factor_logdet(ctx, rng, dtype):
+    # Solving with an LUFactor is covered in test_solvers.
     a = random_array(rng, (6, 6), dtype)
     factor = _native.LUFactor(a, ctx)
     assert (factor.size, factor.dtype) == (6, np.dtype(dtype).name)
-    tol = 1e-3 if np.dtype(dtype) in (np.float32, np.complex64) else 1e-10
-    rhs = random_array(rng, 6, dtype)  # blocks of right-hand sides: test_solvers
-    x = rhs.copy()
-    assert factor.solve(x) is None
-    np.testing.assert_allclose(a @ x, rhs, rtol=tol, atol=tol)
-
     logdet = factor.logdet()
     assert isinstance(logdet, complex)
-    np.testing.assert_allclose(np.exp(logdet), np.linalg.det(a.astype(np.complex128)), rtol=tol * 10)
+    np.testing.assert_allclose(np.exp(logdet), np.linalg.det(a.astype(np.complex128)), rtol=TOLERANCE[dtype] * 50)
 
 
 def test_lu_factor_logdet_of_negative_determinant(ctx):
@@ -223,29 +251,38 @@ def test_lu_factor_solve_refuses(ctx, rhs, error, message):
     np.testing.assert_array_equal(rhs, before)
 
 
-# ---- Native errors from solvers
+# ---- Native errors from solvers and dispatch
 
 
-def test_singular_lu_factor_raises_native_error(ctx):
+# Each case: the failing call (given the context and its output), the message, and the attributes.
+NATIVE_FAILURES = {
+    "singular": (lambda ctx, out: _native.LUFactor(np.array([[1.0, 2.0, 3.0], [2.0, 4.0, 6.0], [1.0, 0.0, 1.0]]), ctx),
+                 "LU factorisation - singular matrix at pivot 2",
+                 {"reason": "singular", "library": "CPU", "operation": "quillmark.lu_factor", "native_status": 2}),
+    "indefinite": (lambda ctx, out: run(ctx, "quillmark.logdet_positive_definite@1",
+                                        [np.array([[1.0, 2.0], [2.0, 1.0]])], [out[0, 0:1].reshape(())]),
+                   None,
+                   {"reason": "solver_failure", "library": "CPU", "operation": "quillmark.logdet_positive_definite"}),
+    # Marshalling accepts a real column-major matrix; no adapter bridges real layouts.
+    "real column-major": (lambda ctx, out: run(ctx, "quillmark.transpose@1",
+                                               [np.asfortranarray(np.arange(6.0).reshape(2, 3))], [out]),
+                          "BackendDispatcher::dispatch - no backend entry available",
+                          {"reason": "no_backend_available"}),
+}
+
+
+@pytest.mark.parametrize("case", list(NATIVE_FAILURES))
+def test_native_errors(ctx, case):
+    call, message, attributes = NATIVE_FAILURES[case]
+    out = np.zeros((3, 2))
     with pytest.raises(_native.NativeError) as info:
-        _native.LUFactor(np.array([[1.0, 2.0, 3.0], [2.0, 4.0, 6.0], [1.0, 0.0, 1.0]]), ctx)
+        call(ctx, out)
     err = info.value
-    assert isinstance(err, RuntimeError)
-    assert (err.reason, err.library, err.operation) == ("singular", "CPU", "quillmark.lu_factor")
-    assert isinstance(err.native_status, int) and str(err.native_status) in str(err)
-    assert err.detail and not hasattr(err, "status_name")
-
-
-def test_failed_cholesky_pivot_raises_native_error(ctx):
-    out = np.zeros(())
-    with pytest.raises(_native.NativeError) as info:
-        ctx.execute("quillmark.logdet_positive_definite@1", {"Input0": np.array([[1.0, 2.0], [2.0, 1.0]]),
-                                                              "Output0": out},
-                    {"Input0": "host", "Output0": "host"})
-    err = info.value
-    assert err.operation == "quillmark.logdet_positive_definite" and err.library == "CPU"
-    assert err.reason == "solver_failure" and isinstance(err.native_status, int) and err.detail
-    assert out == 0
+    assert isinstance(err, RuntimeError) and not hasattr(err, "status_name")
+    assert message is None or str(err) == message
+    assert {name: getattr(err, name) for name in attributes} == attributes
+    assert not hasattr(err, "library") or (isinstance(err.native_status, int) and err.detail)
+    assert not out.any()
 
 
 def test_never_factorised_operand_fails_solve(ctx):

@@ -17,6 +17,8 @@ import pytest
 import quillmark
 from quillmark import _native
 
+from conftest import host
+
 ROOT = Path(__file__).resolve().parents[2]
 SOURCE = Path(__file__).parent / "plugins" / "probe_plugin.c"
 CC = shutil.which("cc")
@@ -72,10 +74,6 @@ def in_child(fn, *args):
     if outcome is None:
         pytest.fail(f"plugin child ended without a result (exit code {process.exitcode})")
     return outcome
-
-
-def host(bindings):
-    return {role: "host" for role in bindings}
 
 
 def snapshot(catalogue):

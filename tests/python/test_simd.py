@@ -147,23 +147,6 @@ def test_power_iteration_refuses_non_finite_and_reports_stalls(ctx):
     assert info.value.reason == "non_convergence"
 
 
-def test_output_overlapping_an_input(ctx, rng):
-    a, b = c64(rng, (9, 9)), c64(rng, (9, 9))
-    want = wide(a) @ wide(b)
-    run(ctx, "quillmark.matmul@1", [a, b], [a])
-    assert_close(a, want, scale=3)
-
-
-def test_describe_lists_simd_implementations(ctx):
-    catalogue = quillmark.ContextBuilder().build()
-    simd = [i for i in catalogue.describe("quillmark.eig@1")["implementations"] if i["backend"] == "cpu_simd"]
-    assert len(simd) == 1
-    numerics = simd[0]["numerics"]
-    assert numerics["algorithm"] == "simd.balanced_shifted_qr_iteration.schur_back_substitution"
-    assert numerics["precision"]["mode"] == "mixed"
-    assert {p["name"]: p["value"] for p in numerics["parameters"]}["exceptional_shift_interval"] == 16
-
-
 ENGINES = [
     pytest.param("AVX2"),
     pytest.param("AVX512", marks=pytest.mark.skipif(not HAS_AVX512, reason="the CPU lacks AVX-512")),

@@ -1,9 +1,10 @@
 """Solver results that must not depend on how the work is split: many right-hand sides against
 one at a time, and the blocked factorisations against the NumPy/SciPy answers at orders past the
-block size."""
+block size. (Worker threads against the serial bits: test_blocked_lu.cpp, which can simulate a
+machine with spare CPUs.)"""
 import numpy as np
 import pytest
-from conftest import FLOATING, TOLERANCE, random_array, real_dtype, run
+from conftest import FLOATING, TOLERANCE, positive_definite, random_array, real_dtype, run
 
 from quillmark import _native
 
@@ -33,8 +34,7 @@ def test_blocked_factorisations_match_references(ctx, rng, dtype, n):
     np.testing.assert_allclose(logabs, want_logabs, rtol=tol)
     np.testing.assert_allclose(sign, want_sign, atol=tol)
 
-    gram = a @ a.conj().T
-    spd = ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
+    spd = positive_definite(rng, n, dtype)
     out = np.zeros((), real_dtype(dtype))
     run(ctx, "quillmark.logdet_positive_definite@1", [spd], [out])
     np.testing.assert_allclose(out, np.linalg.slogdet(spd.astype(np.complex128))[1], rtol=tol)
@@ -44,25 +44,3 @@ def test_blocked_factorisations_match_references(ctx, rng, dtype, n):
     x = rhs.copy()
     factor.solve(x)
     np.testing.assert_allclose(a.astype(np.complex128) @ x, rhs, atol=tol * 10)
-
-
-@pytest.mark.parametrize("dtype", [np.float64, np.complex128])
-def test_worker_threads_give_the_serial_bits(ctx, rng, dtype):
-    try:
-        workers = _native.Context(thread_count=2, min_parallel_work=1)
-    except ValueError:
-        pytest.skip("this machine cannot spare two worker threads")
-    n = 300
-    a = random_array(rng, (n, n), dtype)
-    factors = []
-    for context in (ctx, workers):
-        lu = _native.LUOperand(a)
-        run(context, "quillmark.lu_factor@1", [], [lu])
-        factors.append((lu.factors.tobytes(), lu.pivots.tobytes()))
-    assert factors[0] == factors[1]
-    gram = a @ a.conj().T
-    spd = ((gram + gram.conj().T) / 2 + n * np.eye(n)).astype(dtype)
-    outs = [np.zeros((), real_dtype(dtype)) for _ in range(2)]
-    for context, out in zip((ctx, workers), outs):
-        run(context, "quillmark.logdet_positive_definite@1", [spd], [out])
-    assert outs[0].tobytes() == outs[1].tobytes()
