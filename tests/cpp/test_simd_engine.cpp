@@ -168,7 +168,8 @@ TYPED_TEST(SplitComplexGemm, ReproducesTheRealEmbedding) {
                                  {split.mc + mr + 2, 3, 2 * steps + 1}};
         for (const auto& [m, n, k] : shapes)
             for (const bool b_rows : {true, false}) {
-                SCOPED_TRACE(testing::Message() << split.name << " " << m << "x" << k << "x" << n << " B rows " << b_rows);
+                SCOPED_TRACE(testing::Message() << split.name << " " << m << "x" << k << "x" << n << " B rows "
+                                                << b_rows);
                 std::vector<R> ar(m * k), ai(m * k), br(k * n), bi(k * n);
                 for (auto* v : {&ar, &ai, &br, &bi})
                     for (auto& x : *v) x = d(rng);

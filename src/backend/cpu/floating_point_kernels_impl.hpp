@@ -680,7 +680,8 @@ QM_KERNEL(void)::matmul(const Matrix& a, const Matrix& b, const Matrix& out, Ctx
     // Split planes of the compute type take the product straight into their planes.
     if constexpr (L == ComplexLayout::split && std::is_same_v<typename P::storage_type, C>) {
         if (!detail::views_overlap(out, a) && !detail::views_overlap(out, b)) {
-            if (out.layout == MatrixLayout::column_major) split_product<R>(n, m, k, b_lines, a_lines, out.re, out.im, m, ctx);
+            if (out.layout == MatrixLayout::column_major)
+                split_product<R>(n, m, k, b_lines, a_lines, out.re, out.im, m, ctx);
             else split_product<R>(m, n, k, a_lines, b_lines, out.re, out.im, n, ctx);
             return;
         }

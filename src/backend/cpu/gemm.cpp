@@ -39,18 +39,19 @@ template <class R> GemmKernelInfo<R> portable_kernel() {
     else return {"portable", 4, 8, 128, 256, 2048, &portable_tile<R, 4, 8>};
 }
 
-template <class R> GemmKernelInfo<R> from_config(std::string_view name, const GemmBlocking& b, GemmMicroKernel<R> k) {
+template <class Info, class Kernel> Info from_config(std::string_view name, const GemmBlocking& b, Kernel k) {
     return {name, b.mr, b.nr, b.mc, b.kc, b.nc, k};
 }
 
 template <class R> std::vector<GemmKernelInfo<R>> simd_kernels(bool avx2, bool avx512) {
-    std::vector<GemmKernelInfo<R>> out;
+    using Info = GemmKernelInfo<R>;
+    std::vector<Info> out;
     if constexpr (std::is_same_v<R, double>) {
-        if (avx2) out.push_back(from_config<R>("AVX2", isa_avx256::gemm_f64, &gemm_microkernel_f64_avx2));
-        if (avx512) out.push_back(from_config<R>("AVX512", isa_avx512::gemm_f64, &gemm_microkernel_f64_avx512));
+        if (avx2) out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_f64, &gemm_microkernel_f64_avx2));
+        if (avx512) out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_f64, &gemm_microkernel_f64_avx512));
     } else if constexpr (std::is_same_v<R, float>) {
-        if (avx2) out.push_back(from_config<R>("AVX2", isa_avx256::gemm_f32, &gemm_microkernel_f32_avx2));
-        if (avx512) out.push_back(from_config<R>("AVX512", isa_avx512::gemm_f32, &gemm_microkernel_f32_avx512));
+        if (avx2) out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_f32, &gemm_microkernel_f32_avx2));
+        if (avx512) out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_f32, &gemm_microkernel_f32_avx512));
     }
     return out;
 }
@@ -87,21 +88,19 @@ template <class R> SplitGemmKernelInfo<R> portable_split_kernel() {
     return {"portable", 2, 4, 128, 256, 2048, &portable_split_tile<R, 2, 4>};
 }
 
-template <class R>
-SplitGemmKernelInfo<R> split_from_config(std::string_view name, const GemmBlocking& b, SplitGemmMicroKernel<R> k) {
-    return {name, b.mr, b.nr, b.mc, b.kc, b.nc, k};
-}
-
 template <class R> std::vector<SplitGemmKernelInfo<R>> simd_split_kernels(bool avx2, bool avx512) {
-    std::vector<SplitGemmKernelInfo<R>> out;
+    using Info = SplitGemmKernelInfo<R>;
+    std::vector<Info> out;
     if constexpr (std::is_same_v<R, double>) {
-        if (avx2) out.push_back(split_from_config<R>("AVX2", isa_avx256::gemm_split_f64, &gemm_split_microkernel_f64_avx2));
+        if (avx2)
+            out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_split_f64, &gemm_split_microkernel_f64_avx2));
         if (avx512)
-            out.push_back(split_from_config<R>("AVX512", isa_avx512::gemm_split_f64, &gemm_split_microkernel_f64_avx512));
+            out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_split_f64, &gemm_split_microkernel_f64_avx512));
     } else {
-        if (avx2) out.push_back(split_from_config<R>("AVX2", isa_avx256::gemm_split_f32, &gemm_split_microkernel_f32_avx2));
+        if (avx2)
+            out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_split_f32, &gemm_split_microkernel_f32_avx2));
         if (avx512)
-            out.push_back(split_from_config<R>("AVX512", isa_avx512::gemm_split_f32, &gemm_split_microkernel_f32_avx512));
+            out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_split_f32, &gemm_split_microkernel_f32_avx512));
     }
     return out;
 }
@@ -154,10 +153,13 @@ std::uint64_t round_up(std::uint64_t v, std::uint64_t m) { return (v + m - 1) / 
 
 // Where the driver's tiles land: a real matrix, or the two planes of a split complex one. Edge
 // tiles are computed into a scratch tile and the valid part merged.
-template <class R> void merge(R* c, std::uint64_t ldc, const R* t, std::uint64_t ldt, std::uint64_t mr, std::uint64_t nr,
-                              bool accumulate) {
+template <class R>
+void merge(R* c, std::uint64_t ldc, const R* t, std::uint64_t ldt, std::uint64_t mr, std::uint64_t nr, bool accumulate) {
     for (std::uint64_t i = 0; i < mr; ++i)
-        for (std::uint64_t j = 0; j < nr; ++j) c[i * ldc + j] = accumulate ? c[i * ldc + j] + t[i * ldt + j] : t[i * ldt + j];
+        for (std::uint64_t j = 0; j < nr; ++j) {
+            R& out = c[i * ldc + j];
+            out = accumulate ? out + t[i * ldt + j] : t[i * ldt + j];
+        }
 }
 
 constexpr std::uint64_t kScratch = 16 * 64;

@@ -104,9 +104,9 @@ bool pack_right_runs(const Loader& ld, R* dst, std::uint64_t j0, std::uint64_t w
     return false;
 }
 
-// The complex element (line, depth) of `ld` sits at real offsets 2x, 2x + 1 of `reals(ld)` with
-// x = line * ls + depth, when the loader reads complex numbers of the compute type along a
-// contiguous depth; null otherwise.
+// The loader's storage as reals when it holds complex numbers of the compute type with the depth
+// contiguous (element (line, depth) at reals 2 (line * ls + depth) and the one after); null
+// otherwise.
 template <class R, class Loader> const R* contiguous_reals(const Loader& ld) noexcept {
     if constexpr (requires { ld.p; }) {
         if constexpr (std::is_same_v<std::remove_cv_t<std::remove_pointer_t<decltype(ld.p)>>, std::complex<R>>)

@@ -29,6 +29,13 @@ template <class Step, class Fetch> inline void run_steps(std::uint64_t steps, St
     for (std::uint64_t p = early; p < steps; ++p) step();
 }
 
+template <class V, std::uint32_t MR, std::uint32_t NV> inline void clear(typename V::vector (&acc)[MR][NV]) noexcept {
+#pragma GCC unroll 16
+    for (std::uint32_t i = 0; i < MR; ++i)
+#pragma GCC unroll 4
+        for (std::uint32_t v = 0; v < NV; ++v) acc[i][v] = V::zero();
+}
+
 } // namespace tile_detail
 
 // c[i*ldc + j] (+)= sum_p a[p*MR + i] * b[p*NR + j] for an MR x (NV * V::lanes) tile.
@@ -36,10 +43,7 @@ template <class V, std::uint32_t MR, std::uint32_t NV>
 inline void gemm_tile(std::uint64_t kc, const typename V::scalar* a, const typename V::scalar* b,
                       typename V::scalar* c, std::uint64_t ldc, bool accumulate) noexcept {
     typename V::vector acc[MR][NV];
-#pragma GCC unroll 16
-    for (std::uint32_t i = 0; i < MR; ++i)
-#pragma GCC unroll 4
-        for (std::uint32_t v = 0; v < NV; ++v) acc[i][v] = V::zero();
+    tile_detail::clear<V>(acc);
     auto step = [&]() __attribute__((always_inline)) {
         typename V::vector bv[NV];
 #pragma GCC unroll 4
@@ -73,10 +77,8 @@ inline void complex_gemm_tile(std::uint64_t kc, const float* a, const float* b, 
                               bool accumulate) noexcept {
     using F = typename Z::real;
     typename F::vector re[MR][NV], im[MR][NV];
-#pragma GCC unroll 16
-    for (std::uint32_t i = 0; i < MR; ++i)
-#pragma GCC unroll 4
-        for (std::uint32_t v = 0; v < NV; ++v) re[i][v] = im[i][v] = F::zero();
+    tile_detail::clear<F>(re);
+    tile_detail::clear<F>(im);
     auto step = [&]() __attribute__((always_inline)) {
         typename F::vector bv[NV];
 #pragma GCC unroll 4
@@ -114,10 +116,8 @@ inline void split_complex_gemm_tile(std::uint64_t kc, const typename F::scalar* 
                                     bool accumulate) noexcept {
     constexpr std::uint32_t NR = NV * F::lanes;
     typename F::vector re[MR][NV], im[MR][NV];
-#pragma GCC unroll 16
-    for (std::uint32_t i = 0; i < MR; ++i)
-#pragma GCC unroll 4
-        for (std::uint32_t v = 0; v < NV; ++v) re[i][v] = im[i][v] = F::zero();
+    tile_detail::clear<F>(re);
+    tile_detail::clear<F>(im);
     auto step = [&]() __attribute__((always_inline)) {
         typename F::vector br[NV], bi[NV];
 #pragma GCC unroll 4
