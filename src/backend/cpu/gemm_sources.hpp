@@ -125,6 +125,29 @@ template <class Loader, class R> struct ComplexLeftSource {
 
     static constexpr std::uint64_t kChunk = 128; // reals of depth
 
+    // A full panel of a few interleaved rows, step by step: the rows are read side by side and
+    // each step's 2W reals are written in one run. False for widths without an unrolled form.
+    template <std::uint64_t W>
+    static void pack_rows(const R* src, std::uint64_t stride, R* dst, std::uint64_t depth, R sign) noexcept {
+        const R* row[W];
+        for (std::uint64_t l = 0; l < W; ++l) row[l] = src + l * stride;
+        for (std::uint64_t x = 0; x < depth; x += 2, dst += 2 * W) {
+#pragma GCC unroll 8
+            for (std::uint64_t l = 0; l < W; ++l) {
+                dst[l] = row[l][x];
+                dst[W + l] = sign * row[l][x + 1];
+            }
+        }
+    }
+    static bool pack_full_panel(const R* src, std::uint64_t stride, R* dst, std::uint64_t depth, std::uint64_t width,
+                                R sign) noexcept {
+        switch (width) {
+        case 3: return pack_rows<3>(src, stride, dst, depth, sign), true;
+        case 4: return pack_rows<4>(src, stride, dst, depth, sign), true;
+        default: return false;
+        }
+    }
+
     static void pack(const void* self, R* dst, std::uint64_t l0, std::uint64_t lines, std::uint64_t d0,
                      std::uint64_t depth, std::uint64_t width) {
         const auto& s = *static_cast<const ComplexLeftSource*>(self);
@@ -132,6 +155,9 @@ template <class Loader, class R> struct ComplexLeftSource {
         const R* reals = contiguous_reals<R>(s.ld);
         for (std::uint64_t q = 0; q < lines; q += width, dst += depth * width) {
             const std::uint64_t w = std::min(width, lines - q);
+            if (reals != nullptr && w == width && pack_full_panel(reals + 2 * (l0 + q) * s.ld.ls + d0, 2 * s.ld.ls, dst,
+                                                                   depth, width, sign))
+                continue;
             for (std::uint64_t x0 = 0; x0 < depth; x0 += kChunk) {
                 const std::uint64_t x1 = std::min(depth, x0 + kChunk);
                 for (std::uint64_t l = 0; l < w; ++l) {
