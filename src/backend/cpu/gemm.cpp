@@ -175,6 +175,11 @@ template <class R> struct RealSink {
               std::uint64_t nr, std::uint64_t MR, std::uint64_t NR, bool accumulate) const {
         R* ct = c + i * ldc + j;
         if (mr == MR && nr == NR) return kernel(kc, a, b, ct, ldc, accumulate);
+        edge(kc, a, b, ct, mr, nr, NR, accumulate);
+    }
+    // Out of line, so that the scratch tile's stack frame is only set up for edge tiles.
+    [[gnu::noinline]] void edge(std::uint64_t kc, const R* a, const R* b, R* ct, std::uint64_t mr, std::uint64_t nr,
+                                std::uint64_t NR, bool accumulate) const {
         alignas(64) R scratch[kScratch];
         kernel(kc, a, b, scratch, NR, false);
         merge(ct, ldc, scratch, NR, mr, nr, accumulate);
@@ -194,6 +199,10 @@ template <class R> struct SplitSink {
               std::uint64_t nr, std::uint64_t MR, std::uint64_t NR, bool accumulate) const {
         const std::uint64_t at = i * ldc + j;
         if (mr == MR && nr == NR) return kernel(kc, a, b, re + at, im + at, ldc, accumulate);
+        edge(kc, a, b, at, mr, nr, NR, accumulate);
+    }
+    [[gnu::noinline]] void edge(std::uint64_t kc, const R* a, const R* b, std::uint64_t at, std::uint64_t mr,
+                                std::uint64_t nr, std::uint64_t NR, bool accumulate) const {
         alignas(64) R scratch[2 * kScratch];
         kernel(kc, a, b, scratch, scratch + kScratch, NR, false);
         merge(re + at, ldc, scratch, NR, mr, nr, accumulate);
