@@ -210,8 +210,8 @@ template <class R> struct SplitSink {
     }
 };
 
-// One packed A block against one packed B block: each B micro-panel stays in L1 while the A
-// micro-panels stream past it from L2.
+// One packed A block against one packed B block: each B micro-panel serves every A micro-panel
+// of the block before the next one is read.
 template <class R, class Sink>
 void macro_kernel(const Sink& sink, std::uint64_t MR, std::uint64_t NR, std::uint64_t mc, std::uint64_t nc,
                   std::uint64_t kc, const R* apack, const R* bpack, std::uint64_t ic, std::uint64_t jc,
