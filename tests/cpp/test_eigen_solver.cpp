@@ -6,6 +6,7 @@
 #include <functional>
 #include <limits>
 #include <random>
+#include <string>
 #include <vector>
 
 #include "backend/cpu/fallback_complex_eigen_solver.hpp"
@@ -132,7 +133,7 @@ TYPED_TEST_SUITE(EigenTyped, ComputeTypes);
 TYPED_TEST(EigenTyped, RandomMatricesGiveUnitVectorsWithSmallResiduals) {
     using C = TypeParam;
     for (MatrixLayout layout : kLayouts)
-        for (Index n : {1u, 2u, 5u, 16u}) {
+        for (Index n : {1u, 2u, 5u, 16u, 37u}) {
             const Matrix<C> a = random_matrix<C>(n, layout, 100 + unsigned(n));
             const Decomposed d = run_eig(a, layout);
             EXPECT_LT(worst_residual(a, d), 50 * n * eps_of<C>()) << n;
@@ -144,6 +145,42 @@ TYPED_TEST(EigenTyped, RandomMatricesGiveUnitVectorsWithSmallResiduals) {
             }
             EXPECT_LT(std::abs(trace - sum), 100 * n * eps_of<C>() * (1 + std::abs(trace)));
         }
+}
+
+TYPED_TEST(EigenTyped, BlockTriangularMatricesDeflateInsideTheWindow) {
+    using C = TypeParam;
+    // Zero blocks below the diagonal split the QR iteration into windows that start past the first
+    // row, so delayed rotations reach the rows above a window and the columns right of it.
+    const Index sizes[] = {9, 23, 14};
+    const Index n = 46;
+    std::mt19937 gen(8);
+    std::normal_distribution<double> dist;
+    std::vector<Index> block(n);
+    for (Index i = 0, b = 0, end = sizes[0]; i < n; ++i) {
+        if (i == end) end += sizes[++b];
+        block[i] = b;
+    }
+    const Matrix<C> a = build<C>(n, MatrixLayout::row_major, [&](Index i, Index j) {
+        const Zd v(dist(gen), dist(gen));
+        return block[i] > block[j] ? Zd(0) : v;
+    });
+    const Decomposed d = run_eig(a, MatrixLayout::column_major);
+    EXPECT_LT(worst_residual(a, d), 100 * n * eps_of<C>());
+    // The spectrum is the union of the diagonal blocks' spectra.
+    std::vector<Zd> want;
+    for (Index b = 0, start = 0; b < 3; start += sizes[b++]) {
+        const Matrix<C> diagonal = build<C>(sizes[b], MatrixLayout::row_major,
+                                            [&](Index i, Index j) { return a.at(start + i, start + j); });
+        const Decomposed part = run_eig(diagonal, MatrixLayout::row_major);
+        want.insert(want.end(), part.values.begin(), part.values.end());
+    }
+    // Single precision deflates at a relative 1e-4, which moves sensitive pairs by about as much.
+    const double tolerance = std::max(1e3 * eps_of<C>(), 10 * default_eigen_options<C>().convergence_tolerance);
+    for (const Zd& w : want) {
+        double nearest = INFINITY;
+        for (const Zd& v : d.values) nearest = std::min(nearest, std::abs(v - w));
+        EXPECT_LT(nearest, tolerance * (1 + std::abs(w)));
+    }
 }
 
 TYPED_TEST(EigenTyped, TriangularSpectrumIsTheDiagonal) {
@@ -204,6 +241,47 @@ TYPED_TEST(EigenTyped, PrincipalEigenvectorOfKnownDominantPair) {
             *std::max_element(got.begin(), got.end(), [](Zd x, Zd y) { return std::abs(x) < std::abs(y); });
         EXPECT_GT(largest.real(), 0);
         EXPECT_EQ(largest.imag(), 0);
+    }
+}
+
+// Orders past one reduction panel, with columns that need no reflector (already reduced or zero)
+// mixed with ones that do.
+TEST(EigenSolver, PartlyReducedMatricesAcrossPanels) {
+    const Index n = 45;
+    std::mt19937 gen(12);
+    std::normal_distribution<double> dist;
+    const std::function<bool(Index, Index)> kept[] = {
+        [](Index i, Index j) { return j >= i; },                         // triangular: every reflector is the identity
+        [](Index i, Index j) { return j + 1 >= i; },                     // already Hessenberg
+        [](Index i, Index j) { return j % 7 != 3 || i <= j + 1; },       // some columns reduced, the rest full
+        [](Index, Index j) { return j != 0 && j != 33; },                 // zero columns inside both panels
+    };
+    for (const auto& keep : kept) {
+        const Matrix<std::complex<double>> a = build<std::complex<double>>(
+            n, MatrixLayout::row_major, [&](Index i, Index j) { return keep(i, j) ? Zd(dist(gen), dist(gen)) : Zd(0); });
+        const Decomposed d = run_eig(a, MatrixLayout::column_major);
+        EXPECT_LT(worst_residual(a, d), 100 * n * eps_of<double>());
+        for (const auto& v : d.vectors) EXPECT_NEAR(norm(v), 1, 1e-14);
+    }
+}
+
+// A real matrix is reduced in real arithmetic; handed over as complex it takes the complex path.
+// Both must find the same spectrum.
+TEST(EigenSolver, RealAndComplexPathsAgree) {
+    for (const Index n : {Index(3), Index(34), Index(70)}) {
+        std::mt19937 gen(40 + unsigned(n));
+        std::normal_distribution<double> dist;
+        std::vector<double> values(n * n);
+        for (double& v : values) v = dist(gen);
+        const auto real = build<double>(n, MatrixLayout::column_major, [&](Index i, Index j) { return Zd(values[i * n + j]); });
+        const auto complex = build<std::complex<double>>(n, MatrixLayout::row_major,
+                                                         [&](Index i, Index j) { return Zd(values[i * n + j]); });
+        const Decomposed r = run_eig(real, MatrixLayout::row_major), c = run_eig(complex, MatrixLayout::row_major);
+        for (const Zd& w : r.values) {
+            double nearest = INFINITY;
+            for (const Zd& v : c.values) nearest = std::min(nearest, std::abs(v - w));
+            EXPECT_LT(nearest, 1e-11 * std::sqrt(double(n))) << n;
+        }
     }
 }
 
@@ -286,26 +364,83 @@ TEST(EigenSolver, EmptyAndScalarMatrices) {
     EXPECT_EQ(principal, std::complex<float>(1));
 }
 
-// The vector rotation of the QR sweeps gives the bits of the scalar formula, tail included.
-TEST(EigenRotation, VectorRotationMatchesScalarFormula) {
-    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
+// The rotation chains of the QR sweeps agree with the plain formula applied rotation by rotation,
+// along rows (contiguous elements) and down columns (gathered elements), vector tails included.
+using RotationChain = void (*)(double*, Index, Index, Index, Index, const double*, const double*) noexcept;
+class EigenRotation : public ::testing::TestWithParam<RotationChain> {};
+INSTANTIATE_TEST_SUITE_P(Kernels, EigenRotation, ::testing::Values(&complex_rotate_chain, &complex_rotate_chain_avx2),
+                         [](const auto& info) { return info.index == 0 ? std::string("portable") : std::string("AVX2"); });
+
+TEST_P(EigenRotation, ChainMatchesSequentialRotations) {
+    if (GetParam() == &complex_rotate_chain_avx2 && !avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
     std::mt19937 gen(5);
     std::normal_distribution<double> dist;
-    for (const Index n : {Index(1), Index(2), Index(7)}) {
-        std::vector<Zd> x(n), y(n);
-        for (Index i = 0; i < n; ++i) x[i] = {dist(gen), dist(gen)}, y[i] = {dist(gen), dist(gen)};
-        const double c = 0.6;
-        const Zd s1(0.48, -0.64 / 3), s2 = std::conj(s1);
-        std::vector<Zd> ex(n), ey(n);
-        for (Index i = 0; i < n; ++i) {
-            const Zd p(s1.real() * y[i].real() - s1.imag() * y[i].imag(), s1.real() * y[i].imag() + s1.imag() * y[i].real());
-            const Zd q(s2.real() * x[i].real() - s2.imag() * x[i].imag(), s2.real() * x[i].imag() + s2.imag() * x[i].real());
-            ex[i] = c * x[i] + p;
-            ey[i] = c * y[i] - q;
+    const Index lines = 6, count = lines - 1;
+    for (const bool along_rows : {true, false})
+        for (const Index length : {Index(1), Index(2), Index(7), Index(8), Index(19), Index(35)}) {
+            // A (lines x length) block inside a wider buffer: rows of ld elements.
+            const Index ld = (along_rows ? length : lines) + 3;
+            const Index line_stride = along_rows ? ld : 1, element_stride = along_rows ? 1 : ld;
+            std::vector<Zd> got((along_rows ? lines : length) * ld);
+            for (Zd& e : got) e = {dist(gen), dist(gen)};
+            std::vector<double> c(count);
+            std::vector<Zd> s(count);
+            for (Index k = 0; k < count; ++k) {
+                const Zd x(dist(gen), dist(gen)), y(dist(gen), dist(gen));
+                const double rho = std::sqrt(std::norm(x) + std::norm(y));
+                c[k] = std::abs(x) / rho;
+                s[k] = x / std::abs(x) * std::conj(y) / rho;
+            }
+            std::vector<Zd> want = got;
+            for (Index k = 0; k < count; ++k)
+                for (Index e = 0; e < length; ++e) {
+                    Zd& x = want[k * line_stride + e * element_stride];
+                    Zd& y = want[(k + 1) * line_stride + e * element_stride];
+                    const Zd a = x;
+                    x = c[k] * a + s[k] * y;
+                    y = c[k] * y - std::conj(s[k]) * a;
+                }
+            GetParam()(reinterpret_cast<double*>(got.data()), line_stride, element_stride, length, count, c.data(),
+                       reinterpret_cast<const double*>(s.data()));
+            for (Index i = 0; i < got.size(); ++i)
+                ASSERT_LT(std::abs(got[i] - want[i]), 16 * eps_of<double>() * (1 + std::abs(want[i])))
+                    << along_rows << " " << length << " " << i;
         }
-        const double a1[2] = {s1.real(), s1.imag()}, a2[2] = {s2.real(), s2.imag()};
-        complex_rotate_avx2(reinterpret_cast<double*>(x.data()), reinterpret_cast<double*>(y.data()), n, c, a1, a2);
-        EXPECT_EQ(x, ex) << n;
-        EXPECT_EQ(y, ey) << n;
+}
+
+// The vector row products of the Hessenberg reduction agree with plain sums, row and column tails
+// included.
+TEST(EigenKernels, RowsTimesVectorMatchesPlainSums) {
+    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
+    std::mt19937 gen(9);
+    std::normal_distribution<double> dist;
+    for (const Index count : {Index(1), Index(4), Index(7)})
+        for (const Index m : {Index(0), Index(3), Index(4), Index(13)}) {
+            const Index ld = m + 2;
+            std::vector<double> rows(count * ld), x(m), got(count, -1);
+            for (double& e : rows) e = dist(gen);
+            for (double& e : x) e = dist(gen);
+            rows_times_vector_avx2(rows.data(), ld, count, m, x.data(), got.data());
+            for (Index r = 0; r < count; ++r) {
+                double want = 0, scale = 0;
+                for (Index i = 0; i < m; ++i) want += rows[r * ld + i] * x[i], scale += std::fabs(rows[r * ld + i] * x[i]);
+                EXPECT_NEAR(got[r], want, 4 * eps_of<double>() * scale) << count << " " << m << " " << r;
+            }
+        }
+}
+
+TEST(EigenKernels, ComplexDotMatchesPlainSum) {
+    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
+    std::mt19937 gen(10);
+    std::normal_distribution<double> dist;
+    for (const Index m : {Index(0), Index(1), Index(4), Index(11)}) {
+        std::vector<Zd> a(m), b(m);
+        for (Index i = 0; i < m; ++i) a[i] = {dist(gen), dist(gen)}, b[i] = {dist(gen), dist(gen)};
+        Zd want = 0;
+        double scale = 0;
+        for (Index i = 0; i < m; ++i) want += a[i] * b[i], scale += std::abs(a[i]) * std::abs(b[i]);
+        double got[2];
+        complex_dot_avx2(reinterpret_cast<const double*>(a.data()), reinterpret_cast<const double*>(b.data()), m, got);
+        EXPECT_LT(std::abs(Zd(got[0], got[1]) - want), 8 * eps_of<double>() * (scale + 1e-300)) << m;
     }
 }

@@ -11,6 +11,8 @@
 #include "backend/cpu/floating_point_kernels.hpp"
 #include "backend/cpu/gemm_sources.hpp"
 #include "backend/cpu/simd_engine.hpp"
+#include "runtime/cpu_runtime_context.hpp"
+#include "test_support.hpp"
 
 using namespace quillmark;
 using cpu::c64;
@@ -79,7 +81,7 @@ TEST_P(SimdEngine, GemvAndTransposeMatchTheScalarBackend) {
     const cpu::ComplexEngine& z = engine();
     for (u64 rows : {u64{1}, u64{5}, u64{9}}) {
         for (u64 n : kLengths) {
-            SCOPED_TRACE(testing::Message() << rows << "x" << n);
+            SCOPED_TRACE(::testing::Message() << rows << "x" << n);
             auto a = random_vector(rows * n, 3), x = random_vector(n, 4);
             std::vector<c64> got(rows), want(rows);
             z.gemv_rows(rows, n, a.data(), n, x.data(), got.data());
@@ -120,7 +122,7 @@ TEST_P(SimdEngine, ComplexProductMatchesWidenedReference) {
     const u64 shapes[][3] = {{1, 1, 1}, {mr + 1, nc + 1, 3}, {2 * mr - 1, 2 * nc + 3, steps + 5},
                              {z.gemm.mc + mr + 2, 3, 2 * steps + 1}};
     for (const auto& [m, n, k] : shapes) {
-        SCOPED_TRACE(testing::Message() << m << "x" << k << " by " << k << "x" << n);
+        SCOPED_TRACE(::testing::Message() << m << "x" << k << " by " << k << "x" << n);
         auto a = random_vector(m * k, 5), b = random_vector(k * n, 6);
         std::vector<c64> c(m * n, c64(7.0f, 7.0f));
         using Loader = cpu::InterleavedComplexLoader<c64, float>;
@@ -143,4 +145,101 @@ INSTANTIATE_TEST_SUITE_P(Engines, SimdEngine, ::testing::Values("AVX2", "AVX512"
 TEST(SimdEngineSelection, RefusesUnknownWords) {
     EXPECT_THROW(cpu::complex_engine("avx2"), std::invalid_argument);
     EXPECT_THROW(cpu::complex_engine("AUTO"), std::invalid_argument);
+}
+
+// The split-complex kernels promise the real embedding's accumulation order: under the same depth
+// blocking they must reproduce it bit for bit, for every kernel this CPU runs, across tile, depth
+// block and row block edges, with B read row-major and column-major; row blocks on workers must
+// give the serial answer.
+template <class R> class SplitComplexGemm : public ::testing::Test {};
+using SplitGemmTypes = ::testing::Types<float, double>;
+TYPED_TEST_SUITE(SplitComplexGemm, SplitGemmTypes);
+
+TYPED_TEST(SplitComplexGemm, ReproducesTheRealEmbedding) {
+    using R = TypeParam;
+    using Loader = cpu::SplitComplexLoader<R, R>;
+    std::mt19937_64 rng(23);
+    std::normal_distribution<R> d;
+    const CpuRuntimeContext runtime(quillmark::testing::machine_options(5)); // four workers
+    for (const auto& split : cpu::available_split_gemm_kernels<R>()) {
+        cpu::GemmKernelInfo<R> real{};
+        for (const auto& k : cpu::available_gemm_kernels<R>())
+            if (k.name == split.name) real = k;
+        ASSERT_NE(real.kernel, nullptr) << split.name;
+        real.kc = split.kc;
+        const u64 mr = split.mr, nr = split.nr, steps = split.kc / 2;
+        const u64 shapes[][3] = {{1, 1, 1}, {mr + 1, nr + 1, 3}, {2 * mr - 1, 2 * nr + 3, steps + 5},
+                                 {split.mc + mr + 2, 3, 2 * steps + 1}};
+        for (const auto& [m, n, k] : shapes)
+            for (const bool b_rows : {true, false}) {
+                SCOPED_TRACE(::testing::Message() << split.name << " " << m << "x" << k << "x" << n << " B rows "
+                                                << b_rows);
+                std::vector<R> ar(m * k), ai(m * k), br(k * n), bi(k * n);
+                for (auto* v : {&ar, &ai, &br, &bi})
+                    for (auto& x : *v) x = d(rng);
+                const Loader a{ar.data(), ai.data(), k, 1};
+                const Loader b = b_rows ? Loader{br.data(), bi.data(), 1, n} : Loader{br.data(), bi.data(), k, 1};
+                const cpu::ComplexLeftSource<Loader, R> left{a, false};
+
+                std::vector<R> cr(m * n, R(5)), ci(m * n, R(5)); // stale contents must be overwritten
+                const cpu::SplitRightSource<Loader, R> right{b};
+                cpu::split_complex_gemm<R>(split, m, n, k, left.packer(), right.packer(), cr.data(), ci.data(), n,
+                                           nullptr);
+
+                std::vector<R> pr(m * n), pi(m * n);
+                cpu::split_complex_gemm<R>(split, m, n, k, left.packer(), right.packer(), pr.data(), pi.data(), n,
+                                           &runtime);
+                EXPECT_TRUE(pr == cr && pi == ci);
+
+                std::vector<R> c(2 * m * n);
+                const cpu::ComplexRightSource<Loader, R> embedded{b};
+                cpu::gemm<R>(real, m, 2 * n, 2 * k, left.packer(), embedded.packer(), c.data(), 2 * n, nullptr);
+                u64 differ = 0;
+                for (u64 q = 0; q < m * n; ++q) differ += (cr[q] != c[2 * q]) + (ci[q] != c[2 * q + 1]);
+                EXPECT_EQ(differ, 0u);
+            }
+    }
+}
+
+// The left packer's layout, dst[q*depth*width + x*width + l] = part x % 2 of A(l0 + q*width + l,
+// (d0 + x) / 2), through each of its paths: whole interleaved panels, interleaved and split rows
+// chunk by chunk, and the general loader (column-major), with and without conjugation, ending in
+// a partial panel.
+TEST(GemmPacking, LeftPanelsHoldTheEmbedding) {
+    using R = double;
+    using Z = std::complex<R>;
+    const u64 rows = 11, cols = 150, l0 = 1, lines = 9, d0 = 4, depth = 2 * 140;
+    std::vector<Z> a(rows * cols);
+    std::vector<R> re(rows * cols), im(rows * cols);
+    for (u64 i = 0; i < a.size(); ++i) {
+        a[i] = Z(R(i) + 0.25, -R(i) - 0.5);
+        re[i] = a[i].real(), im[i] = a[i].imag();
+    }
+    std::vector<Z> col(rows * cols); // the same matrix column-major
+    for (u64 i = 0; i < rows; ++i)
+        for (u64 j = 0; j < cols; ++j) col[j * rows + i] = a[i * cols + j];
+    using Interleaved = cpu::InterleavedComplexLoader<Z, R>;
+    using Split = cpu::SplitComplexLoader<R, R>;
+    for (const u64 width : {3u, 4u, 6u})
+        for (const bool conj : {false, true}) {
+            const cpu::ComplexLeftSource<Interleaved, R> rows_interleaved{{a.data(), cols, 1}, conj};
+            const cpu::ComplexLeftSource<Split, R> rows_split{{re.data(), im.data(), cols, 1}, conj};
+            const cpu::ComplexLeftSource<Interleaved, R> columns{{col.data(), 1, rows}, conj};
+            for (const cpu::GemmPacker<R> packer : {rows_interleaved.packer(), rows_split.packer(), columns.packer()}) {
+                SCOPED_TRACE(::testing::Message() << "width " << width << " conj " << conj);
+                const u64 panels = (lines + width - 1) / width;
+                std::vector<R> dst(panels * depth * width, R(7));
+                packer.pack(packer.source, dst.data(), l0, lines, d0, depth, width);
+                u64 bad = 0;
+                for (u64 q = 0; q < panels; ++q)
+                    for (u64 x = 0; x < depth; ++x)
+                        for (u64 l = 0; l < width; ++l) {
+                            const u64 line = q * width + l;
+                            const Z z = line < lines ? a[(l0 + line) * cols + (d0 + x) / 2] : Z{};
+                            const R want = x % 2 == 0 ? z.real() : (conj ? -z.imag() : z.imag());
+                            bad += dst[q * depth * width + x * width + l] != want;
+                        }
+                EXPECT_EQ(bad, 0u);
+            }
+        }
 }

@@ -1,10 +1,11 @@
 #pragma once
 // General (non-Hermitian) eigen solver for square matrices of the four compute types. Works in
-// complex<double>: real inputs are embedded, single-precision inputs are widened ("mixed") and
-// double-precision inputs run natively. Balancing by radix-two scaling, Householder reduction to
-// Hessenberg form, single-shift complex QR with Wilkinson shifts and deflation, right
-// eigenvectors by back substitution on the Schur form, balance reversal, unit Euclidean norm, and
-// a residual check of every returned pair against the original matrix.
+// double precision: single-precision inputs are widened ("mixed"), double-precision inputs run
+// natively. Balancing by radix-two scaling and Householder reduction to Hessenberg form (in real
+// arithmetic for real inputs), then single-shift complex QR with Wilkinson shifts and deflation in
+// complex working storage, right eigenvectors by back substitution on the Schur form, balance
+// reversal, unit Euclidean norm, and a residual check of every returned pair against the original
+// matrix.
 #include <complex>
 #include <cstdint>
 
@@ -55,12 +56,28 @@ void eig(const C* matrix, const MatrixGeometry& geometry, EigenComplexOf<C>* val
 // `solver_failure` "principal_eigenvector - dominant eigenvalue is not unique" (detail
 // "dominant eigenvalue magnitude is repeated") when another eigenvalue's magnitude lies within
 // 10 * convergence_tolerance (relative) of the largest.
-// (x, y) <- (c x + s1 y, c y - s2 x) over n interleaved complex doubles, each product rounded on
-// its own; s1 and s2 point at (re, im). AVX2 only: call after the processor check.
-void complex_rotate_avx2(double* x, double* y, std::uint64_t n, double c, const double* s1, const double* s2) noexcept;
-
 template <class C>
 void principal_eigenvector(const C* matrix, const MatrixGeometry& geometry, C* vector,
                            const EigenSolverOptions& options = default_eigen_options<C>());
+
+// Rotation k < count acts on complex lines k and k+1 in turn: (x, y) <- (c[k] x + s[k] y,
+// c[k] y - conj(s[k]) x), s[k] at (s[2k], s[2k+1]). Line k starts at complex offset
+// k * line_stride of base; its `length` elements lie element_stride complex numbers apart. Each
+// element carries its line k+1 value from one rotation to the next, so a chain reads and writes
+// every element once. The portable form rounds every product; the AVX2 form (AVX2 and FMA only:
+// call it after the processor check) fuses products into their sums.
+void complex_rotate_chain(double* base, std::uint64_t line_stride, std::uint64_t element_stride,
+                          std::uint64_t length, std::uint64_t count, const double* c, const double* s) noexcept;
+void complex_rotate_chain_avx2(double* base, std::uint64_t line_stride, std::uint64_t element_stride,
+                               std::uint64_t length, std::uint64_t count, const double* c, const double* s) noexcept;
+
+// out[r] = sum_i rows[r*ld + i] * x[i] for r < count, i < m, in lane-wise partial sums. AVX2 and
+// FMA only.
+void rows_times_vector_avx2(const double* rows, std::uint64_t ld, std::uint64_t count, std::uint64_t m,
+                            const double* x, double* out) noexcept;
+
+// (result[0], result[1]) = sum over i < m of a[i] * b[i] for interleaved complex a and b, in
+// lane-wise partial sums. AVX2 and FMA only.
+void complex_dot_avx2(const double* a, const double* b, std::uint64_t m, double* result) noexcept;
 
 } // namespace quillmark::cpu

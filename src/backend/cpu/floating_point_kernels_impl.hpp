@@ -680,6 +680,15 @@ QM_KERNEL(void)::matmul(const Matrix& a, const Matrix& b, const Matrix& out, Ctx
     // the row-major transpose, computed as B^T A^T.
     constexpr bool direct_type = L != ComplexLayout::split &&
                                  (std::is_same_v<S, C> || (std::is_same_v<S, std::int32_t> && std::is_same_v<C, std::uint32_t>));
+    // Split planes of the compute type take the product straight into their planes.
+    if constexpr (L == ComplexLayout::split && std::is_same_v<typename P::storage_type, C>) {
+        if (!detail::views_overlap(out, a) && !detail::views_overlap(out, b)) {
+            if (out.layout == MatrixLayout::column_major)
+                split_product<R>(n, m, k, b_lines, a_lines, out.re, out.im, m, ctx);
+            else split_product<R>(m, n, k, a_lines, b_lines, out.re, out.im, n, ctx);
+            return;
+        }
+    }
     if constexpr (direct_type) {
         if (!detail::views_overlap(out, a) && !detail::views_overlap(out, b)) {
             R* c = reinterpret_cast<R*>(out.data);

@@ -41,6 +41,29 @@ template <class R> struct GemmPacker {
     const void* source = nullptr;
 };
 
+// Split-complex micro-kernel: an MR x NR tile of complex C kept as two planes. Per complex depth
+// step the packed A holds MR real parts then MR imaginary parts and the packed B NR real parts
+// then NR imaginary parts; kc counts reals (two per step). Each part of C is accumulated in the
+// order of the real embedding (Re: ar br, then -ai bi; Im: ar bi, then ai br), so its results
+// match the embedding's bit for bit under the same blocking.
+template <class R>
+using SplitGemmMicroKernel = void (*)(std::uint64_t kc, const R* a, const R* b, R* c_re, R* c_im, std::uint64_t ldc,
+                                      bool accumulate);
+
+// The same blocking fields in complex terms: mr rows, nr complex columns, kc in reals.
+template <class R> struct SplitGemmKernelInfo {
+    std::string_view name;
+    std::uint32_t mr = 0;
+    std::uint32_t nr = 0;
+    std::uint64_t mc = 0;
+    std::uint64_t kc = 0;
+    std::uint64_t nc = 0;
+    SplitGemmMicroKernel<R> kernel = nullptr;
+};
+
+template <class R> std::vector<SplitGemmKernelInfo<R>> available_split_gemm_kernels();
+template <class R> const SplitGemmKernelInfo<R>& default_split_gemm_kernel();
+
 // c[i*ldc + j] = sum over p < k of A(i, p) * B(p, j) for i < m, j < n; c is overwritten.
 template <class R>
 void gemm(std::uint64_t m, std::uint64_t n, std::uint64_t k, const GemmPacker<R>& a, const GemmPacker<R>& b, R* c,
@@ -48,5 +71,17 @@ void gemm(std::uint64_t m, std::uint64_t n, std::uint64_t k, const GemmPacker<R>
 template <class R>
 void gemm(const GemmKernelInfo<R>& kernel, std::uint64_t m, std::uint64_t n, std::uint64_t k, const GemmPacker<R>& a,
           const GemmPacker<R>& b, R* c, std::uint64_t ldc, const CpuRuntimeContext* ctx);
+
+// The complex product on split planes, C(i, j) = sum over p < k of A(i, p) * B(p, j) with
+// C(i, j) = (c_re, c_im)[i*ldc + j], overwritten. `a` packs lines i over depth 2p + t
+// (ComplexLeftSource), `b` lines j over the same depth with NR real parts then NR imaginary parts
+// per step (SplitRightSource).
+template <class R>
+void split_complex_gemm(std::uint64_t m, std::uint64_t n, std::uint64_t k, const GemmPacker<R>& a,
+                        const GemmPacker<R>& b, R* c_re, R* c_im, std::uint64_t ldc, const CpuRuntimeContext* ctx);
+template <class R>
+void split_complex_gemm(const SplitGemmKernelInfo<R>& kernel, std::uint64_t m, std::uint64_t n, std::uint64_t k,
+                        const GemmPacker<R>& a, const GemmPacker<R>& b, R* c_re, R* c_im, std::uint64_t ldc,
+                        const CpuRuntimeContext* ctx);
 
 } // namespace quillmark::cpu

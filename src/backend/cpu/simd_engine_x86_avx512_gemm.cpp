@@ -25,4 +25,18 @@ void gemm_microkernel_c64_avx512(std::uint64_t kc, const float* a, const float* 
     complex_gemm_tile<simd::Avx512C64, g.mr, g.nr / simd::Avx512F32::lanes>(kc, a, b, c, ldc, accumulate);
 }
 
+void gemm_split_microkernel_f64_avx512(std::uint64_t kc, const double* a, const double* b, double* c_re, double* c_im,
+                                       std::uint64_t ldc, bool accumulate) noexcept {
+    using V = simd::Avx512F64;
+    constexpr GemmBlocking g = isa_avx512::gemm_split_f64;
+    split_complex_gemm_tile<V, g.mr, g.nr / V::lanes>(kc, a, b, c_re, c_im, ldc, accumulate);
+}
+
+void gemm_split_microkernel_f32_avx512(std::uint64_t kc, const float* a, const float* b, float* c_re, float* c_im,
+                                       std::uint64_t ldc, bool accumulate) noexcept {
+    using V = simd::Avx512F32;
+    constexpr GemmBlocking g = isa_avx512::gemm_split_f32;
+    split_complex_gemm_tile<V, g.mr, g.nr / V::lanes>(kc, a, b, c_re, c_im, ldc, accumulate);
+}
+
 } // namespace quillmark::cpu

@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
+#include "backend/cpu/structured_solver_jacobi.hpp"
 #include "backend/cpu/structured_solver_lu.hpp"
-#include "backend/cpu/vector_kernels.hpp"
 #include "core/errors.hpp"
 
 namespace quillmark::cpu {
@@ -203,8 +203,6 @@ template <class W, class C> std::vector<W> hermitian_copy(const C* a, const Matr
     return w;
 }
 
-constexpr std::uint64_t kMaximumSweeps = 64;
-
 // (x, y) <- (x c - y conj(s), y c + x s) over n elements: the rotation of a column pair.
 template <class W>
 inline void rotate_complex(W* x, W* y, std::uint64_t n, RealOf<W> c, const W& s) noexcept {
@@ -217,19 +215,9 @@ inline void rotate_complex(W* x, W* y, std::uint64_t n, RealOf<W> c, const W& s)
     }
 }
 
-template <class W> struct PairRotation {
-    void (*real_kernel)(RealOf<W>*, RealOf<W>*, std::uint64_t, RealOf<W>, RealOf<W>) noexcept =
-        kComplex<W> ? nullptr : default_vector_kernels<RealOf<W>>().rotate;
-    void operator()(W* x, W* y, std::uint64_t n, RealOf<W> c, const W& s) const noexcept {
-        if constexpr (kComplex<W>)
-            rotate_complex(x, y, n, c, s);
-        else
-            real_kernel(x, y, n, c, s);
-    }
-};
-
-// Cyclic Jacobi on the row-major Hermitian working copy w. Returns the diagonal after
-// convergence; vt (when non-null) receives the eigenvectors transposed (row p = vector p).
+// Cyclic Jacobi on the row-major Hermitian working copy w of a complex instance (real ones run
+// jacobi_real). Returns the diagonal after convergence; vt (when non-null) receives the
+// eigenvectors transposed (row p = vector p).
 //
 // The matrix is kept by columns (m[q*ld + k] = a(k, q)) so that the rotation of columns p and q
 // runs over contiguous memory; the rows are restored by mirroring, as late as the reads allow:
@@ -256,7 +244,6 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
     for (std::uint64_t q = 0; q < n; ++q)
         for (std::uint64_t k = 0; k < n; ++k)
             m[q * ld + k] = conj_of(w[q * n + k]);
-    const PairRotation<W> rotate_pair;
     if (vt) {
         vt->assign(n * n, W(0));
         for (std::uint64_t i = 0; i < n; ++i)
@@ -292,12 +279,7 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
                 }
         if (converged)
             break;
-        if (sweep == kMaximumSweeps)
-            throw SolverError(kLibrary, static_cast<std::int32_t>(kMaximumSweeps),
-                              "Jacobi sweep limit reached", "quillmark.eigh",
-                              "eigh/eigvalsh - Jacobi iteration did not converge for order " +
-                                  std::to_string(n),
-                              ErrorReason::non_convergence);
+        if (sweep == kJacobiMaximumSweeps) throw_jacobi_non_convergence(n);
         for (std::uint64_t p = 0; p + 1 < n; ++p) {
             std::copy(m + p * ld, m + p * ld + n, cp);
             RW app = real_part(cp[p]);
@@ -327,7 +309,7 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
                 const RW delta = scale * t * ga;
                 // Rows p and q of the two columns come out of the loop as garbage and are then
                 // set from the closed forms.
-                rotate_pair(cp, cq, n, c, s);
+                rotate_complex(cp, cq, n, c, s);
                 app = app - delta;
                 cp[p] = W(app);
                 cp[q] = W(0);
@@ -336,7 +318,7 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
                 for (std::uint64_t k = q + 1; k < q1; ++k)
                     m[k * ld + q] = conj_of(cq[k]);
                 if (vt)
-                    rotate_pair(vt->data() + p * n, vt->data() + q * n, n, c, s);
+                    rotate_complex(vt->data() + p * n, vt->data() + q * n, n, c, s);
             }
             for (std::uint64_t k = q1; k < n; ++k) {
                 W* const ck = m + k * ld;
@@ -374,7 +356,11 @@ void hermitian_eigen(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* 
     validate_input(a, g, true, tol, operation);
     std::vector<W> w = hermitian_copy<W>(a, g);
     std::vector<W> vt;
-    const std::vector<RealOf<W>> d = jacobi(w, n, tol, vector_geometry ? &vt : nullptr);
+    std::vector<RealOf<W>> d;
+    if constexpr (kComplex<W>)
+        d = jacobi(w, n, tol, vector_geometry ? &vt : nullptr);
+    else
+        d = jacobi_real(w, n, tol, vector_geometry ? &vt : nullptr, default_jacobi_kernels());
 
     std::vector<R> result(n);
     for (std::uint64_t i = 0; i < n; ++i) {

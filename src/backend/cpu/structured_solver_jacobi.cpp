@@ -1,0 +1,201 @@
+// The body comes first: it keeps products and sums separately rounded for all of this unit.
+#include "backend/cpu/structured_solver_jacobi_body.hpp"
+
+#include <emmintrin.h>
+
+#include <algorithm>
+#include <cmath>
+#include <stdexcept>
+#include <string>
+
+#include "backend/cpu/structured_solver_jacobi.hpp"
+#include "core/errors.hpp"
+#include "runtime/simd_selection.hpp"
+
+namespace quillmark::cpu {
+
+namespace {
+
+// SSE2 is the x86-64 baseline, so the portable set is written on it.
+struct PortableF64 {
+    using vector = __m128d;
+    using mask = __m128d;
+    static constexpr std::uint64_t lanes = 2;
+    static vector set1(double v) noexcept { return _mm_set1_pd(v); }
+    static vector load(const double* p) noexcept { return _mm_loadu_pd(p); }
+    static void store(double* p, vector v) noexcept { _mm_storeu_pd(p, v); }
+    // Only one lane can be partial.
+    static vector load_partial(const double* p, int) noexcept { return _mm_load_sd(p); }
+    static void store_partial(double* p, vector v, int) noexcept { _mm_store_sd(p, v); }
+    static vector add(vector a, vector b) noexcept { return _mm_add_pd(a, b); }
+    static vector sub(vector a, vector b) noexcept { return _mm_sub_pd(a, b); }
+    static vector mul(vector a, vector b) noexcept { return _mm_mul_pd(a, b); }
+    static void transpose(vector (&r)[2]) noexcept {
+        const vector low = _mm_unpacklo_pd(r[0], r[1]);
+        r[1] = _mm_unpackhi_pd(r[0], r[1]);
+        r[0] = low;
+    }
+    static mask lanes_below(std::int64_t count) noexcept {
+        return _mm_castsi128_pd(_mm_set_epi64x(count > 1 ? -1 : 0, count > 0 ? -1 : 0));
+    }
+    static vector blend(vector off, vector on, mask m) noexcept {
+        return _mm_or_pd(_mm_and_pd(m, on), _mm_andnot_pd(m, off));
+    }
+};
+
+// |apq| / max(dp, dq) / min(dp, dq) <= tol with d = sqrt|diagonal|; beside a zero diagonal
+// entry only a zero pair is negligible.
+inline bool negligible(double apq, double dp, double dq, double tol) noexcept {
+    if (apq == 0) return true;
+    if (dp == 0 || dq == 0) return false;
+    return std::fabs(apq) / std::max(dp, dq) / std::min(dp, dq) <= tol;
+}
+
+} // namespace
+
+JacobiKernelSet jacobi_kernels_portable() noexcept { return jacobi_body::kernel_set<PortableF64>("portable"); }
+
+std::vector<JacobiKernelSet> available_jacobi_kernels() {
+    std::vector<JacobiKernelSet> out{jacobi_kernels_portable()};
+    if (avx2_usable(probe_cpu_features())) out.push_back(jacobi_kernels_avx2());
+    return out;
+}
+
+const JacobiKernelSet& default_jacobi_kernels() {
+    static const JacobiKernelSet chosen = [] {
+        try {
+            const std::string_view selection = cpu_simd_selection();
+            if (selection == "AVX2" || selection == "AVX512") return jacobi_kernels_avx2();
+        } catch (...) {
+        }
+        return jacobi_kernels_portable();
+    }();
+    return chosen;
+}
+
+[[noreturn]] void throw_jacobi_non_convergence(std::uint64_t n) {
+    throw SolverError("CPU", static_cast<std::int32_t>(kJacobiMaximumSweeps), "Jacobi sweep limit reached",
+                      "quillmark.eigh",
+                      "eigh/eigvalsh - Jacobi iteration did not converge for order " + std::to_string(n),
+                      ErrorReason::non_convergence);
+}
+
+std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, double tol,
+                                std::vector<double>* vt, const JacobiKernelSet& kernels) {
+    using u64 = std::uint64_t;
+    constexpr u64 R = kJacobiPanelRows;
+    // Odd number of cache lines per column: the above-block tiles read four columns at the same
+    // row, which a power-of-two stride would put into one cache set.
+    u64 lines = (n + 7) / 8;
+    if (lines % 2 == 0) ++lines;
+    const u64 ld = lines * 8;
+    std::vector<double> storage(n * ld), diag(n), sq(n);
+    double* const m = storage.data();
+    for (u64 j = 0; j < n; ++j) {
+        diag[j] = w[j * n + j];
+        for (u64 k = j + 1; k < n; ++k) m[j * ld + k] = w[k * n + j];
+    }
+    const u64 panels = (n + R - 1) / R;
+    std::vector<double> v;
+    if (vt) {
+        v.assign(panels * n * R, 0.0);
+        for (u64 k = 0; k < n; ++k) v[(k / R) * n * R + k * R + k % R] = 1;
+    }
+    std::vector<double> head(n * R);
+    JacobiSweepRecord record;
+    record.run_start.assign(n > 0 ? n : 1, 0);
+    unsigned char active[kJacobiBlockWidth];
+    double bc[kJacobiBlockWidth], bs[kJacobiBlockWidth];
+
+    for (u64 sweep = 0;; ++sweep) {
+        for (u64 i = 0; i < n; ++i) sq[i] = std::sqrt(std::fabs(diag[i]));
+        bool converged = true;
+        for (u64 p = 0; p + 1 < n && converged; ++p)
+            for (u64 q = p + 1; q < n; ++q)
+                if (!negligible(m[p * ld + q], sq[p], sq[q], tol)) {
+                    converged = false;
+                    break;
+                }
+        if (converged) break;
+        if (sweep == kJacobiMaximumSweeps) throw_jacobi_non_convergence(n);
+
+        record.q.clear();
+        record.c.clear();
+        record.s.clear();
+        for (u64 p = 0; p + 1 < n; ++p) {
+            record.run_start[p] = record.q.size();
+            double* const x = m + p * ld;
+            double app = diag[p];
+            // Blocks end on multiples of the width, so that the rows a block reads from each
+            // column above it are one cache line, the next block's the next line.
+            for (u64 q0 = p + 1, q1; q0 < n; q0 = q1) {
+                q1 = std::min(n, (q0 / kJacobiBlockWidth + 1) * kJacobiBlockWidth);
+                bool any = false;
+                for (u64 q = q0; q < q1; ++q) {
+                    const u64 t = q - q0;
+                    active[t] = 0;
+                    const double apq = x[q], aqq = diag[q];
+                    if (negligible(apq, std::sqrt(std::fabs(app)), std::sqrt(std::fabs(aqq)), tol)) continue;
+                    const double scale = std::max({std::fabs(apq), std::fabs(app), std::fabs(aqq)});
+                    const double g = apq / scale;
+                    const double ga = std::fabs(g);
+                    if (ga == 0) {
+                        x[q] = 0;
+                        continue;
+                    }
+                    const double theta = (aqq / scale) * 0.5 - (app / scale) * 0.5;
+                    const double r = std::hypot(theta, ga);
+                    const double tq = std::copysign(ga / (r + std::fabs(theta)), theta);
+                    const double c = 1.0 / std::hypot(1.0, tq);
+                    const double s = (c * tq) * (g / ga);
+                    const double delta = scale * tq * ga;
+                    app = app - delta;
+                    diag[q] = aqq + delta;
+                    x[q] = 0;
+                    // The block's own pairs; the other rows follow once the block is known.
+                    for (u64 u = q0; u < q1; ++u) {
+                        if (u == q) continue;
+                        double& e = u < q ? m[u * ld + q] : m[q * ld + u];
+                        jacobi_body::rotate_scalar(x[u], e, c, s);
+                    }
+                    active[t] = 1;
+                    bc[t] = c;
+                    bs[t] = s;
+                    any = true;
+                    record.q.push_back(static_cast<std::uint32_t>(q));
+                    record.c.push_back(c);
+                    record.s.push_back(s);
+                }
+                if (!any) continue;
+                const JacobiBlock block{q0, q1 - q0, active, bc, bs};
+                kernels.rotate_above(m, ld, p, block, p + 1, q0);
+                kernels.rotate_below(m, ld, p, block, q1, n);
+            }
+            diag[p] = app;
+        }
+        record.run_start[n - 1] = record.q.size();
+
+        // Head rows k receive the runs after their own: row k is column k of the lower triangle.
+        for (u64 k0 = 0; k0 + 2 < n; k0 += R) {
+            const u64 rows = std::min(R, n - k0);
+            std::fill(head.begin(), head.end(), 0.0);
+            for (u64 r = 0; r < rows; ++r)
+                for (u64 j = k0 + r + 1; j < n; ++j) head[j * R + r] = m[(k0 + r) * ld + j];
+            kernels.apply_panel(head.data(), record, k0 + 1, static_cast<std::int64_t>(k0));
+            for (u64 r = 0; r < rows; ++r)
+                for (u64 j = k0 + r + 1; j < n; ++j) m[(k0 + r) * ld + j] = head[j * R + r];
+        }
+        if (vt)
+            for (u64 i = 0; i < panels; ++i) kernels.apply_panel(v.data() + i * n * R, record, 0, -1);
+        for (u64 i = 0; i < n; ++i)
+            if (!std::isfinite(diag[i])) throw std::runtime_error("eigh/eigvalsh - eigenvalue overflow");
+    }
+    if (vt) {
+        vt->assign(n * n, 0.0);
+        for (u64 j = 0; j < n; ++j)
+            for (u64 k = 0; k < n; ++k) (*vt)[j * n + k] = v[(k / R) * n * R + j * R + k % R];
+    }
+    return diag;
+}
+
+} // namespace quillmark::cpu

@@ -1,0 +1,79 @@
+#pragma once
+// Cyclic Jacobi on a real symmetric double matrix, reorganised for the cache and vector units
+// while every element still sees exactly the operations, in exactly the order, of the
+// element-wise loop that rotates rows and columns p and q one rotation at a time.
+//
+// Why it can be reorganised:
+//  - Only the lower triangle is stored (element {i, j}, i < j, in column i at row j), so nothing
+//    is ever mirrored.
+//  - Within the run of pivot p (rotations (p, q), q = p+1 ... n-1), an element {k, q} with both
+//    indices above p is touched by exactly two rotations, (p, min) and (p, max). The run is
+//    taken in blocks of consecutive q: the rotation parameters of a block only need the block's
+//    own elements, and the block is then applied to every other row k as a short chain of
+//    rotations of x[k] = a(k, p) held in a register.
+//  - Rows k < p ("head") never feed a rotation parameter again in the sweep, nor does V: both
+//    only receive the recorded (q, c, s) sequence, which is applied at the end of the sweep to
+//    panels of 16 rows kept in cache, each run's a(k, p) staying in registers.
+#include <cstdint>
+#include <string_view>
+#include <vector>
+
+namespace quillmark::cpu {
+
+// The rotations of one block of columns q0 ... q0+width-1 (width <= kJacobiBlockWidth), by
+// offset; skipped (negligible) pairs are inactive.
+struct JacobiBlock {
+    std::uint64_t q0;
+    std::uint64_t width;
+    const unsigned char* active;
+    const double* c;
+    const double* s;
+};
+
+// The rotations of one sweep in order: run p owns entries [run_start[p], run_start[p+1]).
+struct JacobiSweepRecord {
+    std::vector<std::uint64_t> run_start;
+    std::vector<std::uint32_t> q;
+    std::vector<double> c;
+    std::vector<double> s;
+};
+
+inline constexpr std::uint64_t kJacobiMaximumSweeps = 64;
+inline constexpr std::uint64_t kJacobiPanelRows = 16;
+inline constexpr std::uint64_t kJacobiBlockWidth = 8;
+
+struct JacobiKernelSet {
+    std::string_view name; // "portable" or "AVX2"
+    // x[k] = m[p*ld + k] and the block's elements {k, q}: rows k in [k_begin, k_end) below the
+    // block (element in column q at row k) ...
+    void (*rotate_below)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiBlock& block,
+                         std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
+    // ... and rows k in [k_begin, k_end) above the block, p < k (element in column k at row q).
+    void (*rotate_above)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiBlock& block,
+                         std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
+    // Applies runs first_run ... of the record to a panel of kJacobiPanelRows rows stored
+    // panel[j * kJacobiPanelRows + r] = row r, column j. With first_row >= 0 row r takes part in
+    // run p only when first_row + r < p (the head rows, whose runs begin after their own pivot).
+    // Two consecutive runs in which every row takes part go in one pass.
+    void (*apply_panel)(double* panel, const JacobiSweepRecord& record, std::uint64_t first_run,
+                        std::int64_t first_row) noexcept = nullptr;
+};
+
+JacobiKernelSet jacobi_kernels_portable() noexcept;
+JacobiKernelSet jacobi_kernels_avx2() noexcept;
+// The sets this processor can run, portable first.
+std::vector<JacobiKernelSet> available_jacobi_kernels();
+// AVX2 whenever the process-wide selection names a SIMD engine (AVX-512 processors run it too).
+const JacobiKernelSet& default_jacobi_kernels();
+
+// SolverError `non_convergence` with native status kJacobiMaximumSweeps, for order n.
+[[noreturn]] void throw_jacobi_non_convergence(std::uint64_t n);
+
+// Jacobi on the row-major symmetric n x n matrix w with the given negligibility tolerance.
+// Returns the diagonal after convergence; vt (when non-null) receives the eigenvectors
+// transposed (vt[p*n + k] = V(k, p)). Throws the non-convergence SolverError and
+// std::runtime_error "eigh/eigvalsh - eigenvalue overflow" after a sweep that overflowed.
+std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, double tolerance,
+                                std::vector<double>* vt, const JacobiKernelSet& kernels);
+
+} // namespace quillmark::cpu

@@ -1,0 +1,247 @@
+#pragma once
+// Bodies of the Jacobi kernels over a vector description `V` (lanes, load/store with partial
+// forms, mul/add/sub, a lanes x lanes transpose, lane masks and blend). Included first by the
+// translation units that instantiate them: from here on products and sums stay separately
+// rounded (x*c - y*s is two rounded products and a rounded difference in every variant, scalar
+// remainders included), whatever instruction set the unit is built for.
+#if defined(__clang__)
+#pragma clang fp contract(off)
+#else
+#pragma GCC optimize("fp-contract=off")
+#endif
+#include <algorithm>
+#include <cstdint>
+
+#include "backend/cpu/structured_solver_jacobi.hpp"
+
+namespace quillmark::cpu::jacobi_body {
+
+using u64 = std::uint64_t;
+
+// (x, y) <- (x c - y s, y c + x s).
+template <class V> inline void rotate(typename V::vector& x, typename V::vector& y, typename V::vector c,
+                                      typename V::vector s) noexcept {
+    const typename V::vector xn = V::sub(V::mul(x, c), V::mul(y, s));
+    y = V::add(V::mul(y, c), V::mul(x, s));
+    x = xn;
+}
+
+inline void rotate_scalar(double& x, double& y, double c, double s) noexcept {
+    const double xn = x * c - y * s;
+    y = y * c + x * s;
+    x = xn;
+}
+
+template <class V>
+void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u64 k_end) noexcept {
+    constexpr u64 L = V::lanes;
+    double* const x = m + p * ld;
+    typename V::vector cv[kJacobiBlockWidth], sv[kJacobiBlockWidth];
+    for (u64 t = 0; t < b.width; ++t) {
+        cv[t] = V::set1(b.c[t]);
+        sv[t] = V::set1(b.s[t]);
+    }
+    // G vectors of rows at once: each carries its own chain of dependent rotations. The last
+    // rows go through the vector path too (partial loads), never through contractible scalars.
+    constexpr u64 G = 3;
+    auto rows = [&]<u64 N, bool Full>(u64 k0, int count) {
+        auto load = [&](const double* at) { return Full ? V::load(at) : V::load_partial(at, count); };
+        auto store = [&](double* at, typename V::vector v) {
+            if constexpr (Full) V::store(at, v);
+            else V::store_partial(at, v, count);
+        };
+        typename V::vector xv[N];
+        for (u64 g = 0; g < N; ++g) xv[g] = load(x + k0 + g * L);
+        for (u64 t = 0; t < b.width; ++t) {
+            if (!b.active[t]) continue;
+            double* const e = m + (b.q0 + t) * ld + k0;
+            for (u64 g = 0; g < N; ++g) {
+                typename V::vector ev = load(e + g * L);
+                rotate<V>(xv[g], ev, cv[t], sv[t]);
+                store(e + g * L, ev);
+            }
+        }
+        for (u64 g = 0; g < N; ++g) store(x + k0 + g * L, xv[g]);
+    };
+    u64 k = k_begin;
+    for (; k + G * L <= k_end; k += G * L) rows.template operator()<G, true>(k, int(L));
+    for (; k + L <= k_end; k += L) rows.template operator()<1, true>(k, int(L));
+    if (k < k_end) rows.template operator()<1, false>(k, int(k_end - k));
+}
+
+template <class V>
+void rotate_above(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u64 k_end) noexcept {
+    constexpr u64 L = V::lanes;
+    double* const x = m + p * ld;
+    u64 k = k_begin;
+    // Two groups of `lanes` columns at once, each a chain of dependent rotations; their rows
+    // q0 ... are transposed into one vector per q.
+    constexpr u64 G = 2;
+    auto groups = [&]<u64 N>(u64 k0) {
+        typename V::vector xv[N];
+        for (u64 g = 0; g < N; ++g) xv[g] = V::load(x + k0 + g * L);
+        for (u64 t0 = 0; t0 < b.width; t0 += L) {
+            const int count = static_cast<int>(std::min<u64>(L, b.width - t0));
+            bool any = false;
+            for (int t = 0; t < count; ++t) any |= b.active[t0 + t] != 0;
+            if (!any) continue;
+            const bool full = count == int(L);
+            typename V::vector e[N][L];
+#pragma GCC unroll 4
+            for (u64 g = 0; g < N; ++g) {
+#pragma GCC unroll 8
+                for (u64 i = 0; i < L; ++i) {
+                    const double* const at = m + (k0 + g * L + i) * ld + b.q0 + t0;
+                    e[g][i] = full ? V::load(at) : V::load_partial(at, count);
+                }
+                V::transpose(e[g]);
+            }
+            // Fully unrolled so that the tile stays in registers.
+#pragma GCC unroll 8
+            for (u64 t = 0; t < L; ++t) {
+                if (int(t) >= count || !b.active[t0 + t]) continue;
+                const typename V::vector c = V::set1(b.c[t0 + t]), s = V::set1(b.s[t0 + t]);
+#pragma GCC unroll 4
+                for (u64 g = 0; g < N; ++g) rotate<V>(xv[g], e[g][t], c, s);
+            }
+#pragma GCC unroll 4
+            for (u64 g = 0; g < N; ++g) {
+                V::transpose(e[g]);
+#pragma GCC unroll 8
+                for (u64 i = 0; i < L; ++i) {
+                    double* const at = m + (k0 + g * L + i) * ld + b.q0 + t0;
+                    if (full) V::store(at, e[g][i]);
+                    else V::store_partial(at, e[g][i], count);
+                }
+            }
+        }
+        for (u64 g = 0; g < N; ++g) V::store(x + k0 + g * L, xv[g]);
+    };
+    for (; k + G * L <= k_end; k += G * L) groups.template operator()<G>(k);
+    for (; k + L <= k_end; k += L) groups.template operator()<1>(k);
+    for (; k < k_end; ++k) {
+        double xk = x[k];
+        double* const e = m + k * ld + b.q0;
+        for (u64 t = 0; t < b.width; ++t)
+            if (b.active[t]) rotate_scalar(xk, e[t], b.c[t], b.s[t]);
+        x[k] = xk;
+    }
+}
+
+// Rotation (p, q) of every panel row: x holds the panel's column p.
+template <class V>
+inline void rotate_panel_column(double* panel, typename V::vector (&x)[kJacobiPanelRows / V::lanes], u64 q, double c,
+                                double s) noexcept {
+    const typename V::vector cv = V::set1(c), sv = V::set1(s);
+    double* const y = panel + q * kJacobiPanelRows;
+#pragma GCC unroll 16
+    for (u64 v = 0; v < kJacobiPanelRows / V::lanes; ++v) {
+        typename V::vector yv = V::load(y + v * V::lanes);
+        rotate<V>(x[v], yv, cv, sv);
+        V::store(y + v * V::lanes, yv);
+    }
+}
+
+// Runs p and p+1 (every row taking part) in one pass over the panel: column q takes (p, q) and
+// then (p+1, q), the order each column sees anyway, and is loaded once for both. Column p+1
+// leaves run p at its first rotation and stays in registers for run p+1.
+template <class V> void apply_run_pair(double* panel, const JacobiSweepRecord& rec, u64 p) noexcept {
+    constexpr u64 L = V::lanes;
+    constexpr u64 N = kJacobiPanelRows / L;
+    constexpr u64 R = kJacobiPanelRows;
+    const std::uint32_t* const q = rec.q.data();
+    const double* const c = rec.c.data();
+    const double* const s = rec.s.data();
+    u64 i = rec.run_start[p], j = rec.run_start[p + 1];
+    const u64 i_end = j, j_end = rec.run_start[p + 2];
+    typename V::vector x0[N], x1[N];
+    for (u64 v = 0; v < N; ++v) {
+        x0[v] = V::load(panel + p * R + v * L);
+        x1[v] = V::load(panel + (p + 1) * R + v * L);
+    }
+    if (i < i_end && q[i] == p + 1) {
+        const typename V::vector cv = V::set1(c[i]), sv = V::set1(s[i]);
+        for (u64 v = 0; v < N; ++v) rotate<V>(x0[v], x1[v], cv, sv);
+        ++i;
+    }
+    while (i < i_end && j < j_end) {
+        if (q[i] == q[j]) {
+            const typename V::vector c0 = V::set1(c[i]), s0 = V::set1(s[i]);
+            const typename V::vector c1 = V::set1(c[j]), s1 = V::set1(s[j]);
+            double* const y = panel + u64(q[i]) * R;
+#pragma GCC unroll 8
+            for (u64 v = 0; v < N; ++v) {
+                typename V::vector yv = V::load(y + v * L);
+                rotate<V>(x0[v], yv, c0, s0);
+                rotate<V>(x1[v], yv, c1, s1);
+                V::store(y + v * L, yv);
+            }
+            ++i;
+            ++j;
+        } else if (q[i] < q[j]) {
+            rotate_panel_column<V>(panel, x0, q[i], c[i], s[i]);
+            ++i;
+        } else {
+            rotate_panel_column<V>(panel, x1, q[j], c[j], s[j]);
+            ++j;
+        }
+    }
+    for (; i < i_end; ++i) rotate_panel_column<V>(panel, x0, q[i], c[i], s[i]);
+    for (; j < j_end; ++j) rotate_panel_column<V>(panel, x1, q[j], c[j], s[j]);
+    for (u64 v = 0; v < N; ++v) {
+        V::store(panel + p * R + v * L, x0[v]);
+        V::store(panel + (p + 1) * R + v * L, x1[v]);
+    }
+}
+
+template <class V>
+void apply_panel(double* panel, const JacobiSweepRecord& rec, u64 first_run, std::int64_t first_row) noexcept {
+    constexpr u64 L = V::lanes;
+    constexpr u64 N = kJacobiPanelRows / L;
+    const u64 runs = rec.run_start.size() - 1;
+    for (u64 p = first_run; p < runs; ++p) {
+        const u64 begin = rec.run_start[p], end = rec.run_start[p + 1];
+        // A pair of runs in which every row takes part goes in one pass.
+        if (p + 1 < runs && (first_row < 0 || std::int64_t(p) >= first_row + std::int64_t(kJacobiPanelRows))) {
+            apply_run_pair<V>(panel, rec, p);
+            ++p;
+            continue;
+        }
+        if (begin == end) continue;
+        double* const xp = panel + p * kJacobiPanelRows;
+        typename V::vector x[N];
+        for (u64 v = 0; v < N; ++v) x[v] = V::load(xp + v * L);
+        // Rows at or after the pivot are not in this run yet.
+        const std::int64_t live = first_row < 0 ? std::int64_t(kJacobiPanelRows)
+                                                : std::int64_t(p) - first_row;
+        if (live >= std::int64_t(kJacobiPanelRows)) {
+            for (u64 i = begin; i < end; ++i) rotate_panel_column<V>(panel, x, rec.q[i], rec.c[i], rec.s[i]);
+        } else {
+            typename V::mask on[N];
+            for (u64 v = 0; v < N; ++v) on[v] = V::lanes_below(live - std::int64_t(v * L));
+            for (u64 i = begin; i < end; ++i) {
+                const typename V::vector c = V::set1(rec.c[i]), s = V::set1(rec.s[i]);
+                double* const yq = panel + u64(rec.q[i]) * kJacobiPanelRows;
+                for (u64 v = 0; v < N; ++v) {
+                    typename V::vector xr = x[v], y = V::load(yq + v * L);
+                    const typename V::vector y0 = y;
+                    rotate<V>(xr, y, c, s);
+                    x[v] = V::blend(x[v], xr, on[v]);
+                    V::store(yq + v * L, V::blend(y0, y, on[v]));
+                }
+            }
+        }
+        for (u64 v = 0; v < N; ++v) V::store(xp + v * L, x[v]);
+    }
+}
+
+template <class V> JacobiKernelSet kernel_set(std::string_view name) noexcept {
+    JacobiKernelSet k;
+    k.name = name;
+    k.rotate_below = &rotate_below<V>;
+    k.rotate_above = &rotate_above<V>;
+    k.apply_panel = &apply_panel<V>;
+    return k;
+}
+
+} // namespace quillmark::cpu::jacobi_body
