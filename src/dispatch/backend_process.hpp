@@ -214,6 +214,9 @@ struct KernelTiling {
     static constexpr std::size_t kMaxOperands = 4;
     std::array<TileAxis, kMaxOperands> axes{};
     std::size_t count = 0;
+    // The kernel is out = A x (A row-major, x whole, out cut like A's rows) with the split row dot,
+    // so tiled dispatch may run an installed kernel on interleaved rows in place instead.
+    bool row_dot = false;
 
     KernelTiling() = default;
     KernelTiling(std::initializer_list<TileAxis> list);

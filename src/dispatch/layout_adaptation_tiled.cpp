@@ -1,6 +1,7 @@
 #include "dispatch/layout_adaptation_tiled.hpp"
 
 #include <algorithm>
+#include <atomic>
 #include <stdexcept>
 
 #include "runtime/cpu_runtime_context.hpp"
@@ -54,12 +55,31 @@ Footprint footprint_of(const OperandEntity& entity) {
     return f;
 }
 
+std::atomic<void (*)(u64, const double*, double*) noexcept> installed_pack_x{nullptr};
+std::atomic<void (*)(u64, u64, const double*, u64, const double*, double*) noexcept> installed_row_dot{nullptr};
+
+// The interleaved complex128 data of an operand that is exactly `count` contiguous elements.
+const double* interleaved_f64(const OperandEntity& entity, u64 count) {
+    const DataTypeDescriptor& dtype = entity.dtype();
+    if (entity.complex_layout() != ComplexLayout::interleaved || dtype.storage() != ScalarType::complex128 ||
+        dtype.compute() != ScalarType::complex128 || entity.erased_access().buffer_count() != 1)
+        return nullptr;
+    const BufferDescriptor d = entity.erased_access().buffer(0);
+    if (d.element_size != 2 * sizeof(double) || d.element_count != count) return nullptr;
+    return static_cast<const double*>(d.data);
+}
+
 // Elements in one leading row: a vector's element, a matrix's row.
 u64 row_width(const OperandEntity& entity) {
     return entity.kind() == OperandKind::matrix ? entity.extent()[1] : 1;
 }
 
 } // namespace
+
+void install_interleaved_row_dot(const InterleavedRowDot& kernel) noexcept {
+    installed_pack_x.store(kernel.pack_x, std::memory_order_relaxed);
+    installed_row_dot.store(kernel.rows, std::memory_order_relaxed);
+}
 
 TiledKernelStep::TiledKernelStep(CpuKernelMaterialiser kernel, std::vector<Operand> operands, Steps ordinary)
     : kernel_(std::move(kernel)), operands_(std::move(operands)), ordinary_(std::move(ordinary)) {
@@ -112,6 +132,8 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
             if (!alias) return false;
         }
     }
+
+    if (kernel_.tiling.row_dot && run_row_dot(session, bindings)) return true;
 
     // Adapted operands seen whole are converted once, up front, and shared by every tile.
     std::vector<TileWindowHandle> whole(n);
@@ -194,6 +216,37 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
         run_tiles(0, 1);
         runtime->parallel_for_chunks(1, tiles, (rows - tile_rows) * width,
                                      ChunkBody([&](u64 first, u64 last) { run_tiles(first, last); }));
+    });
+    return true;
+}
+
+// Converting A's rows tile by tile costs about as much as the products; reading them in place
+// leaves one pass over A. Runs only when every operand is interleaved complex128 of matching
+// shape (the overlap checks have passed), so nothing here can fail after output is written.
+bool TiledKernelStep::run_row_dot(BackendExecutionSession& session, BackendExecutionBindings& bindings) const {
+    const auto pack_x = installed_pack_x.load(std::memory_order_relaxed);
+    const auto row_dot = installed_row_dot.load(std::memory_order_relaxed);
+    if (!pack_x || !row_dot || bindings.size() != 3) return false;
+    const OperandEntity& a = bindings.original(0);
+    const OperandEntity& x = bindings.original(1);
+    OperandEntity* out = bindings.mutable_original(2);
+    if (!out || a.kind() != OperandKind::matrix || a.matrix_layout() != MatrixLayout::row_major ||
+        x.kind() != OperandKind::vector || out->kind() != OperandKind::vector)
+        return false;
+    const u64 m = a.extent()[0], n = a.extent()[1];
+    if (x.extent()[0] != n || out->extent()[0] != m) return false;
+    const double* ad = interleaved_f64(a, m * n);
+    const double* xd = interleaved_f64(x, n);
+    auto* od = const_cast<double*>(interleaved_f64(*out, m));
+    if ((!ad && m * n != 0) || (!xd && n != 0) || !od) return false;
+
+    std::vector<double> packed(2 * n);
+    if (n != 0) pack_x(n, xd, packed.data());
+    with_cpu_context(session, kernel_.backend, bindings, [&](CpuExecutionContext& cpu, BackendExecutionBindings&) {
+        auto body = [&](u64 first, u64 last) { row_dot(last - first, n, ad + 2 * first * n, n, packed.data(), od + 2 * first); };
+        const CpuRuntimeContext* runtime = cpu.runtime();
+        if (!runtime || runtime->thread_count() <= 1) body(0, m);
+        else runtime->parallel_for_chunks(0, m, 2 * m * n, ChunkBody(body));
     });
     return true;
 }

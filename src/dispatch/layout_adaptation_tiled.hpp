@@ -12,6 +12,17 @@
 
 namespace quillmark {
 
+// out = A x over interleaved complex128 rows read in place, installed by the CPU backend from its
+// vector engines (dispatch cannot reach them): `pack_x` arranges x (n interleaved pairs) into 2n
+// reals, `rows` computes rows of out (interleaved) from rows of A (row r at a + 2*r*lda) with the
+// bits of the split kernel. Null members keep the tile-by-tile conversion.
+struct InterleavedRowDot {
+    void (*pack_x)(std::uint64_t n, const double* x, double* packed) noexcept = nullptr;
+    void (*rows)(std::uint64_t rows, std::uint64_t n, const double* a, std::uint64_t lda, const double* packed_x,
+                 double* out) noexcept = nullptr;
+};
+void install_interleaved_row_dot(const InterleavedRowDot& kernel) noexcept;
+
 // A temporary in the registered layout that holds up to `capacity` leading rows of one caller
 // operand at a time.
 class TileWindow {
@@ -67,6 +78,7 @@ public:
 
 private:
     bool run_tiled(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;
+    bool run_row_dot(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;
 
     CpuKernelMaterialiser kernel_;
     std::vector<Operand> operands_;

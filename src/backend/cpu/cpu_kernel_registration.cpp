@@ -12,6 +12,7 @@
 #include "backend/cpu/structured_solver.hpp"
 #include "backend/cpu/vector_kernels.hpp"
 #include "dispatch/layout_adaptation.hpp"
+#include "dispatch/layout_adaptation_tiled.hpp"
 #include "storage/access.hpp"
 
 namespace quillmark {
@@ -382,6 +383,8 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
     // where their operands are adapted.
     const KernelTiling binary{TileAxis::rows, TileAxis::rows, TileAxis::rows};
     const KernelTiling by_whole{TileAxis::rows, TileAxis::whole, TileAxis::rows};
+    KernelTiling row_dot = by_whole;
+    row_dot.row_dot = true;
     auto reduction = [&](SymbolicExpression work) {
         return generic_record(rp, {"cpu.blocked_pairwise_reduction", arithmetic, std::move(work), lit(0),
                                    ReductionOrder::pairwise});
@@ -405,7 +408,7 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
     rows.push_back({Op::matvec, {m, v}, {v}, bound<&K::matvec, In<M, 0>, In<V, 1>, Out<V, 2>>(),
                     generic_record(rp, {"cpu.classical_gemv", arithmetic, product_of({lit(2), in_dim(0, 0), in_dim(0, 1)}),
                                         lit(0), ReductionOrder::pairwise}),
-                    by_whole});
+                    row_dot});
     rows.push_back({Op::kron, {m, m}, {m}, bound<&K::kron, In<M, 0>, In<M, 1>, Out<M, 2>>(),
                     generic_record(rp, {"cpu.kronecker_product", arithmetic, product_of({out_dim(0, 0), out_dim(0, 1)})})});
     rows.push_back({Op::inner, {v, v}, {s}, bound<&K::inner, In<V, 0>, In<V, 1>, Out<S, 2>>(),
@@ -515,6 +518,7 @@ void register_cpu_backends(BackendRegistry& registry, const RegistrationProvenan
     const auto& f64 = cpu::default_vector_kernels<double>();
     const auto& f32 = cpu::default_vector_kernels<float>();
     install_complex_plane_copies({f64.to_split, f64.to_interleaved, f32.to_split, f32.to_interleaved});
+    install_interleaved_row_dot({f64.pack_dot_x, f64.interleaved_dot_rows});
 }
 
 } // namespace quillmark

@@ -29,6 +29,13 @@ template <class R> struct VectorKernelSet {
     // ((0+1)+(2+3))+((4+5)+(6+7)).
     void (*split_dot_rows)(std::uint64_t rows, std::uint64_t n, const R* ar, const R* ai, std::uint64_t lda,
                            const R* xr, const R* xi, R* yr, R* yi) noexcept = nullptr;
+    // split_dot_rows on interleaved (re, im) rows read where they lie, with the same bits: row r
+    // starts at a + 2*r*lda and y[r] is stored as an interleaved pair. x (n interleaved pairs) is
+    // first arranged by pack_dot_x into the 2n reals the rows kernel reads. Null where the set has
+    // no such kernel.
+    void (*pack_dot_x)(std::uint64_t n, const R* x, R* packed) noexcept = nullptr;
+    void (*interleaved_dot_rows)(std::uint64_t rows, std::uint64_t n, const R* a, std::uint64_t lda,
+                                 const R* packed_x, R* y) noexcept = nullptr;
     // out = x + y and out = x - y over one plane.
     void (*add_planes)(std::uint64_t n, const R* x, const R* y, R* out) noexcept = nullptr;
     void (*subtract_planes)(std::uint64_t n, const R* x, const R* y, R* out) noexcept = nullptr;

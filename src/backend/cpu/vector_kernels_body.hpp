@@ -12,6 +12,9 @@
 #include "backend/cpu/vector_kernels.hpp"
 
 namespace quillmark::cpu::vector_body {
+// Internal linkage: each instruction set's translation unit keeps its own copies, so the linker
+// cannot merge, say, an AVX512 build of a shared template into the AVX2 set.
+namespace {
 
 using u64 = std::uint64_t;
 
@@ -254,6 +257,68 @@ template <class S> void to_split(u64 n, const S* interleaved, S* re, S* im) noex
     }
 }
 
+// Each block of eight pairs is split by in-lane unpacks alone, which leave the terms in the
+// order 0, 2, 1, 3 (then 4, 6, 5, 7); x is stored in that order once, and the lanes are put back
+// in place before they are combined. The tail after the last block keeps x in natural order.
+constexpr int kPackedLane[8] = {0, 2, 1, 3, 4, 6, 5, 7};
+
+inline void pack_dot_x(u64 n, const double* x, double* packed) noexcept {
+    const u64 full = n / 8 * 8, count = n - full;
+    for (u64 j = 0; j < full; j += 8)
+        for (int k = 0; k < 8; ++k) {
+            packed[2 * j + k] = x[2 * (j + kPackedLane[k])];
+            packed[2 * j + 8 + k] = x[2 * (j + kPackedLane[k]) + 1];
+        }
+    for (u64 t = 0; t < count; ++t) {
+        packed[2 * full + t] = x[2 * (full + t)];
+        packed[2 * full + count + t] = x[2 * (full + t) + 1];
+    }
+}
+
+template <class V>
+void interleaved_dot_rows(u64 rows, u64 n, const double* a, u64 lda, const double* packed, double* y) noexcept {
+    const u64 full = n / 8 * 8, count = n - full;
+    const double* tail_xr = packed + 2 * full;
+    const double* tail_xi = tail_xr + count;
+    for (u64 r = 0; r < rows; ++r) {
+        const double* p = a + 2 * r * lda;
+        __m256d vr0 = _mm256_setzero_pd(), vr1 = vr0, vi0 = vr0, vi1 = vr0;
+        for (u64 j = 0; j < full; j += 8) {
+            const double* q = p + 2 * j;
+            const double* x = packed + 2 * j;
+            const __m256d c0 = _mm256_loadu_pd(q), c1 = _mm256_loadu_pd(q + 4), c2 = _mm256_loadu_pd(q + 8),
+                          c3 = _mm256_loadu_pd(q + 12);
+            const __m256d a0 = _mm256_unpacklo_pd(c0, c1), b0 = _mm256_unpackhi_pd(c0, c1);
+            const __m256d a1 = _mm256_unpacklo_pd(c2, c3), b1 = _mm256_unpackhi_pd(c2, c3);
+            const __m256d xr0 = rounded(_mm256_loadu_pd(x)), xr1 = rounded(_mm256_loadu_pd(x + 4)),
+                          xi0 = rounded(_mm256_loadu_pd(x + 8)), xi1 = rounded(_mm256_loadu_pd(x + 12));
+            vr0 = V::add(vr0, V::sub(rounded(V::mul(a0, xr0)), rounded(V::mul(b0, xi0))));
+            vi0 = V::add(vi0, V::add(rounded(V::mul(a0, xi0)), rounded(V::mul(b0, xr0))));
+            vr1 = V::add(vr1, V::sub(rounded(V::mul(a1, xr1)), rounded(V::mul(b1, xi1))));
+            vi1 = V::add(vi1, V::add(rounded(V::mul(a1, xi1)), rounded(V::mul(b1, xr1))));
+        }
+        alignas(32) double pr[8], pi[8], sr[8], si[8];
+        _mm256_store_pd(pr, vr0);
+        _mm256_store_pd(pr + 4, vr1);
+        _mm256_store_pd(pi, vi0);
+        _mm256_store_pd(pi + 4, vi1);
+        for (int k = 0; k < 8; ++k) {
+            sr[kPackedLane[k]] = pr[k];
+            si[kPackedLane[k]] = pi[k];
+        }
+        if (count != 0) {
+            double ar[8], ai[8];
+            for (u64 t = 0; t < count; ++t) {
+                ar[t] = p[2 * (full + t)];
+                ai[t] = p[2 * (full + t) + 1];
+            }
+            split_dot_tail<V>(count, ar, ai, tail_xr, tail_xi, sr, si);
+        }
+        y[2 * r] = ((sr[0] + sr[1]) + (sr[2] + sr[3])) + ((sr[4] + sr[5]) + (sr[6] + sr[7]));
+        y[2 * r + 1] = ((si[0] + si[1]) + (si[2] + si[3])) + ((si[4] + si[5]) + (si[6] + si[7]));
+    }
+}
+
 template <class S> void to_interleaved(u64 n, const S* re, const S* im, S* interleaved) noexcept {
     u64 i = 0;
     if constexpr (std::is_same_v<S, double>) {
@@ -293,8 +358,13 @@ template <class V, class D> VectorKernelSet<typename V::scalar> kernel_set(std::
 #if defined(__AVX2__)
     k.to_split = &to_split<S>;
     k.to_interleaved = &to_interleaved<S>;
+    if constexpr (std::is_same_v<S, double> && V::lanes == 4) {
+        k.pack_dot_x = &pack_dot_x;
+        k.interleaved_dot_rows = &interleaved_dot_rows<V>;
+    }
 #endif
     return k;
 }
 
+} // namespace
 } // namespace quillmark::cpu::vector_body
