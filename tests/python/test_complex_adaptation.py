@@ -160,3 +160,14 @@ def test_matvec_row_tiles_keep_lane_order(context, rng, shape):
     out = np.full(shape[0], np.nan, np.complex128)
     run(context, "quillmark.matvec@1", [a, x], [out])
     assert same_bits(out, lane_order_matvec(a, x))
+
+
+# matvec reads A's rows in place: an output inside A or x must still see the inputs as they were.
+@pytest.mark.parametrize("where", ["row_of_a", "last_row_of_a", "x"])
+def test_matvec_output_inside_an_input(context, rng, where):
+    n = 301
+    a, x = random_array(rng, (n, n), np.complex128), random_array(rng, n, np.complex128)
+    expected = lane_order_matvec(a.copy(), x.copy())
+    out = {"row_of_a": a[0], "last_row_of_a": a[n - 1], "x": x}[where]
+    run(context, "quillmark.matvec@1", [a, x], [out])
+    assert same_bits(out, expected)
