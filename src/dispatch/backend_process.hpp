@@ -217,6 +217,10 @@ struct KernelTiling {
     // The kernel is out = A x (A row-major, x whole, out cut like A's rows) with the split row dot,
     // so tiled dispatch may run an installed kernel on interleaved rows in place instead.
     bool row_dot = false;
+    // The kernel is out = x + y or x - y on vectors; on interleaved complex operands that is the
+    // same real operation on every component, so tiled dispatch may run it on the pairs in place.
+    enum class Components : std::uint8_t { none, add, subtract };
+    Components components = Components::none;
 
     KernelTiling() = default;
     KernelTiling(std::initializer_list<TileAxis> list);

@@ -57,6 +57,9 @@ Footprint footprint_of(const OperandEntity& entity) {
 
 std::atomic<void (*)(u64, const double*, double*) noexcept> installed_pack_x{nullptr};
 std::atomic<void (*)(u64, u64, const double*, u64, const double*, double*) noexcept> installed_row_dot{nullptr};
+using ComponentKernel = void (*)(u64, const double*, const double*, double*) noexcept;
+std::atomic<ComponentKernel> installed_add{nullptr};
+std::atomic<ComponentKernel> installed_subtract{nullptr};
 
 // The interleaved complex128 data of an operand that is exactly `count` contiguous elements.
 const double* interleaved_f64(const OperandEntity& entity, u64 count) {
@@ -79,6 +82,11 @@ u64 row_width(const OperandEntity& entity) {
 void install_interleaved_row_dot(const InterleavedRowDot& kernel) noexcept {
     installed_pack_x.store(kernel.pack_x, std::memory_order_relaxed);
     installed_row_dot.store(kernel.rows, std::memory_order_relaxed);
+}
+
+void install_component_kernels(const ComponentKernels& kernels) noexcept {
+    installed_add.store(kernels.add, std::memory_order_relaxed);
+    installed_subtract.store(kernels.subtract, std::memory_order_relaxed);
 }
 
 TiledKernelStep::TiledKernelStep(CpuKernelMaterialiser kernel, std::vector<Operand> operands, Steps ordinary)
@@ -134,6 +142,8 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
     }
 
     if (kernel_.tiling.row_dot && run_row_dot(session, bindings)) return true;
+    if (kernel_.tiling.components != KernelTiling::Components::none && run_components(session, bindings))
+        return true;
 
     // Adapted operands seen whole are converted once, up front, and shared by every tile.
     std::vector<TileWindowHandle> whole(n);
@@ -247,6 +257,36 @@ bool TiledKernelStep::run_row_dot(BackendExecutionSession& session, BackendExecu
         const CpuRuntimeContext* runtime = cpu.runtime();
         if (!runtime || runtime->thread_count() <= 1) body(0, m);
         else runtime->parallel_for_chunks(0, m, 2 * m * n, ChunkBody(body));
+    });
+    return true;
+}
+
+// Add and subtract of interleaved complex128 vectors: one pass over the pairs, no conversion.
+// Runs only when all three operands are such vectors of one length (the overlap checks have
+// passed), so nothing here can fail after output is written.
+bool TiledKernelStep::run_components(BackendExecutionSession& session, BackendExecutionBindings& bindings) const {
+    const ComponentKernel op = (kernel_.tiling.components == KernelTiling::Components::add ? installed_add
+                                                                                             : installed_subtract)
+                                   .load(std::memory_order_relaxed);
+    if (!op || bindings.size() != 3) return false;
+    const OperandEntity& x = bindings.original(0);
+    const OperandEntity& y = bindings.original(1);
+    OperandEntity* out = bindings.mutable_original(2);
+    if (!out || x.kind() != OperandKind::vector || y.kind() != OperandKind::vector ||
+        out->kind() != OperandKind::vector)
+        return false;
+    const u64 count = x.extent()[0];
+    if (y.extent()[0] != count || out->extent()[0] != count || count == 0) return false;
+    const double* xd = interleaved_f64(x, count);
+    const double* yd = interleaved_f64(y, count);
+    auto* od = const_cast<double*>(interleaved_f64(*out, count));
+    if (!xd || !yd || !od) return false;
+
+    with_cpu_context(session, kernel_.backend, bindings, [&](CpuExecutionContext& cpu, BackendExecutionBindings&) {
+        auto body = [&](u64 first, u64 last) { op(2 * (last - first), xd + 2 * first, yd + 2 * first, od + 2 * first); };
+        const CpuRuntimeContext* runtime = cpu.runtime();
+        if (!runtime || runtime->thread_count() <= 1) body(0, count);
+        else runtime->parallel_for_chunks(0, count, count, ChunkBody(body));
     });
     return true;
 }

@@ -23,6 +23,14 @@ struct InterleavedRowDot {
 };
 void install_interleaved_row_dot(const InterleavedRowDot& kernel) noexcept;
 
+// out = x + y and out = x - y over n reals, installed by the CPU backend; they serve add and
+// subtract of interleaved complex128 vectors, whose components take exactly these operations.
+struct ComponentKernels {
+    void (*add)(std::uint64_t n, const double* x, const double* y, double* out) noexcept = nullptr;
+    void (*subtract)(std::uint64_t n, const double* x, const double* y, double* out) noexcept = nullptr;
+};
+void install_component_kernels(const ComponentKernels& kernels) noexcept;
+
 // A temporary in the registered layout that holds up to `capacity` leading rows of one caller
 // operand at a time.
 class TileWindow {
@@ -79,6 +87,7 @@ public:
 private:
     bool run_tiled(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;
     bool run_row_dot(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;
+    bool run_components(BackendExecutionSession& session, BackendExecutionBindings& bindings) const;
 
     CpuKernelMaterialiser kernel_;
     std::vector<Operand> operands_;

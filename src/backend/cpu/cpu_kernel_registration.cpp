@@ -385,6 +385,9 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
     const KernelTiling by_whole{TileAxis::rows, TileAxis::whole, TileAxis::rows};
     KernelTiling row_dot = by_whole;
     row_dot.row_dot = true;
+    KernelTiling adding = binary, subtracting = binary;
+    adding.components = KernelTiling::Components::add;
+    subtracting.components = KernelTiling::Components::subtract;
     auto reduction = [&](SymbolicExpression work) {
         return generic_record(rp, {"cpu.blocked_pairwise_reduction", arithmetic, std::move(work), lit(0),
                                    ReductionOrder::pairwise});
@@ -392,9 +395,9 @@ template <class P> void common_rows(std::vector<Registration>& rows) {
 
     rows.push_back({Op::multiply, {v, v}, {v}, bound<&K::multiply, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise,
                     binary});
-    rows.push_back({Op::add, {v, v}, {v}, bound<&K::add, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise, binary});
+    rows.push_back({Op::add, {v, v}, {v}, bound<&K::add, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise, adding});
     rows.push_back({Op::subtract, {v, v}, {v}, bound<&K::subtract, In<V, 0>, In<V, 1>, Out<V, 2>>(), elementwise,
-                    binary});
+                    subtracting});
     rows.push_back({Op::sum, {v}, {s}, bound<&K::sum, In<V, 0>, Out<S, 1>>(), reduction(length)});
     rows.push_back({Op::scale, {v, s}, {v}, bound<&K::scale, In<V, 0>, In<S, 1>, Out<V, 2>>(), elementwise,
                     by_whole});
@@ -519,6 +522,7 @@ void register_cpu_backends(BackendRegistry& registry, const RegistrationProvenan
     const auto& f32 = cpu::default_vector_kernels<float>();
     install_complex_plane_copies({f64.to_split, f64.to_interleaved, f32.to_split, f32.to_interleaved});
     install_interleaved_row_dot({f64.pack_dot_x, f64.interleaved_dot_rows});
+    install_component_kernels({f64.add_planes, f64.subtract_planes});
 }
 
 } // namespace quillmark
