@@ -1,7 +1,7 @@
 // The body comes first: it keeps products and sums separately rounded for all of this unit.
 #include "backend/cpu/structured_solver_jacobi_body.hpp"
 
-#include <emmintrin.h>
+#include "backend/cpu/simd_traits_x86_sse2.hpp"
 
 #include <algorithm>
 #include <cmath>
@@ -17,19 +17,8 @@ namespace quillmark::cpu {
 namespace {
 
 // SSE2 is the x86-64 baseline, so the portable set is written on it.
-struct PortableF64 {
-    using vector = __m128d;
+struct PortableF64 : simd::Sse2F64 {
     using mask = __m128d;
-    static constexpr std::uint64_t lanes = 2;
-    static vector set1(double v) noexcept { return _mm_set1_pd(v); }
-    static vector load(const double* p) noexcept { return _mm_loadu_pd(p); }
-    static void store(double* p, vector v) noexcept { _mm_storeu_pd(p, v); }
-    // Only one lane can be partial.
-    static vector load_partial(const double* p, int) noexcept { return _mm_load_sd(p); }
-    static void store_partial(double* p, vector v, int) noexcept { _mm_store_sd(p, v); }
-    static vector add(vector a, vector b) noexcept { return _mm_add_pd(a, b); }
-    static vector sub(vector a, vector b) noexcept { return _mm_sub_pd(a, b); }
-    static vector mul(vector a, vector b) noexcept { return _mm_mul_pd(a, b); }
     static void transpose(vector (&r)[2]) noexcept {
         const vector low = _mm_unpacklo_pd(r[0], r[1]);
         r[1] = _mm_unpackhi_pd(r[0], r[1]);
