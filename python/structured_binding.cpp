@@ -4,6 +4,7 @@
 #include <nanobind/stl/complex.h>
 #include <nanobind/stl/string.h>
 
+#include <algorithm>
 #include <complex>
 #include <cstring>
 #include <stdexcept>
@@ -67,16 +68,21 @@ BufferDescriptor buffer(const StructuredOperand& operand, std::size_t index) {
 }
 
 // Gathers a strided n x n matrix into column-major order, one element of Size bytes at a time.
+// Square tiles keep both the source rows and the target columns of a tile in cache; walking a
+// whole row-major column at a time would fetch a cache line per element.
 template <std::size_t Size>
 void gather_column_major(std::byte* target, const std::byte* source, std::uint64_t n, std::int64_t row_stride,
                          std::int64_t col_stride) {
-    for (std::uint64_t j = 0; j < n; ++j)
-        for (std::uint64_t i = 0; i < n; ++i)
-            std::memcpy(target + (i + j * n) * Size,
-                        source + (static_cast<std::int64_t>(i) * row_stride +
-                                  static_cast<std::int64_t>(j) * col_stride) *
-                                     static_cast<std::int64_t>(Size),
-                        Size);
+    constexpr std::uint64_t kTile = 32;
+    for (std::uint64_t j0 = 0; j0 < n; j0 += kTile)
+        for (std::uint64_t i0 = 0; i0 < n; i0 += kTile)
+            for (std::uint64_t j = j0; j < std::min(n, j0 + kTile); ++j)
+                for (std::uint64_t i = i0; i < std::min(n, i0 + kTile); ++i)
+                    std::memcpy(target + (i + j * n) * Size,
+                                source + (static_cast<std::int64_t>(i) * row_stride +
+                                          static_cast<std::int64_t>(j) * col_stride) *
+                                             static_cast<std::int64_t>(Size),
+                                Size);
 }
 
 void gather(std::size_t element, std::byte* target, const std::byte* source, std::uint64_t n,
