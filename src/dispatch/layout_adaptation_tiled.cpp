@@ -203,9 +203,7 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
                 if (w) w->resize(next_rows);
     };
 
-    auto run_tiles = [&](u64 first_tile, u64 last_tile) {
-        TileSet set;
-        make_set(set);
+    auto run_tiles = [&](TileSet& set, u64 first_tile, u64 last_tile) {
         // Tiles run inside one worker each: the kernel's own loops stay serial.
         CpuExecutionContext context(kernel_.backend, nullptr);
         transfer(set, false, 0, true, first_tile * tile_rows);
@@ -216,16 +214,26 @@ bool TiledKernelStep::run_tiled(BackendExecutionSession& session, BackendExecuti
     };
 
     // A failure depends on shapes only, so it surfaces in the first tile's kernel, before any
-    // caller memory is written. In parallel runs the first tile runs alone for that reason.
+    // caller memory is written. In parallel runs the first tile runs alone for that reason, and
+    // every worker's windows are allocated before it, so no later tile can fail on memory.
     with_cpu_context(session, kernel_.backend, bindings, [&](CpuExecutionContext& cpu, BackendExecutionBindings&) {
         const CpuRuntimeContext* runtime = cpu.runtime();
-        if (tiles == 1 || !runtime || runtime->thread_count() <= 1) {
-            run_tiles(0, tiles);
+        const bool parallel = tiles > 1 && runtime && runtime->thread_count() > 1;
+        std::vector<TileSet> sets(parallel ? 1 + std::min<u64>(runtime->thread_count(), tiles - 1) : 1);
+        for (TileSet& set : sets) make_set(set);
+        if (!parallel) {
+            run_tiles(sets[0], 0, tiles);
             return;
         }
-        run_tiles(0, 1);
-        runtime->parallel_for_chunks(1, tiles, (rows - tile_rows) * width,
-                                     ChunkBody([&](u64 first, u64 last) { run_tiles(first, last); }));
+        run_tiles(sets[0], 0, 1);
+        // Chunks never outnumber the workers, so each takes a set of its own.
+        std::atomic<std::size_t> next{1};
+        runtime->parallel_for_chunks(1, tiles, (rows - tile_rows) * width, ChunkBody([&](u64 first, u64 last) {
+                                         const std::size_t index = next.fetch_add(1);
+                                         if (index >= sets.size())
+                                             throw std::logic_error("TiledKernelStep - more chunks than workers");
+                                         run_tiles(sets[index], first, last);
+                                     }));
     });
     return true;
 }
