@@ -47,11 +47,11 @@ template <class R> std::vector<GemmKernelInfo<R>> simd_kernels(bool avx2, bool a
     using Info = GemmKernelInfo<R>;
     std::vector<Info> out;
     if constexpr (std::is_same_v<R, double>) {
-        if (avx2) out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_f64, &gemm_microkernel_f64_avx2));
-        if (avx512) out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_f64, &gemm_microkernel_f64_avx512));
+        if (avx2) out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_f64, gemm_microkernels_avx2().f64));
+        if (avx512) out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_f64, gemm_microkernels_avx512().f64));
     } else if constexpr (std::is_same_v<R, float>) {
-        if (avx2) out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_f32, &gemm_microkernel_f32_avx2));
-        if (avx512) out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_f32, &gemm_microkernel_f32_avx512));
+        if (avx2) out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_f32, gemm_microkernels_avx2().f32));
+        if (avx512) out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_f32, gemm_microkernels_avx512().f32));
     }
     return out;
 }
@@ -93,14 +93,14 @@ template <class R> std::vector<SplitGemmKernelInfo<R>> simd_split_kernels(bool a
     std::vector<Info> out;
     if constexpr (std::is_same_v<R, double>) {
         if (avx2)
-            out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_split_f64, &gemm_split_microkernel_f64_avx2));
+            out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_split_f64, gemm_microkernels_avx2().split_f64));
         if (avx512)
-            out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_split_f64, &gemm_split_microkernel_f64_avx512));
+            out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_split_f64, gemm_microkernels_avx512().split_f64));
     } else {
         if (avx2)
-            out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_split_f32, &gemm_split_microkernel_f32_avx2));
+            out.push_back(from_config<Info>("AVX2", isa_avx256::gemm_split_f32, gemm_microkernels_avx2().split_f32));
         if (avx512)
-            out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_split_f32, &gemm_split_microkernel_f32_avx512));
+            out.push_back(from_config<Info>("AVX512", isa_avx512::gemm_split_f32, gemm_microkernels_avx512().split_f32));
     }
     return out;
 }

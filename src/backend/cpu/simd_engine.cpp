@@ -21,10 +21,10 @@ ComplexEngine with_gemm(ComplexEngine engine, const GemmBlocking& b, GemmMicroKe
 // Built on first use, after the processor check of the caller.
 const ComplexEngine& table(std::string_view name) {
     if (name == "AVX2") {
-        static const ComplexEngine avx2 = with_gemm(complex_engine_avx2(), isa_avx256::gemm_c64, &gemm_microkernel_c64_avx2);
+        static const ComplexEngine avx2 = with_gemm(complex_engine_avx2(), isa_avx256::gemm_c64, gemm_microkernels_avx2().c64);
         return avx2;
     }
-    static const ComplexEngine avx512 = with_gemm(complex_engine_avx512(), isa_avx512::gemm_c64, &gemm_microkernel_c64_avx512);
+    static const ComplexEngine avx512 = with_gemm(complex_engine_avx512(), isa_avx512::gemm_c64, gemm_microkernels_avx512().c64);
     return avx512;
 }
 
