@@ -451,8 +451,10 @@ std::vector<double> symmetric(u64 n, unsigned seed, const std::function<double(u
 } // namespace
 
 // Sizes straddle the column blocks, vector widths and 16-row panels; the shapes add skipped
-// (negligible) pairs, zero diagonals and a pair whose scaled value underflows to zero.
+// (negligible) pairs, zero diagonals and a pair whose scaled value underflows to zero. Runs with
+// eigenvectors share their rows among three workers, the values-only runs stay serial.
 TEST(StructuredJacobi, EveryKernelSetMatchesTheElementWiseLoopBitForBit) {
+    const CpuRuntimeContext workers(quillmark::testing::machine_options(4));
     using Shape = std::function<double(u64, u64, double)>;
     const std::vector<std::pair<const char*, Shape>> shapes = {
         {"random", [](u64, u64, double r) { return r; }},
@@ -471,7 +473,7 @@ TEST(StructuredJacobi, EveryKernelSetMatchesTheElementWiseLoopBitForBit) {
                 std::vector<double> v_ref, vt;
                 const double tol = hermitian_tolerance<double>(n);
                 const std::vector<double> d_ref = textbook_jacobi(a, n, &v_ref, tol);
-                const std::vector<double> d = jacobi_real(a, n, tol, &vt, kernels);
+                const std::vector<double> d = jacobi_real(a, n, tol, &vt, kernels, &workers);
                 const std::string where = std::string(kernels.name) + " n=" + std::to_string(n) + " " + name;
                 ASSERT_EQ(d.size(), n) << where;
                 EXPECT_EQ(std::memcmp(d.data(), d_ref.data(), n * sizeof(double)), 0) << where;

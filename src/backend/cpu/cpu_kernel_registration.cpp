@@ -300,18 +300,19 @@ template <class P> Kernel logdet_positive_definite_kernel() {
 }
 
 template <class P, bool WithVectors> Kernel hermitian_kernel() {
-    return [](CpuExecutionContext&, BackendExecutionBindings& b) {
+    return [](CpuExecutionContext& ctx, BackendExecutionBindings& b) {
         using C = typename Policy<P>::C;
         ComputeMatrix<P> a = load_matrix<P>(input(b, 0));
         const std::uint64_t n = a.geometry.rows;
         std::vector<typename Policy<P>::R> values(n);
         if constexpr (WithVectors) {
             std::vector<C> vectors(n * n);
-            cpu::eigh(a.data, a.geometry, values.data(), vectors.data(), MatrixGeometry{n, n, MatrixLayout::row_major});
+            cpu::eigh(a.data, a.geometry, values.data(), vectors.data(), MatrixGeometry{n, n, MatrixLayout::row_major},
+                      ctx.runtime());
             store_eigenvalues<P>(output(b, 1), values);
             store_matrix<P>(output(b, 2), vectors.data());
         } else {
-            cpu::eigvalsh(a.data, a.geometry, values.data());
+            cpu::eigvalsh(a.data, a.geometry, values.data(), ctx.runtime());
             store_eigenvalues<P>(output(b, 1), values);
         }
     };

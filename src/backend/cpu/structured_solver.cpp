@@ -345,7 +345,8 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
 
 template <class C>
 void hermitian_eigen(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* vectors,
-                     const MatrixGeometry* vector_geometry, std::string_view operation) {
+                     const MatrixGeometry* vector_geometry, std::string_view operation,
+                     const CpuRuntimeContext* ctx) {
     using W = Widened<C>;
     using R = RealOf<C>;
     require_square(g, "eigh/eigvalsh - input must be square");
@@ -360,7 +361,7 @@ void hermitian_eigen(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* 
     if constexpr (kComplex<W>)
         d = jacobi(w, n, tol, vector_geometry ? &vt : nullptr);
     else
-        d = jacobi_real(w, n, tol, vector_geometry ? &vt : nullptr, default_jacobi_kernels());
+        d = jacobi_real(w, n, tol, vector_geometry ? &vt : nullptr, default_jacobi_kernels(), ctx);
 
     std::vector<R> result(n);
     for (std::uint64_t i = 0; i < n; ++i) {
@@ -632,12 +633,13 @@ void validate_hermitian_input(const C* a, const MatrixGeometry& g, bool check_sy
 
 template <class C>
 void eigh(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* vectors,
-          const MatrixGeometry& vector_geometry) {
-    hermitian_eigen(a, g, values, vectors, &vector_geometry, "quillmark.eigh");
+          const MatrixGeometry& vector_geometry, const CpuRuntimeContext* ctx) {
+    hermitian_eigen(a, g, values, vectors, &vector_geometry, "quillmark.eigh", ctx);
 }
 
-template <class C> void eigvalsh(const C* a, const MatrixGeometry& g, RealOf<C>* values) {
-    hermitian_eigen<C>(a, g, values, nullptr, nullptr, "quillmark.eigvalsh");
+template <class C>
+void eigvalsh(const C* a, const MatrixGeometry& g, RealOf<C>* values, const CpuRuntimeContext* ctx) {
+    hermitian_eigen<C>(a, g, values, nullptr, nullptr, "quillmark.eigvalsh", ctx);
 }
 
 template <class C>
@@ -677,8 +679,9 @@ RealOf<C> logdet_positive_definite(const C* a, const MatrixGeometry& g, const Cp
     template RealOf<C> normalise_determinant<C>(C*, std::uint64_t, std::string_view);                        \
     template double hermitian_tolerance<C>(std::uint64_t);                                                   \
     template void validate_hermitian_input<C>(const C*, const MatrixGeometry&, bool, std::string_view);      \
-    template void eigh<C>(const C*, const MatrixGeometry&, RealOf<C>*, C*, const MatrixGeometry&);           \
-    template void eigvalsh<C>(const C*, const MatrixGeometry&, RealOf<C>*);                                  \
+    template void eigh<C>(const C*, const MatrixGeometry&, RealOf<C>*, C*, const MatrixGeometry&,             \
+                          const CpuRuntimeContext*);                                                         \
+    template void eigvalsh<C>(const C*, const MatrixGeometry&, RealOf<C>*, const CpuRuntimeContext*);        \
     template RealOf<C> logdet_positive_definite<C>(const C*, const MatrixGeometry&, const CpuRuntimeContext*);
 
 QUILLMARK_STRUCTURED_SOLVER(float)

@@ -97,10 +97,13 @@ void validate_hermitian_input(const C* matrix, const MatrixGeometry& geometry, b
 // triangle and real diagonal are given. Validates with operation "quillmark.eigh" (or
 // "quillmark.eigvalsh"). Throws SolverError `non_convergence` (native status 64) and
 // std::runtime_error "eigh/eigvalsh - eigenvalue overflow". Outputs are written only on success.
+// Large real orders spread their rotations over ctx's workers when one is given.
 template <class C>
 void eigh(const C* matrix, const MatrixGeometry& geometry, RealOf<C>* values, C* vectors,
-          const MatrixGeometry& vector_geometry);
-template <class C> void eigvalsh(const C* matrix, const MatrixGeometry& geometry, RealOf<C>* values);
+          const MatrixGeometry& vector_geometry, const CpuRuntimeContext* ctx = nullptr);
+template <class C>
+void eigvalsh(const C* matrix, const MatrixGeometry& geometry, RealOf<C>* values,
+              const CpuRuntimeContext* ctx = nullptr);
 
 // log det of a Hermitian positive-definite matrix by Cholesky factorisation (real result).
 // Throws the validation errors of "quillmark.logdet_positive_definite" and SolverError

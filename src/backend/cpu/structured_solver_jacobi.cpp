@@ -10,6 +10,7 @@
 
 #include "backend/cpu/structured_solver_jacobi.hpp"
 #include "core/errors.hpp"
+#include "runtime/cpu_runtime_context.hpp"
 #include "runtime/simd_selection.hpp"
 
 namespace quillmark::cpu {
@@ -38,6 +39,21 @@ inline bool negligible(double apq, double dp, double dq, double tol) noexcept {
     if (apq == 0) return true;
     if (dp == 0 || dq == 0) return false;
     return std::fabs(apq) / std::max(dp, dq) / std::min(dp, dq) <= tol;
+}
+
+// item(i, scratch) for i < count, dealt round-robin to ctx's workers (costs fall with the index,
+// so contiguous shares would be uneven); each share makes its own scratch first.
+template <class MakeScratch, class Item>
+void deal(const CpuRuntimeContext* ctx, std::uint64_t count, std::uint64_t work, MakeScratch make_scratch,
+          Item item) {
+    const std::uint64_t shares = ctx ? std::min(count, ctx->thread_count()) : 1;
+    auto body = [&](std::uint64_t b, std::uint64_t e) {
+        auto scratch = make_scratch();
+        for (std::uint64_t t = b; t < e; ++t)
+            for (std::uint64_t i = t; i < count; i += shares) item(i, scratch);
+    };
+    if (shares < 2) body(0, 1);
+    else ctx->parallel_for_chunks(0, shares, work, body);
 }
 
 } // namespace
@@ -70,7 +86,8 @@ const JacobiKernelSet& default_jacobi_kernels() {
 }
 
 std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, double tol,
-                                std::vector<double>* vt, const JacobiKernelSet& kernels) {
+                                std::vector<double>* vt, const JacobiKernelSet& kernels,
+                                const CpuRuntimeContext* ctx) {
     using u64 = std::uint64_t;
     constexpr u64 R = kJacobiPanelRows;
     // Odd number of cache lines per column: the above-block tiles read four columns at the same
@@ -90,11 +107,11 @@ std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, d
         v.assign(panels * n * R, 0.0);
         for (u64 k = 0; k < n; ++k) v[(k / R) * n * R + k * R + k % R] = 1;
     }
-    std::vector<double> head(n * R);
     JacobiSweepRecord record;
     record.run_start.assign(n > 0 ? n : 1, 0);
-    unsigned char active[kJacobiBlockWidth];
-    double bc[kJacobiBlockWidth], bs[kJacobiBlockWidth];
+    std::vector<unsigned char> active(n);
+    std::vector<double> rc(n), rs(n);
+    const JacobiRun run{n, active.data(), rc.data(), rs.data()};
 
     for (u64 sweep = 0;; ++sweep) {
         for (u64 i = 0; i < n; ++i) sq[i] = std::sqrt(std::fabs(diag[i]));
@@ -121,8 +138,7 @@ std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, d
                 q1 = std::min(n, (q0 / kJacobiBlockWidth + 1) * kJacobiBlockWidth);
                 bool any = false;
                 for (u64 q = q0; q < q1; ++q) {
-                    const u64 t = q - q0;
-                    active[t] = 0;
+                    active[q] = 0;
                     const double apq = x[q], aqq = diag[q];
                     if (negligible(apq, std::sqrt(std::fabs(app)), std::sqrt(std::fabs(aqq)), tol)) continue;
                     const double scale = std::max({std::fabs(apq), std::fabs(app), std::fabs(aqq)});
@@ -147,35 +163,47 @@ std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, d
                         double& e = u < q ? m[u * ld + q] : m[q * ld + u];
                         jacobi_body::rotate_scalar(x[u], e, c, s);
                     }
-                    active[t] = 1;
-                    bc[t] = c;
-                    bs[t] = s;
+                    active[q] = 1;
+                    rc[q] = c;
+                    rs[q] = s;
                     any = true;
                     record.q.push_back(static_cast<std::uint32_t>(q));
                     record.c.push_back(c);
                     record.s.push_back(s);
                 }
                 if (!any) continue;
-                const JacobiBlock block{q0, q1 - q0, active, bc, bs};
-                kernels.rotate_above(m, ld, p, block, p + 1, q0);
+                const JacobiBlock block{q0, q1 - q0, active.data() + q0, rc.data() + q0, rs.data() + q0};
                 kernels.rotate_below(m, ld, p, block, q1, n);
             }
+            // Rows between p and a block, by groups of block-aligned rows.
+            constexpr u64 W = kJacobiBlockWidth;
+            const u64 g0 = (p + 1) / W, groups = n > g0 * W + W ? (n - g0 * W - 1) / W : 0;
+            deal(ctx, groups, (n - p) * (n - p) / 4, [] { return 0; }, [&](u64 i, int) {
+                const u64 k0 = (g0 + i) * W;
+                kernels.rotate_above(m, ld, p, run, std::max(k0, p + 1), k0 + W);
+            });
             diag[p] = app;
         }
         record.run_start[n - 1] = record.q.size();
 
-        // Head rows k receive the runs after their own: row k is column k of the lower triangle.
-        for (u64 k0 = 0; k0 + 2 < n; k0 += R) {
-            const u64 rows = std::min(R, n - k0);
-            std::fill(head.begin(), head.end(), 0.0);
-            for (u64 r = 0; r < rows; ++r)
-                for (u64 j = k0 + r + 1; j < n; ++j) head[j * R + r] = m[(k0 + r) * ld + j];
-            kernels.apply_panel(head.data(), record, k0 + 1, static_cast<std::int64_t>(k0));
-            for (u64 r = 0; r < rows; ++r)
-                for (u64 j = k0 + r + 1; j < n; ++j) m[(k0 + r) * ld + j] = head[j * R + r];
-        }
-        if (vt)
-            for (u64 i = 0; i < panels; ++i) kernels.apply_panel(v.data() + i * n * R, record, 0, -1);
+        // Head rows k receive the runs after their own (row k is column k of the lower
+        // triangle), V every run; each panel of either is independent of the others.
+        const u64 head_panels = n > 2 ? (n - 2 + R - 1) / R : 0;
+        const auto make_head = [&] { return std::vector<double>(n * R); };
+        deal(ctx, head_panels + (vt ? panels : 0), record.q.size() * n, make_head,
+             [&](u64 i, std::vector<double>& head) {
+                 if (i >= head_panels) {
+                     kernels.apply_panel(v.data() + (i - head_panels) * n * R, record, 0, -1);
+                     return;
+                 }
+                 const u64 k0 = i * R, rows = std::min(R, n - k0);
+                 std::fill(head.begin(), head.end(), 0.0);
+                 for (u64 r = 0; r < rows; ++r)
+                     for (u64 j = k0 + r + 1; j < n; ++j) head[j * R + r] = m[(k0 + r) * ld + j];
+                 kernels.apply_panel(head.data(), record, k0 + 1, static_cast<std::int64_t>(k0));
+                 for (u64 r = 0; r < rows; ++r)
+                     for (u64 j = k0 + r + 1; j < n; ++j) m[(k0 + r) * ld + j] = head[j * R + r];
+             });
         for (u64 i = 0; i < n; ++i)
             if (!std::isfinite(diag[i])) throw std::runtime_error("eigh/eigvalsh - eigenvalue overflow");
     }

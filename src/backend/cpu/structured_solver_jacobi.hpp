@@ -14,9 +14,17 @@
 //  - Rows k < p ("head") never feed a rotation parameter again in the sweep, nor does V: both
 //    only receive the recorded (q, c, s) sequence, which is applied at the end of the sweep to
 //    panels of 16 rows kept in cache, each run's a(k, p) staying in registers.
+//  - For a row k between p and a block, rotation (p, q) is the last touch of element {k, q} in
+//    run p, and a(k, p) no longer feeds the run: those rows take the run once it is complete,
+//    each streaming its own column.
+//  - Rows and panels are independent of each other within these steps, so workers share them.
 #include <cstdint>
 #include <string_view>
 #include <vector>
+
+namespace quillmark {
+class CpuRuntimeContext;
+}
 
 namespace quillmark::cpu {
 
@@ -25,6 +33,14 @@ namespace quillmark::cpu {
 struct JacobiBlock {
     std::uint64_t q0;
     std::uint64_t width;
+    const unsigned char* active;
+    const double* c;
+    const double* s;
+};
+
+// The rotations of one run (pivot p), indexed by q; skipped pairs are inactive.
+struct JacobiRun {
+    std::uint64_t n;
     const unsigned char* active;
     const double* c;
     const double* s;
@@ -48,8 +64,9 @@ struct JacobiKernelSet {
     // block (element in column q at row k) ...
     void (*rotate_below)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiBlock& block,
                          std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
-    // ... and rows k in [k_begin, k_end) above the block, p < k (element in column k at row q).
-    void (*rotate_above)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiBlock& block,
+    // ... and, once the run is complete, rows k in [k_begin, k_end) (p < k) with every rotation
+    // (p, q) past the block of k (element in column k at row q).
+    void (*rotate_above)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiRun& run,
                          std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
     // Applies runs first_run ... of the record to a panel of kJacobiPanelRows rows stored
     // panel[j * kJacobiPanelRows + r] = row r, column j. With first_row >= 0 row r takes part in
@@ -73,7 +90,9 @@ const JacobiKernelSet& default_jacobi_kernels();
 // Returns the diagonal after convergence; vt (when non-null) receives the eigenvectors
 // transposed (vt[p*n + k] = V(k, p)). Throws the non-convergence SolverError and
 // std::runtime_error "eigh/eigvalsh - eigenvalue overflow" after a sweep that overflowed.
+// With ctx, rows are shared among its workers; the result does not depend on how.
 std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, double tolerance,
-                                std::vector<double>* vt, const JacobiKernelSet& kernels);
+                                std::vector<double>* vt, const JacobiKernelSet& kernels,
+                                const CpuRuntimeContext* ctx = nullptr);
 
 } // namespace quillmark::cpu

@@ -69,62 +69,68 @@ void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
     if (k < k_end) rows.template operator()<1, false>(k, int(k_end - k));
 }
 
-template <class V>
-void rotate_above(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u64 k_end) noexcept {
+// Rows k = row0 ... row0 + NG*lanes - 1 (x[g] holding a(k, p) by vector), rotations (p, q) for
+// q in [q_begin, q_end); rows before `first` are left as they are.
+template <class V, u64 NG>
+inline void rotate_above_tiles(double* m, u64 ld, const JacobiRun& run, u64 row0, u64 first, u64 q_begin,
+                               u64 q_end, typename V::vector* xv) noexcept {
     constexpr u64 L = V::lanes;
-    double* const x = m + p * ld;
-    u64 k = k_begin;
-    // Two groups of `lanes` columns at once, each a chain of dependent rotations; their rows
-    // q0 ... are transposed into one vector per q.
-    constexpr u64 G = 2;
-    auto groups = [&]<u64 N>(u64 k0) {
-        typename V::vector xv[N];
-        for (u64 g = 0; g < N; ++g) xv[g] = V::load(x + k0 + g * L);
-        for (u64 t0 = 0; t0 < b.width; t0 += L) {
-            const int count = static_cast<int>(std::min<u64>(L, b.width - t0));
-            bool any = false;
-            for (int t = 0; t < count; ++t) any |= b.active[t0 + t] != 0;
-            if (!any) continue;
-            const bool full = count == int(L);
-            typename V::vector e[N][L];
-#pragma GCC unroll 4
-            for (u64 g = 0; g < N; ++g) {
+    using vec = typename V::vector;
+    for (u64 q0 = q_begin; q0 < q_end; q0 += L) {
+        const int count = static_cast<int>(std::min<u64>(L, q_end - q0));
+        bool any = false;
+        for (int t = 0; t < count; ++t) any |= run.active[q0 + t] != 0;
+        if (!any) continue;
+        const bool full = count == int(L);
+        vec e[NG][L];
 #pragma GCC unroll 8
-                for (u64 i = 0; i < L; ++i) {
-                    const double* const at = m + (k0 + g * L + i) * ld + b.q0 + t0;
-                    e[g][i] = full ? V::load(at) : V::load_partial(at, count);
-                }
-                V::transpose(e[g]);
+        for (u64 g = 0; g < NG; ++g) {
+#pragma GCC unroll 8
+            for (u64 i = 0; i < L; ++i) {
+                const double* const at = m + (row0 + g * L + i) * ld + q0;
+                e[g][i] = full ? V::load(at) : V::load_partial(at, count);
             }
-            // Fully unrolled so that the tile stays in registers.
+            V::transpose(e[g]);
+        }
 #pragma GCC unroll 8
-            for (u64 t = 0; t < L; ++t) {
-                if (int(t) >= count || !b.active[t0 + t]) continue;
-                const typename V::vector c = V::set1(b.c[t0 + t]), s = V::set1(b.s[t0 + t]);
-#pragma GCC unroll 4
-                for (u64 g = 0; g < N; ++g) rotate<V>(xv[g], e[g][t], c, s);
-            }
-#pragma GCC unroll 4
-            for (u64 g = 0; g < N; ++g) {
-                V::transpose(e[g]);
+        for (u64 t = 0; t < L; ++t) {
+            if (int(t) >= count || !run.active[q0 + t]) continue;
+            const vec c = V::set1(run.c[q0 + t]), s = V::set1(run.s[q0 + t]);
 #pragma GCC unroll 8
-                for (u64 i = 0; i < L; ++i) {
-                    double* const at = m + (k0 + g * L + i) * ld + b.q0 + t0;
-                    if (full) V::store(at, e[g][i]);
-                    else V::store_partial(at, e[g][i], count);
-                }
+            for (u64 g = 0; g < NG; ++g) rotate<V>(xv[g], e[g][t], c, s);
+        }
+#pragma GCC unroll 8
+        for (u64 g = 0; g < NG; ++g) {
+            V::transpose(e[g]);
+#pragma GCC unroll 8
+            for (u64 i = 0; i < L; ++i) {
+                if (row0 + g * L + i < first) continue;
+                double* const at = m + (row0 + g * L + i) * ld + q0;
+                if (full) V::store(at, e[g][i]);
+                else V::store_partial(at, e[g][i], count);
             }
         }
-        for (u64 g = 0; g < N; ++g) V::store(x + k0 + g * L, xv[g]);
-    };
-    for (; k + G * L <= k_end; k += G * L) groups.template operator()<G>(k);
-    for (; k + L <= k_end; k += L) groups.template operator()<1>(k);
-    for (; k < k_end; ++k) {
-        double xk = x[k];
-        double* const e = m + k * ld + b.q0;
-        for (u64 t = 0; t < b.width; ++t)
-            if (b.active[t]) rotate_scalar(xk, e[t], b.c[t], b.s[t]);
-        x[k] = xk;
+    }
+}
+
+template <class V>
+void rotate_above(double* m, u64 ld, u64 p, const JacobiRun& run, u64 k_begin, u64 k_end) noexcept {
+    constexpr u64 L = V::lanes;
+    constexpr u64 W = kJacobiBlockWidth;
+    constexpr u64 G = W / L;
+    using vec = typename V::vector;
+    double* const x = m + p * ld;
+    const u64 n = run.n;
+    // Rows of one block-aligned group share where their deferred rotations begin: just past
+    // the group, the group's own block having been rotated eagerly.
+    for (u64 K = k_begin / W * W; K < k_end && K + W < n; K += W) {
+        const u64 first = std::max(K, k_begin);
+        vec xv[G], x0[G];
+        for (u64 g = 0; g < G; ++g) x0[g] = xv[g] = V::load(x + K + g * L);
+        rotate_above_tiles<V, G>(m, ld, run, K, first, K + W, n, xv);
+        for (u64 g = 0; g < G; ++g)
+            V::store(x + K + g * L,
+                     V::blend(xv[g], x0[g], V::lanes_below(std::int64_t(first) - std::int64_t(K + g * L))));
     }
 }
 
