@@ -229,9 +229,13 @@ inline void rotate_complex(W* x, W* y, std::uint64_t n, RealOf<W> c, const W& s)
 //    by block, for the columns the next pivot reads and for all columns at the end of a sweep.
 // The column stride is padded to an odd number of cache lines: with a power-of-two stride the
 // mirroring stores of a row would all fall into a couple of cache sets.
+// V never feeds a rotation: it takes each sweep's recorded rotations at the end of the sweep,
+// in panels of rows kept in cache.
 // Every element sees exactly the operations of the textbook element-wise loop.
 template <class W>
-std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double tolerance, std::vector<W>* vt) {
+std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double tolerance, std::vector<W>* vt,
+                              const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx) {
+    static_assert(std::is_same_v<W, std::complex<double>>);
     using RW = RealOf<W>;
     const RW tol = static_cast<RW>(tolerance);
     const std::uint64_t line = 64 / sizeof(W) > 0 ? 64 / sizeof(W) : 1;
@@ -244,11 +248,17 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
     for (std::uint64_t q = 0; q < n; ++q)
         for (std::uint64_t k = 0; k < n; ++k)
             m[q * ld + k] = conj_of(w[q * n + k]);
+    // V by panels of R rows, each a real and an imaginary plane: plane[j*R + r] = V(k0 + r, j).
+    constexpr std::uint64_t R = kJacobiPanelRows;
+    const std::uint64_t panels = (n + R - 1) / R;
+    std::vector<double> v_re, v_im;
     if (vt) {
-        vt->assign(n * n, W(0));
-        for (std::uint64_t i = 0; i < n; ++i)
-            (*vt)[i * n + i] = W(1);
+        v_re.assign(panels * n * R, 0.0);
+        v_im.assign(panels * n * R, 0.0);
+        for (std::uint64_t k = 0; k < n; ++k) v_re[(k / R) * n * R + k * R + k % R] = 1;
     }
+    JacobiComplexRecord record;
+    record.run_start.assign(n > 0 ? n : 1, 0);
     auto negligible = [&](const W& apq, RW app, RW aqq) {
         if (apq == W(0))
             return true;
@@ -280,7 +290,12 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
         if (converged)
             break;
         if (sweep == kJacobiMaximumSweeps) throw_jacobi_non_convergence(n);
+        record.q.clear();
+        record.c.clear();
+        record.s_re.clear();
+        record.s_im.clear();
         for (std::uint64_t p = 0; p + 1 < n; ++p) {
+            record.run_start[p] = record.q.size();
             std::copy(m + p * ld, m + p * ld + n, cp);
             RW app = real_part(cp[p]);
             // Row q of rotation (p, q) reaches the columns of the same cache-line block of q at
@@ -317,8 +332,10 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
                 cq[q] = W(aqq + delta);
                 for (std::uint64_t k = q + 1; k < q1; ++k)
                     m[k * ld + q] = conj_of(cq[k]);
-                if (vt)
-                    rotate_complex(vt->data() + p * n, vt->data() + q * n, n, c, s);
+                record.q.push_back(static_cast<std::uint32_t>(q));
+                record.c.push_back(c);
+                record.s_re.push_back(s.real());
+                record.s_im.push_back(s.imag());
             }
             for (std::uint64_t k = q1; k < n; ++k) {
                 W* const ck = m + k * ld;
@@ -333,9 +350,19 @@ std::vector<RealOf<W>> jacobi(const std::vector<W>& w, std::uint64_t n, double t
             mirror_upper(p + 1);
         }
         mirror_upper(0);
+        record.run_start[n - 1] = record.q.size();
+        if (vt) apply_complex_sweep(kernels, v_re.data(), v_im.data(), n, record, ctx);
         for (std::uint64_t i = 0; i < n; ++i)
             if (!std::isfinite(real_part(m[i * ld + i])))
                 throw std::runtime_error("eigh/eigvalsh - eigenvalue overflow");
+    }
+    if (vt) {
+        vt->assign(n * n, W(0));
+        for (std::uint64_t j = 0; j < n; ++j)
+            for (std::uint64_t k = 0; k < n; ++k) {
+                const std::uint64_t at = (k / R) * n * R + j * R + k % R;
+                (*vt)[j * n + k] = W(v_re[at], v_im[at]);
+            }
     }
     std::vector<RW> d(n);
     for (std::uint64_t i = 0; i < n; ++i)
@@ -359,7 +386,7 @@ void hermitian_eigen(const C* a, const MatrixGeometry& g, RealOf<C>* values, C* 
     std::vector<W> vt;
     std::vector<RealOf<W>> d;
     if constexpr (kComplex<W>)
-        d = jacobi(w, n, tol, vector_geometry ? &vt : nullptr);
+        d = jacobi(w, n, tol, vector_geometry ? &vt : nullptr, default_jacobi_kernels(), ctx);
     else
         d = jacobi_real(w, n, tol, vector_geometry ? &vt : nullptr, default_jacobi_kernels(), ctx);
 

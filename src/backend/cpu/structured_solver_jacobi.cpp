@@ -78,6 +78,14 @@ const JacobiKernelSet& default_jacobi_kernels() {
     return chosen;
 }
 
+void apply_complex_sweep(const JacobiKernelSet& kernels, double* re, double* im, std::uint64_t n,
+                         const JacobiComplexRecord& record, const CpuRuntimeContext* ctx) {
+    constexpr std::uint64_t R = kJacobiPanelRows;
+    deal(ctx, (n + R - 1) / R, 4 * record.q.size() * n, [] { return 0; }, [&](std::uint64_t i, int) {
+        kernels.apply_complex_panel(re + i * n * R, im + i * n * R, record);
+    });
+}
+
 [[noreturn]] void throw_jacobi_non_convergence(std::uint64_t n) {
     throw SolverError("CPU", static_cast<std::int32_t>(kJacobiMaximumSweeps), "Jacobi sweep limit reached",
                       "quillmark.eigh",

@@ -54,6 +54,15 @@ struct JacobiSweepRecord {
     std::vector<double> s;
 };
 
+// The rotations of one complex sweep: s = (s_re, s_im), c real.
+struct JacobiComplexRecord {
+    std::vector<std::uint64_t> run_start;
+    std::vector<std::uint32_t> q;
+    std::vector<double> c;
+    std::vector<double> s_re;
+    std::vector<double> s_im;
+};
+
 inline constexpr std::uint64_t kJacobiMaximumSweeps = 64;
 inline constexpr std::uint64_t kJacobiPanelRows = 16;
 inline constexpr std::uint64_t kJacobiBlockWidth = 8;
@@ -74,6 +83,9 @@ struct JacobiKernelSet {
     // Two consecutive runs in which every row takes part go in one pass.
     void (*apply_panel)(double* panel, const JacobiSweepRecord& record, std::uint64_t first_run,
                         std::int64_t first_row) noexcept = nullptr;
+    // Applies a complex sweep to an eigenvector panel of kJacobiPanelRows rows held as two
+    // planes laid out like a real panel: (x, y) <- (x c - y conj(s), y c + x s).
+    void (*apply_complex_panel)(double* re, double* im, const JacobiComplexRecord& record) noexcept = nullptr;
 };
 
 JacobiKernelSet jacobi_kernels_portable() noexcept;
@@ -82,6 +94,11 @@ JacobiKernelSet jacobi_kernels_avx2() noexcept;
 std::vector<JacobiKernelSet> available_jacobi_kernels();
 // AVX2 whenever the process-wide selection names a SIMD engine (AVX-512 processors run it too).
 const JacobiKernelSet& default_jacobi_kernels();
+
+// A complex sweep applied to each panel of V (the planes hold ceil(n / kJacobiPanelRows) panels
+// of n columns), the panels shared among ctx's workers.
+void apply_complex_sweep(const JacobiKernelSet& kernels, double* re, double* im, std::uint64_t n,
+                         const JacobiComplexRecord& record, const CpuRuntimeContext* ctx);
 
 // SolverError `non_convergence` with native status kJacobiMaximumSweeps, for order n.
 [[noreturn]] void throw_jacobi_non_convergence(std::uint64_t n);

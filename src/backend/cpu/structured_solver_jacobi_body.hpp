@@ -241,12 +241,61 @@ void apply_panel(double* panel, const JacobiSweepRecord& rec, u64 first_run, std
     }
 }
 
+// (x, y) <- (x c - y conj(s), y c + x s) on split planes, each part formed as the textbook
+// complex loop forms it: products rounded, then summed.
+template <class V>
+inline void rotate_complex(typename V::vector& xr, typename V::vector& xi, typename V::vector& yr,
+                           typename V::vector& yi, typename V::vector c, typename V::vector sr,
+                           typename V::vector si) noexcept {
+    const typename V::vector xr2 = V::sub(V::mul(xr, c), V::add(V::mul(yr, sr), V::mul(yi, si)));
+    const typename V::vector xi2 = V::sub(V::mul(xi, c), V::sub(V::mul(yi, sr), V::mul(yr, si)));
+    const typename V::vector yr2 = V::add(V::mul(yr, c), V::sub(V::mul(xr, sr), V::mul(xi, si)));
+    yi = V::add(V::mul(yi, c), V::add(V::mul(xr, si), V::mul(xi, sr)));
+    yr = yr2;
+    xr = xr2;
+    xi = xi2;
+}
+
+template <class V> void apply_complex_panel(double* re, double* im, const JacobiComplexRecord& rec) noexcept {
+    constexpr u64 L = V::lanes;
+    constexpr u64 N = kJacobiPanelRows / L;
+    constexpr u64 R = kJacobiPanelRows;
+    using vec = typename V::vector;
+    const u64 runs = rec.run_start.size() - 1;
+    for (u64 p = 0; p < runs; ++p) {
+        const u64 begin = rec.run_start[p], end = rec.run_start[p + 1];
+        if (begin == end) continue;
+        vec xr[N], xi[N];
+        for (u64 v = 0; v < N; ++v) {
+            xr[v] = V::load(re + p * R + v * L);
+            xi[v] = V::load(im + p * R + v * L);
+        }
+        for (u64 i = begin; i < end; ++i) {
+            const vec c = V::set1(rec.c[i]), sr = V::set1(rec.s_re[i]), si = V::set1(rec.s_im[i]);
+            double* const yr = re + u64(rec.q[i]) * R;
+            double* const yi = im + u64(rec.q[i]) * R;
+#pragma GCC unroll 8
+            for (u64 v = 0; v < N; ++v) {
+                vec a = V::load(yr + v * L), b = V::load(yi + v * L);
+                rotate_complex<V>(xr[v], xi[v], a, b, c, sr, si);
+                V::store(yr + v * L, a);
+                V::store(yi + v * L, b);
+            }
+        }
+        for (u64 v = 0; v < N; ++v) {
+            V::store(re + p * R + v * L, xr[v]);
+            V::store(im + p * R + v * L, xi[v]);
+        }
+    }
+}
+
 template <class V> JacobiKernelSet kernel_set(std::string_view name) noexcept {
     JacobiKernelSet k;
     k.name = name;
     k.rotate_below = &rotate_below<V>;
     k.rotate_above = &rotate_above<V>;
     k.apply_panel = &apply_panel<V>;
+    k.apply_complex_panel = &apply_complex_panel<V>;
     return k;
 }
 
