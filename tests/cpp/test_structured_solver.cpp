@@ -458,11 +458,26 @@ std::vector<double> symmetric(u64 n, unsigned seed, const std::function<double(u
     return a;
 }
 
+// The Hermitian counterpart of a real symmetric matrix: off-diagonal {i, j} becomes
+// a(i, j) * (1 + 0.75i) below the diagonal and its conjugate above.
+std::vector<Z> hermitian_of(const std::vector<double>& a, u64 n) {
+    std::vector<Z> h(n * n);
+    for (u64 i = 0; i < n; ++i)
+        for (u64 j = 0; j < n; ++j)
+            h[i * n + j] = i == j ? Z(a[i * n + j]) : (i > j ? a[i * n + j] * Z(1, 0.75) : a[i * n + j] * Z(1, -0.75));
+    return h;
+}
+
+template <class T> bool same_bits(const std::vector<T>& x, const std::vector<T>& y) {
+    return x.size() == y.size() && std::memcmp(x.data(), y.data(), x.size() * sizeof(T)) == 0;
+}
+
 } // namespace
 
 // Sizes straddle the column blocks, vector widths and 16-row panels; the shapes add skipped
-// (negligible) pairs, zero diagonals and a pair whose scaled value underflows to zero. Runs with
-// eigenvectors share their rows among three workers, the values-only runs stay serial.
+// (negligible) pairs, zero diagonals and a pair whose scaled value underflows to zero, each also
+// as a complex Hermitian matrix. Runs with eigenvectors share their rows among three workers,
+// the values-only runs stay serial.
 TEST(StructuredJacobi, EveryKernelSetMatchesTheElementWiseLoopBitForBit) {
     const CpuRuntimeContext workers(quillmark::testing::machine_options(4));
     using Shape = std::function<double(u64, u64, double)>;
@@ -476,24 +491,24 @@ TEST(StructuredJacobi, EveryKernelSetMatchesTheElementWiseLoopBitForBit) {
              return (i == 1 && j == 0) ? 1e-320 : 1e-3 * r;
          }},
     };
+    auto check = [&]<class T>(const std::vector<T>& a, u64 n, const JacobiKernelSet& kernels, const std::string& where) {
+        std::vector<T> v_ref, vt, v_rows(n * n);
+        const double tol = hermitian_tolerance<double>(n);
+        const std::vector<double> d_ref = textbook_jacobi(a, n, &v_ref, tol);
+        const std::vector<double> d = jacobi_hermitian(a, n, tol, &vt, kernels, &workers);
+        EXPECT_TRUE(same_bits(d, d_ref)) << where;
+        for (u64 k = 0; k < n; ++k)
+            for (u64 p = 0; p < n; ++p) v_rows[k * n + p] = vt[p * n + k];
+        EXPECT_TRUE(same_bits(v_rows, v_ref)) << where;
+        EXPECT_TRUE(same_bits(jacobi_hermitian<T>(a, n, tol, nullptr, kernels), d)) << where;
+    };
     for (const JacobiKernelSet& kernels : available_jacobi_kernels())
         for (const u64 n : {u64(1), u64(2), u64(5), u64(9), u64(17), u64(38), u64(70)})
             for (const auto& [name, shape] : shapes) {
                 const std::vector<double> a = symmetric(n, unsigned(n), shape);
-                std::vector<double> v_ref, vt;
-                const double tol = hermitian_tolerance<double>(n);
-                const std::vector<double> d_ref = textbook_jacobi(a, n, &v_ref, tol);
-                const std::vector<double> d = jacobi_real(a, n, tol, &vt, kernels, &workers);
                 const std::string where = std::string(kernels.name) + " n=" + std::to_string(n) + " " + name;
-                ASSERT_EQ(d.size(), n) << where;
-                EXPECT_EQ(std::memcmp(d.data(), d_ref.data(), n * sizeof(double)), 0) << where;
-                bool same = true;
-                for (u64 k = 0; k < n; ++k)
-                    for (u64 p = 0; p < n; ++p) same = same && std::bit_cast<std::uint64_t>(vt[p * n + k]) ==
-                                                                   std::bit_cast<std::uint64_t>(v_ref[k * n + p]);
-                EXPECT_TRUE(same) << where;
-                const std::vector<double> values_only = jacobi_real(a, n, tol, nullptr, kernels);
-                EXPECT_EQ(std::memcmp(values_only.data(), d.data(), n * sizeof(double)), 0) << where;
+                check(a, n, kernels, where);
+                check(hermitian_of(a, n), n, kernels, where + " (complex)");
             }
 }
 

@@ -24,6 +24,7 @@ struct JacobiAvx2 : simd::Avx256F64 {
             _mm256_cmpgt_epi64(_mm256_set1_epi64x(count), _mm256_setr_epi64x(0, 1, 2, 3)));
     }
     static vector blend(vector off, vector on, mask m) noexcept { return _mm256_blendv_pd(off, on, m); }
+    static vector negate(vector v) noexcept { return _mm256_xor_pd(v, _mm256_set1_pd(-0.0)); }
 };
 
 } // namespace

@@ -1,11 +1,12 @@
 #pragma once
-// Cyclic Jacobi on a real symmetric double matrix, reorganised for the cache and vector units
-// while every element still sees exactly the operations, in exactly the order, of the
-// element-wise loop that rotates rows and columns p and q one rotation at a time.
+// Cyclic Jacobi on a real symmetric or complex Hermitian double matrix, reorganised for the
+// cache and vector units while every element still sees exactly the operations, in exactly the
+// order, of the element-wise loop that rotates rows and columns p and q one rotation at a time.
 //
 // Why it can be reorganised:
 //  - Only the lower triangle is stored (element {i, j}, i < j, in column i at row j), so nothing
-//    is ever mirrored.
+//    is ever mirrored: where the loop works on an upper element, the kernels take the
+//    conjugate of the stored one (an exact sign flip).
 //  - Within the run of pivot p (rotations (p, q), q = p+1 ... n-1), an element {k, q} with both
 //    indices above p is touched by exactly two rotations, (p, min) and (p, max). The run is
 //    taken in blocks of consecutive q: the rotation parameters of a block only need the block's
@@ -18,6 +19,7 @@
 //    run p, and a(k, p) no longer feeds the run: those rows take the run once it is complete,
 //    each streaming its own column.
 //  - Rows and panels are independent of each other within these steps, so workers share them.
+#include <complex>
 #include <cstdint>
 #include <string_view>
 #include <vector>
@@ -28,6 +30,9 @@ class CpuRuntimeContext;
 
 namespace quillmark::cpu {
 
+// Rotation parameters: c is real, s real or complex (s, s_im; s_im is null for real elements).
+// Complex elements keep their imaginary parts `plane` values after the real ones.
+
 // The rotations of one block of columns q0 ... q0+width-1 (width <= kJacobiBlockWidth), by
 // offset; skipped (negligible) pairs are inactive.
 struct JacobiBlock {
@@ -36,6 +41,8 @@ struct JacobiBlock {
     const unsigned char* active;
     const double* c;
     const double* s;
+    const double* s_im;
+    std::uint64_t plane;
 };
 
 // The rotations of one run (pivot p), indexed by q; skipped pairs are inactive.
@@ -44,6 +51,8 @@ struct JacobiRun {
     const unsigned char* active;
     const double* c;
     const double* s;
+    const double* s_im;
+    std::uint64_t plane;
 };
 
 // The rotations of one sweep in order: run p owns entries [run_start[p], run_start[p+1]).
@@ -52,15 +61,7 @@ struct JacobiSweepRecord {
     std::vector<std::uint32_t> q;
     std::vector<double> c;
     std::vector<double> s;
-};
-
-// The rotations of one complex sweep: s = (s_re, s_im), c real.
-struct JacobiComplexRecord {
-    std::vector<std::uint64_t> run_start;
-    std::vector<std::uint32_t> q;
-    std::vector<double> c;
-    std::vector<double> s_re;
-    std::vector<double> s_im;
+    std::vector<double> s_im; // complex sweeps only
 };
 
 inline constexpr std::uint64_t kJacobiMaximumSweeps = 64;
@@ -68,24 +69,25 @@ inline constexpr std::uint64_t kJacobiPanelRows = 16;
 inline constexpr std::uint64_t kJacobiBlockWidth = 8;
 
 struct JacobiKernelSet {
+    struct Kernels {
+        // x[k] = m[p*ld + k] and the block's elements {k, q}: rows k in [k_begin, k_end) below
+        // the block (element in column q at row k) ...
+        void (*rotate_below)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiBlock& block,
+                             std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
+        // ... and, once the run is complete, rows k in [k_begin, k_end) (p < k) with every
+        // rotation (p, q) past the block of k (element in column k at row q).
+        void (*rotate_above)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiRun& run,
+                             std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
+        // Applies runs first_run ... of the record to a panel of kJacobiPanelRows rows stored
+        // panel[j * kJacobiPanelRows + r] = row r, column j. With first_row >= 0 row r takes part
+        // in run p only when first_row + r < p (the head rows, whose runs begin after their own
+        // pivot). Real panels take two consecutive runs in which every row takes part in one pass.
+        void (*apply_panel)(double* panel, std::uint64_t plane, const JacobiSweepRecord& record,
+                            std::uint64_t first_run, std::int64_t first_row) noexcept = nullptr;
+    };
     std::string_view name; // "portable" or "AVX2"
-    // x[k] = m[p*ld + k] and the block's elements {k, q}: rows k in [k_begin, k_end) below the
-    // block (element in column q at row k) ...
-    void (*rotate_below)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiBlock& block,
-                         std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
-    // ... and, once the run is complete, rows k in [k_begin, k_end) (p < k) with every rotation
-    // (p, q) past the block of k (element in column k at row q).
-    void (*rotate_above)(double* m, std::uint64_t ld, std::uint64_t p, const JacobiRun& run,
-                         std::uint64_t k_begin, std::uint64_t k_end) noexcept = nullptr;
-    // Applies runs first_run ... of the record to a panel of kJacobiPanelRows rows stored
-    // panel[j * kJacobiPanelRows + r] = row r, column j. With first_row >= 0 row r takes part in
-    // run p only when first_row + r < p (the head rows, whose runs begin after their own pivot).
-    // Two consecutive runs in which every row takes part go in one pass.
-    void (*apply_panel)(double* panel, const JacobiSweepRecord& record, std::uint64_t first_run,
-                        std::int64_t first_row) noexcept = nullptr;
-    // Applies a complex sweep to an eigenvector panel of kJacobiPanelRows rows held as two
-    // planes laid out like a real panel: (x, y) <- (x c - y conj(s), y c + x s).
-    void (*apply_complex_panel)(double* re, double* im, const JacobiComplexRecord& record) noexcept = nullptr;
+    Kernels real;
+    Kernels complex;
 };
 
 JacobiKernelSet jacobi_kernels_portable() noexcept;
@@ -95,11 +97,6 @@ std::vector<JacobiKernelSet> available_jacobi_kernels();
 // AVX2 whenever the process-wide selection names a SIMD engine (AVX-512 processors run it too).
 const JacobiKernelSet& default_jacobi_kernels();
 
-// A complex sweep applied to each panel of V (the planes hold ceil(n / kJacobiPanelRows) panels
-// of n columns), the panels shared among ctx's workers.
-void apply_complex_sweep(const JacobiKernelSet& kernels, double* re, double* im, std::uint64_t n,
-                         const JacobiComplexRecord& record, const CpuRuntimeContext* ctx);
-
 // SolverError `non_convergence` with native status kJacobiMaximumSweeps, for order n.
 [[noreturn]] void throw_jacobi_non_convergence(std::uint64_t n);
 
@@ -108,8 +105,14 @@ void apply_complex_sweep(const JacobiKernelSet& kernels, double* re, double* im,
 // transposed (vt[p*n + k] = V(k, p)). Throws the non-convergence SolverError and
 // std::runtime_error "eigh/eigvalsh - eigenvalue overflow" after a sweep that overflowed.
 // With ctx, rows are shared among its workers; the result does not depend on how.
-std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, double tolerance,
-                                std::vector<double>* vt, const JacobiKernelSet& kernels,
-                                const CpuRuntimeContext* ctx = nullptr);
+// T is double or std::complex<double> (Hermitian w; a(p, q) and a(q, p) conjugate).
+template <class T>
+std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, double tolerance, std::vector<T>* vt,
+                                     const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx = nullptr);
+inline std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, double tolerance,
+                                       std::vector<double>* vt, const JacobiKernelSet& kernels,
+                                       const CpuRuntimeContext* ctx = nullptr) {
+    return jacobi_hermitian(w, n, tolerance, vt, kernels, ctx);
+}
 
 } // namespace quillmark::cpu

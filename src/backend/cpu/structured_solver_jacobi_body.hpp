@@ -1,9 +1,10 @@
 #pragma once
 // Bodies of the Jacobi kernels over a vector description `V` (lanes, load/store with partial
-// forms, mul/add/sub, a lanes x lanes transpose, lane masks and blend). Included first by the
-// translation units that instantiate them: from here on products and sums stay separately
-// rounded (x*c - y*s is two rounded products and a rounded difference in every variant, scalar
-// remainders included), whatever instruction set the unit is built for.
+// forms, mul/add/sub, negate, a lanes x lanes transpose, lane masks and blend), for real and
+// complex elements alike. Included first by the translation units that instantiate them: from
+// here on products and sums stay separately rounded (x*c - y*s is two rounded products and a
+// rounded difference in every variant, scalar remainders included), whatever instruction set
+// the unit is built for.
 #if defined(__clang__)
 #pragma clang fp contract(off)
 #else
@@ -32,32 +33,123 @@ inline void rotate_scalar(double& x, double& y, double c, double s) noexcept {
     x = xn;
 }
 
-template <class V>
-void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u64 k_end) noexcept {
-    constexpr u64 L = V::lanes;
-    double* const x = m + p * ld;
-    typename V::vector cv[kJacobiBlockWidth], sv[kJacobiBlockWidth];
-    for (u64 t = 0; t < b.width; ++t) {
-        cv[t] = V::set1(b.c[t]);
-        sv[t] = V::set1(b.s[t]);
+// Real elements: one plane.
+template <class V> struct Real {
+    using vector = typename V::vector;
+    static constexpr u64 lanes = V::lanes;
+    // Row vectors in flight: below a block, and per pass over the rows above one.
+    static constexpr u64 below_vectors = 3;
+    static constexpr u64 above_vectors = kJacobiBlockWidth / V::lanes;
+    static constexpr bool pair_runs = true;
+    struct value {
+        vector re;
+    };
+    struct rotation {
+        vector c, s;
+    };
+    static rotation at(const double* c, const double* s, const double*, u64 i) noexcept {
+        return {V::set1(c[i]), V::set1(s[i])};
     }
+    template <bool Conj = false> static value load(const double* p, u64) noexcept { return {V::load(p)}; }
+    template <bool Conj = false> static value load_partial(const double* p, u64, int count) noexcept {
+        return {V::load_partial(p, count)};
+    }
+    template <bool Conj = false> static void store(double* p, u64, value v) noexcept { V::store(p, v.re); }
+    template <bool Conj = false> static void store_partial(double* p, u64, value v, int count) noexcept {
+        V::store_partial(p, v.re, count);
+    }
+    static void rotate(value& x, value& y, const rotation& r) noexcept { jacobi_body::rotate<V>(x.re, y.re, r.c, r.s); }
+    static void transpose(value (&e)[V::lanes]) noexcept {
+        vector t[V::lanes];
+        for (u64 i = 0; i < V::lanes; ++i) t[i] = e[i].re;
+        V::transpose(t);
+        for (u64 i = 0; i < V::lanes; ++i) e[i].re = t[i];
+    }
+    static value blend(value off, value on, typename V::mask m) noexcept { return {V::blend(off.re, on.re, m)}; }
+};
+
+// Complex elements: the imaginary parts `plane` values after the real ones. A rotation takes
+// (x, y) to (x c - y conj(s), y c + x s), each part formed as the element-wise complex loop forms
+// it: products rounded, then summed. Conj loads and stores negate the imaginary part (an exact
+// sign flip, as conj is).
+template <class V> struct Complex {
+    using vector = typename V::vector;
+    static constexpr u64 lanes = V::lanes;
+    static constexpr u64 below_vectors = 2;
+    static constexpr u64 above_vectors = 1;
+    static constexpr bool pair_runs = false;
+    struct value {
+        vector re, im;
+    };
+    struct rotation {
+        vector c, sr, si;
+    };
+    static rotation at(const double* c, const double* s, const double* s_im, u64 i) noexcept {
+        return {V::set1(c[i]), V::set1(s[i]), V::set1(s_im[i])};
+    }
+    template <bool Conj = false> static vector imag(vector v) noexcept {
+        if constexpr (Conj) return V::negate(v);
+        else return v;
+    }
+    template <bool Conj = false> static value load(const double* p, u64 plane) noexcept {
+        return {V::load(p), imag<Conj>(V::load(p + plane))};
+    }
+    template <bool Conj = false> static value load_partial(const double* p, u64 plane, int count) noexcept {
+        return {V::load_partial(p, count), imag<Conj>(V::load_partial(p + plane, count))};
+    }
+    template <bool Conj = false> static void store(double* p, u64 plane, value v) noexcept {
+        V::store(p, v.re);
+        V::store(p + plane, imag<Conj>(v.im));
+    }
+    template <bool Conj = false> static void store_partial(double* p, u64 plane, value v, int count) noexcept {
+        V::store_partial(p, v.re, count);
+        V::store_partial(p + plane, imag<Conj>(v.im), count);
+    }
+    static void rotate(value& x, value& y, const rotation& r) noexcept {
+        const vector xr = V::sub(V::mul(x.re, r.c), V::add(V::mul(y.re, r.sr), V::mul(y.im, r.si)));
+        const vector xi = V::sub(V::mul(x.im, r.c), V::sub(V::mul(y.im, r.sr), V::mul(y.re, r.si)));
+        const vector yr = V::add(V::mul(y.re, r.c), V::sub(V::mul(x.re, r.sr), V::mul(x.im, r.si)));
+        y.im = V::add(V::mul(y.im, r.c), V::add(V::mul(x.re, r.si), V::mul(x.im, r.sr)));
+        y.re = yr;
+        x = {xr, xi};
+    }
+    static void transpose(value (&e)[V::lanes]) noexcept {
+        vector re[V::lanes], im[V::lanes];
+        for (u64 i = 0; i < V::lanes; ++i) re[i] = e[i].re, im[i] = e[i].im;
+        V::transpose(re);
+        V::transpose(im);
+        for (u64 i = 0; i < V::lanes; ++i) e[i] = {re[i], im[i]};
+    }
+    static value blend(value off, value on, typename V::mask m) noexcept {
+        return {V::blend(off.re, on.re, m), V::blend(off.im, on.im, m)};
+    }
+};
+
+template <class E>
+void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u64 k_end) noexcept {
+    constexpr u64 L = E::lanes;
+    using value = typename E::value;
+    double* const x = m + p * ld;
+    const u64 plane = b.plane;
+    typename E::rotation r[kJacobiBlockWidth];
+    for (u64 t = 0; t < b.width; ++t) r[t] = E::at(b.c, b.s, b.s_im, t);
     // G vectors of rows at once: each carries its own chain of dependent rotations. The last
     // rows go through the vector path too (partial loads), never through contractible scalars.
-    constexpr u64 G = 3;
+    constexpr u64 G = E::below_vectors;
     auto rows = [&]<u64 N, bool Full>(u64 k0, int count) {
-        auto load = [&](const double* at) { return Full ? V::load(at) : V::load_partial(at, count); };
-        auto store = [&](double* at, typename V::vector v) {
-            if constexpr (Full) V::store(at, v);
-            else V::store_partial(at, v, count);
+        auto load = [&](const double* at) { return Full ? E::load(at, plane) : E::load_partial(at, plane, count); };
+        auto store = [&](double* at, value v) {
+            if constexpr (Full) E::store(at, plane, v);
+            else E::store_partial(at, plane, v, count);
         };
-        typename V::vector xv[N];
+        value xv[N];
         for (u64 g = 0; g < N; ++g) xv[g] = load(x + k0 + g * L);
         for (u64 t = 0; t < b.width; ++t) {
             if (!b.active[t]) continue;
             double* const e = m + (b.q0 + t) * ld + k0;
             for (u64 g = 0; g < N; ++g) {
-                typename V::vector ev = load(e + g * L);
-                rotate<V>(xv[g], ev, cv[t], sv[t]);
+                value ev = load(e + g * L);
+                E::rotate(xv[g], ev, r[t]);
                 store(e + g * L, ev);
             }
         }
@@ -70,233 +162,188 @@ void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
 }
 
 // Rows k = row0 ... row0 + NG*lanes - 1 (x[g] holding a(k, p) by vector), rotations (p, q) for
-// q in [q_begin, q_end); rows before `first` are left as they are.
-template <class V, u64 NG>
+// q in [q_begin, q_end); rows before `first` are left as they are. Element {k, q} sits in column
+// k at row q, so a(k, q) is its conjugate.
+template <class E, u64 NG>
 inline void rotate_above_tiles(double* m, u64 ld, const JacobiRun& run, u64 row0, u64 first, u64 q_begin,
-                               u64 q_end, typename V::vector* xv) noexcept {
-    constexpr u64 L = V::lanes;
-    using vec = typename V::vector;
+                               u64 q_end, typename E::value* xv) noexcept {
+    constexpr u64 L = E::lanes;
+    using value = typename E::value;
+    const u64 plane = run.plane;
     for (u64 q0 = q_begin; q0 < q_end; q0 += L) {
         const int count = static_cast<int>(std::min<u64>(L, q_end - q0));
         bool any = false;
         for (int t = 0; t < count; ++t) any |= run.active[q0 + t] != 0;
         if (!any) continue;
         const bool full = count == int(L);
-        vec e[NG][L];
+        value e[NG][L];
 #pragma GCC unroll 8
         for (u64 g = 0; g < NG; ++g) {
 #pragma GCC unroll 8
             for (u64 i = 0; i < L; ++i) {
                 const double* const at = m + (row0 + g * L + i) * ld + q0;
-                e[g][i] = full ? V::load(at) : V::load_partial(at, count);
+                e[g][i] = full ? E::template load<true>(at, plane) : E::template load_partial<true>(at, plane, count);
             }
-            V::transpose(e[g]);
+            E::transpose(e[g]);
         }
 #pragma GCC unroll 8
         for (u64 t = 0; t < L; ++t) {
             if (int(t) >= count || !run.active[q0 + t]) continue;
-            const vec c = V::set1(run.c[q0 + t]), s = V::set1(run.s[q0 + t]);
+            const typename E::rotation r = E::at(run.c, run.s, run.s_im, q0 + t);
 #pragma GCC unroll 8
-            for (u64 g = 0; g < NG; ++g) rotate<V>(xv[g], e[g][t], c, s);
+            for (u64 g = 0; g < NG; ++g) E::rotate(xv[g], e[g][t], r);
         }
 #pragma GCC unroll 8
         for (u64 g = 0; g < NG; ++g) {
-            V::transpose(e[g]);
+            E::transpose(e[g]);
 #pragma GCC unroll 8
             for (u64 i = 0; i < L; ++i) {
                 if (row0 + g * L + i < first) continue;
                 double* const at = m + (row0 + g * L + i) * ld + q0;
-                if (full) V::store(at, e[g][i]);
-                else V::store_partial(at, e[g][i], count);
+                if (full) E::template store<true>(at, plane, e[g][i]);
+                else E::template store_partial<true>(at, plane, e[g][i], count);
             }
         }
     }
 }
 
-template <class V>
+template <class V, class E>
 void rotate_above(double* m, u64 ld, u64 p, const JacobiRun& run, u64 k_begin, u64 k_end) noexcept {
-    constexpr u64 L = V::lanes;
+    constexpr u64 L = E::lanes;
     constexpr u64 W = kJacobiBlockWidth;
-    constexpr u64 G = W / L;
-    using vec = typename V::vector;
+    constexpr u64 NG = E::above_vectors;
+    using value = typename E::value;
     double* const x = m + p * ld;
     const u64 n = run.n;
     // Rows of one block-aligned group share where their deferred rotations begin: just past
-    // the group, the group's own block having been rotated eagerly.
+    // the group, the group's own block having been rotated eagerly. NG row vectors per pass.
     for (u64 K = k_begin / W * W; K < k_end && K + W < n; K += W) {
         const u64 first = std::max(K, k_begin);
-        vec xv[G], x0[G];
-        for (u64 g = 0; g < G; ++g) x0[g] = xv[g] = V::load(x + K + g * L);
-        rotate_above_tiles<V, G>(m, ld, run, K, first, K + W, n, xv);
-        for (u64 g = 0; g < G; ++g)
-            V::store(x + K + g * L,
-                     V::blend(xv[g], x0[g], V::lanes_below(std::int64_t(first) - std::int64_t(K + g * L))));
+        for (u64 r0 = K; r0 < K + W; r0 += NG * L) {
+            value xv[NG], x0[NG];
+            for (u64 g = 0; g < NG; ++g) x0[g] = xv[g] = E::load(x + r0 + g * L, run.plane);
+            rotate_above_tiles<E, NG>(m, ld, run, r0, first, K + W, n, xv);
+            for (u64 g = 0; g < NG; ++g)
+                E::store(x + r0 + g * L, run.plane,
+                         E::blend(xv[g], x0[g], V::lanes_below(std::int64_t(first) - std::int64_t(r0 + g * L))));
+        }
     }
 }
 
 // Rotation (p, q) of every panel row: x holds the panel's column p.
-template <class V>
-inline void rotate_panel_column(double* panel, typename V::vector (&x)[kJacobiPanelRows / V::lanes], u64 q, double c,
-                                double s) noexcept {
-    const typename V::vector cv = V::set1(c), sv = V::set1(s);
+template <class E>
+inline void rotate_panel_column(double* panel, u64 plane, typename E::value (&x)[kJacobiPanelRows / E::lanes],
+                                u64 q, const typename E::rotation& r) noexcept {
     double* const y = panel + q * kJacobiPanelRows;
 #pragma GCC unroll 16
-    for (u64 v = 0; v < kJacobiPanelRows / V::lanes; ++v) {
-        typename V::vector yv = V::load(y + v * V::lanes);
-        rotate<V>(x[v], yv, cv, sv);
-        V::store(y + v * V::lanes, yv);
+    for (u64 v = 0; v < kJacobiPanelRows / E::lanes; ++v) {
+        typename E::value yv = E::load(y + v * E::lanes, plane);
+        E::rotate(x[v], yv, r);
+        E::store(y + v * E::lanes, plane, yv);
     }
 }
 
 // Runs p and p+1 (every row taking part) in one pass over the panel: column q takes (p, q) and
 // then (p+1, q), the order each column sees anyway, and is loaded once for both. Column p+1
 // leaves run p at its first rotation and stays in registers for run p+1.
-template <class V> void apply_run_pair(double* panel, const JacobiSweepRecord& rec, u64 p) noexcept {
-    constexpr u64 L = V::lanes;
+template <class E> void apply_run_pair(double* panel, u64 plane, const JacobiSweepRecord& rec, u64 p) noexcept {
+    constexpr u64 L = E::lanes;
     constexpr u64 N = kJacobiPanelRows / L;
     constexpr u64 R = kJacobiPanelRows;
+    using value = typename E::value;
     const std::uint32_t* const q = rec.q.data();
-    const double* const c = rec.c.data();
-    const double* const s = rec.s.data();
+    auto rot = [&](u64 i) { return E::at(rec.c.data(), rec.s.data(), rec.s_im.data(), i); };
     u64 i = rec.run_start[p], j = rec.run_start[p + 1];
     const u64 i_end = j, j_end = rec.run_start[p + 2];
-    typename V::vector x0[N], x1[N];
+    value x0[N], x1[N];
     for (u64 v = 0; v < N; ++v) {
-        x0[v] = V::load(panel + p * R + v * L);
-        x1[v] = V::load(panel + (p + 1) * R + v * L);
+        x0[v] = E::load(panel + p * R + v * L, plane);
+        x1[v] = E::load(panel + (p + 1) * R + v * L, plane);
     }
     if (i < i_end && q[i] == p + 1) {
-        const typename V::vector cv = V::set1(c[i]), sv = V::set1(s[i]);
-        for (u64 v = 0; v < N; ++v) rotate<V>(x0[v], x1[v], cv, sv);
+        const typename E::rotation r = rot(i);
+        for (u64 v = 0; v < N; ++v) E::rotate(x0[v], x1[v], r);
         ++i;
     }
     while (i < i_end && j < j_end) {
         if (q[i] == q[j]) {
-            const typename V::vector c0 = V::set1(c[i]), s0 = V::set1(s[i]);
-            const typename V::vector c1 = V::set1(c[j]), s1 = V::set1(s[j]);
+            const typename E::rotation r0 = rot(i), r1 = rot(j);
             double* const y = panel + u64(q[i]) * R;
 #pragma GCC unroll 8
             for (u64 v = 0; v < N; ++v) {
-                typename V::vector yv = V::load(y + v * L);
-                rotate<V>(x0[v], yv, c0, s0);
-                rotate<V>(x1[v], yv, c1, s1);
-                V::store(y + v * L, yv);
+                value yv = E::load(y + v * L, plane);
+                E::rotate(x0[v], yv, r0);
+                E::rotate(x1[v], yv, r1);
+                E::store(y + v * L, plane, yv);
             }
             ++i;
             ++j;
         } else if (q[i] < q[j]) {
-            rotate_panel_column<V>(panel, x0, q[i], c[i], s[i]);
+            rotate_panel_column<E>(panel, plane, x0, q[i], rot(i));
             ++i;
         } else {
-            rotate_panel_column<V>(panel, x1, q[j], c[j], s[j]);
+            rotate_panel_column<E>(panel, plane, x1, q[j], rot(j));
             ++j;
         }
     }
-    for (; i < i_end; ++i) rotate_panel_column<V>(panel, x0, q[i], c[i], s[i]);
-    for (; j < j_end; ++j) rotate_panel_column<V>(panel, x1, q[j], c[j], s[j]);
+    for (; i < i_end; ++i) rotate_panel_column<E>(panel, plane, x0, q[i], rot(i));
+    for (; j < j_end; ++j) rotate_panel_column<E>(panel, plane, x1, q[j], rot(j));
     for (u64 v = 0; v < N; ++v) {
-        V::store(panel + p * R + v * L, x0[v]);
-        V::store(panel + (p + 1) * R + v * L, x1[v]);
+        E::store(panel + p * R + v * L, plane, x0[v]);
+        E::store(panel + (p + 1) * R + v * L, plane, x1[v]);
     }
 }
 
-template <class V>
-void apply_panel(double* panel, const JacobiSweepRecord& rec, u64 first_run, std::int64_t first_row) noexcept {
-    constexpr u64 L = V::lanes;
+template <class V, class E>
+void apply_panel(double* panel, u64 plane, const JacobiSweepRecord& rec, u64 first_run, std::int64_t first_row) noexcept {
+    constexpr u64 L = E::lanes;
     constexpr u64 N = kJacobiPanelRows / L;
+    using value = typename E::value;
     const u64 runs = rec.run_start.size() - 1;
     for (u64 p = first_run; p < runs; ++p) {
         const u64 begin = rec.run_start[p], end = rec.run_start[p + 1];
         // A pair of runs in which every row takes part goes in one pass.
-        if (p + 1 < runs && (first_row < 0 || std::int64_t(p) >= first_row + std::int64_t(kJacobiPanelRows))) {
-            apply_run_pair<V>(panel, rec, p);
+        if (E::pair_runs && p + 1 < runs &&
+            (first_row < 0 || std::int64_t(p) >= first_row + std::int64_t(kJacobiPanelRows))) {
+            apply_run_pair<E>(panel, plane, rec, p);
             ++p;
             continue;
         }
         if (begin == end) continue;
         double* const xp = panel + p * kJacobiPanelRows;
-        typename V::vector x[N];
-        for (u64 v = 0; v < N; ++v) x[v] = V::load(xp + v * L);
+        value x[N];
+        for (u64 v = 0; v < N; ++v) x[v] = E::load(xp + v * L, plane);
         // Rows at or after the pivot are not in this run yet.
         const std::int64_t live = first_row < 0 ? std::int64_t(kJacobiPanelRows)
                                                 : std::int64_t(p) - first_row;
         if (live >= std::int64_t(kJacobiPanelRows)) {
-            for (u64 i = begin; i < end; ++i) rotate_panel_column<V>(panel, x, rec.q[i], rec.c[i], rec.s[i]);
+            for (u64 i = begin; i < end; ++i)
+                rotate_panel_column<E>(panel, plane, x, rec.q[i], E::at(rec.c.data(), rec.s.data(), rec.s_im.data(), i));
         } else {
             typename V::mask on[N];
             for (u64 v = 0; v < N; ++v) on[v] = V::lanes_below(live - std::int64_t(v * L));
             for (u64 i = begin; i < end; ++i) {
-                const typename V::vector c = V::set1(rec.c[i]), s = V::set1(rec.s[i]);
+                const typename E::rotation r = E::at(rec.c.data(), rec.s.data(), rec.s_im.data(), i);
                 double* const yq = panel + u64(rec.q[i]) * kJacobiPanelRows;
                 for (u64 v = 0; v < N; ++v) {
-                    typename V::vector xr = x[v], y = V::load(yq + v * L);
-                    const typename V::vector y0 = y;
-                    rotate<V>(xr, y, c, s);
-                    x[v] = V::blend(x[v], xr, on[v]);
-                    V::store(yq + v * L, V::blend(y0, y, on[v]));
+                    value xr = x[v], y = E::load(yq + v * L, plane);
+                    const value y0 = y;
+                    E::rotate(xr, y, r);
+                    x[v] = E::blend(x[v], xr, on[v]);
+                    E::store(yq + v * L, plane, E::blend(y0, y, on[v]));
                 }
             }
         }
-        for (u64 v = 0; v < N; ++v) V::store(xp + v * L, x[v]);
+        for (u64 v = 0; v < N; ++v) E::store(xp + v * L, plane, x[v]);
     }
 }
 
-// (x, y) <- (x c - y conj(s), y c + x s) on split planes, each part formed as the textbook
-// complex loop forms it: products rounded, then summed.
-template <class V>
-inline void rotate_complex(typename V::vector& xr, typename V::vector& xi, typename V::vector& yr,
-                           typename V::vector& yi, typename V::vector c, typename V::vector sr,
-                           typename V::vector si) noexcept {
-    const typename V::vector xr2 = V::sub(V::mul(xr, c), V::add(V::mul(yr, sr), V::mul(yi, si)));
-    const typename V::vector xi2 = V::sub(V::mul(xi, c), V::sub(V::mul(yi, sr), V::mul(yr, si)));
-    const typename V::vector yr2 = V::add(V::mul(yr, c), V::sub(V::mul(xr, sr), V::mul(xi, si)));
-    yi = V::add(V::mul(yi, c), V::add(V::mul(xr, si), V::mul(xi, sr)));
-    yr = yr2;
-    xr = xr2;
-    xi = xi2;
-}
-
-template <class V> void apply_complex_panel(double* re, double* im, const JacobiComplexRecord& rec) noexcept {
-    constexpr u64 L = V::lanes;
-    constexpr u64 N = kJacobiPanelRows / L;
-    constexpr u64 R = kJacobiPanelRows;
-    using vec = typename V::vector;
-    const u64 runs = rec.run_start.size() - 1;
-    for (u64 p = 0; p < runs; ++p) {
-        const u64 begin = rec.run_start[p], end = rec.run_start[p + 1];
-        if (begin == end) continue;
-        vec xr[N], xi[N];
-        for (u64 v = 0; v < N; ++v) {
-            xr[v] = V::load(re + p * R + v * L);
-            xi[v] = V::load(im + p * R + v * L);
-        }
-        for (u64 i = begin; i < end; ++i) {
-            const vec c = V::set1(rec.c[i]), sr = V::set1(rec.s_re[i]), si = V::set1(rec.s_im[i]);
-            double* const yr = re + u64(rec.q[i]) * R;
-            double* const yi = im + u64(rec.q[i]) * R;
-#pragma GCC unroll 8
-            for (u64 v = 0; v < N; ++v) {
-                vec a = V::load(yr + v * L), b = V::load(yi + v * L);
-                rotate_complex<V>(xr[v], xi[v], a, b, c, sr, si);
-                V::store(yr + v * L, a);
-                V::store(yi + v * L, b);
-            }
-        }
-        for (u64 v = 0; v < N; ++v) {
-            V::store(re + p * R + v * L, xr[v]);
-            V::store(im + p * R + v * L, xi[v]);
-        }
-    }
+template <class V, class E> JacobiKernelSet::Kernels kernels() noexcept {
+    return {&rotate_below<E>, &rotate_above<V, E>, &apply_panel<V, E>};
 }
 
 template <class V> JacobiKernelSet kernel_set(std::string_view name) noexcept {
-    JacobiKernelSet k;
-    k.name = name;
-    k.rotate_below = &rotate_below<V>;
-    k.rotate_above = &rotate_above<V>;
-    k.apply_panel = &apply_panel<V>;
-    k.apply_complex_panel = &apply_complex_panel<V>;
-    return k;
+    return {name, kernels<V, Real<V>>(), kernels<V, Complex<V>>()};
 }
 
 } // namespace quillmark::cpu::jacobi_body
