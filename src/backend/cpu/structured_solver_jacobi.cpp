@@ -128,9 +128,11 @@ const JacobiKernelSet& default_jacobi_kernels() {
                       ErrorReason::non_convergence);
 }
 
+namespace {
+
 template <class T>
-std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, double tol, std::vector<T>* vt,
-                                     const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx) {
+std::vector<double> jacobi_sweeps(const std::vector<T>& w, std::uint64_t n, double tol, std::vector<T>* vt,
+                                  const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx) {
     constexpr bool complex = kComplexElement<T>;
     constexpr u64 planes = complex ? 2 : 1;
     constexpr u64 R = kJacobiPanelRows;
@@ -158,7 +160,7 @@ std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, d
     record.run_start.assign(n > 0 ? n : 1, 0);
     std::vector<unsigned char> active(n);
     std::vector<double> rc(n), rs(n), rs_im(complex ? n : 0);
-    const JacobiRun run{n, active.data(), rc.data(), rs.data(), complex ? rs_im.data() : nullptr, n * ld};
+    const JacobiRun run{{active.data(), rc.data(), rs.data(), complex ? rs_im.data() : nullptr, n * ld}, n};
 
     for (u64 sweep = 0;; ++sweep) {
         for (u64 i = 0; i < n; ++i) sq[i] = std::sqrt(std::fabs(diag[i]));
@@ -234,8 +236,10 @@ std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, d
                     if constexpr (complex) record.s_im.push_back(si);
                 }
                 if (!any) continue;
-                const JacobiBlock block{q0, q1 - q0, active.data() + q0, rc.data() + q0, rs.data() + q0,
-                                        complex ? rs_im.data() + q0 : nullptr, n * ld};
+                const JacobiBlock block{
+                    {active.data() + q0, rc.data() + q0, rs.data() + q0, complex ? rs_im.data() + q0 : nullptr, n * ld},
+                    q0,
+                    q1 - q0};
                 kern.rotate_below(m, ld, p, block, q1, n);
             }
             // Rows between p and a block, by groups of block-aligned rows.
@@ -279,6 +283,14 @@ std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, d
         }
     }
     return diag;
+}
+
+} // namespace
+
+template <class T>
+std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, double tol, std::vector<T>* vt,
+                                     const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx) {
+    return jacobi_sweeps(w, n, tol, vt, kernels, ctx);
 }
 
 template std::vector<double> jacobi_hermitian<double>(const std::vector<double>&, u64, double, std::vector<double>*,

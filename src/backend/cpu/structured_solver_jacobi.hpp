@@ -33,11 +33,8 @@ namespace quillmark::cpu {
 // Rotation parameters: c is real, s real or complex (s, s_im; s_im is null for real elements).
 // Complex elements keep their imaginary parts `plane` values after the real ones.
 
-// The rotations of one block of columns q0 ... q0+width-1 (width <= kJacobiBlockWidth), by
-// offset; skipped (negligible) pairs are inactive.
-struct JacobiBlock {
-    std::uint64_t q0;
-    std::uint64_t width;
+// Rotations by index; skipped (negligible) pairs are inactive.
+struct JacobiRotations {
     const unsigned char* active;
     const double* c;
     const double* s;
@@ -45,14 +42,16 @@ struct JacobiBlock {
     std::uint64_t plane;
 };
 
-// The rotations of one run (pivot p), indexed by q; skipped pairs are inactive.
-struct JacobiRun {
+// The rotations of one block of columns q0 ... q0+width-1 (width <= kJacobiBlockWidth), by
+// offset.
+struct JacobiBlock : JacobiRotations {
+    std::uint64_t q0;
+    std::uint64_t width;
+};
+
+// The rotations of one run (pivot p) of an order-n matrix, indexed by q.
+struct JacobiRun : JacobiRotations {
     std::uint64_t n;
-    const unsigned char* active;
-    const double* c;
-    const double* s;
-    const double* s_im;
-    std::uint64_t plane;
 };
 
 // The rotations of one sweep in order: run p owns entries [run_start[p], run_start[p+1]).
