@@ -50,6 +50,7 @@ template <class V> struct Real {
     static rotation at(const double* c, const double* s, const double*, u64 i) noexcept {
         return {V::set1(c[i]), V::set1(s[i])};
     }
+    static value zero() noexcept { return {V::zero()}; }
     template <bool Conj = false> static value load(const double* p, u64) noexcept { return {V::load(p)}; }
     template <bool Conj = false> static value load_partial(const double* p, u64, int count) noexcept {
         return {V::load_partial(p, count)};
@@ -91,6 +92,7 @@ template <class V> struct Complex {
         if constexpr (Conj) return V::negate(v);
         else return v;
     }
+    static value zero() noexcept { return {V::zero(), V::zero()}; }
     template <bool Conj = false> static value load(const double* p, u64 plane) noexcept {
         return {V::load(p), imag<Conj>(V::load(p + plane))};
     }
@@ -162,9 +164,10 @@ void rotate_below(double* m, u64 ld, u64 p, const JacobiBlock& b, u64 k_begin, u
 }
 
 // Rows k = row0 ... row0 + NG*lanes - 1 (x[g] holding a(k, p) by vector), rotations (p, q) for
-// q in [q_begin, q_end); rows before `first` are left as they are. Element {k, q} sits in column
-// k at row q, so a(k, q) is its conjugate.
-template <class E, u64 NG>
+// q in [q_begin, q_end). Element {k, q} sits in column k at row q, so a(k, q) is its conjugate.
+// With `Clip`, rows before `first` are neither read nor written: one of them is column p itself,
+// which other workers update meanwhile.
+template <class E, u64 NG, bool Clip>
 inline void rotate_above_tiles(double* m, u64 ld, const JacobiRun& run, u64 row0, u64 first, u64 q_begin,
                                u64 q_end, typename E::value* xv) noexcept {
     constexpr u64 L = E::lanes;
@@ -182,7 +185,9 @@ inline void rotate_above_tiles(double* m, u64 ld, const JacobiRun& run, u64 row0
 #pragma GCC unroll 8
             for (u64 i = 0; i < L; ++i) {
                 const double* const at = m + (row0 + g * L + i) * ld + q0;
-                e[g][i] = full ? E::template load<true>(at, plane) : E::template load_partial<true>(at, plane, count);
+                if (Clip && row0 + g * L + i < first) e[g][i] = E::zero();
+                else if (full) e[g][i] = E::template load<true>(at, plane);
+                else e[g][i] = E::template load_partial<true>(at, plane, count);
             }
             E::transpose(e[g]);
         }
@@ -198,7 +203,7 @@ inline void rotate_above_tiles(double* m, u64 ld, const JacobiRun& run, u64 row0
             E::transpose(e[g]);
 #pragma GCC unroll 8
             for (u64 i = 0; i < L; ++i) {
-                if (row0 + g * L + i < first) continue;
+                if (Clip && row0 + g * L + i < first) continue;
                 double* const at = m + (row0 + g * L + i) * ld + q0;
                 if (full) E::template store<true>(at, plane, e[g][i]);
                 else E::template store_partial<true>(at, plane, e[g][i], count);
@@ -222,7 +227,8 @@ void rotate_above(double* m, u64 ld, u64 p, const JacobiRun& run, u64 k_begin, u
         for (u64 r0 = K; r0 < K + W; r0 += NG * L) {
             value xv[NG], x0[NG];
             for (u64 g = 0; g < NG; ++g) x0[g] = xv[g] = E::load(x + r0 + g * L, run.plane);
-            rotate_above_tiles<E, NG>(m, ld, run, r0, first, K + W, n, xv);
+            if (first > r0) rotate_above_tiles<E, NG, true>(m, ld, run, r0, first, K + W, n, xv);
+            else rotate_above_tiles<E, NG, false>(m, ld, run, r0, first, K + W, n, xv);
             for (u64 g = 0; g < NG; ++g)
                 E::store(x + r0 + g * L, run.plane,
                          E::blend(xv[g], x0[g], V::lanes_below(std::int64_t(first) - std::int64_t(r0 + g * L))));
