@@ -99,7 +99,7 @@ const JacobiKernelSet& default_jacobi_kernels();
 // SolverError `non_convergence` with native status kJacobiMaximumSweeps, for order n.
 [[noreturn]] void throw_jacobi_non_convergence(std::uint64_t n);
 
-// Jacobi on the row-major symmetric n x n matrix w with the given negligibility tolerance.
+// Jacobi on the row-major Hermitian n x n matrix w with the given negligibility tolerance.
 // Returns the diagonal after convergence; vt (when non-null) receives the eigenvectors
 // transposed (vt[p*n + k] = V(k, p)). Throws the non-convergence SolverError and
 // std::runtime_error "eigh/eigvalsh - eigenvalue overflow" after a sweep that overflowed.
@@ -108,10 +108,5 @@ const JacobiKernelSet& default_jacobi_kernels();
 template <class T>
 std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, double tolerance, std::vector<T>* vt,
                                      const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx = nullptr);
-inline std::vector<double> jacobi_real(const std::vector<double>& w, std::uint64_t n, double tolerance,
-                                       std::vector<double>* vt, const JacobiKernelSet& kernels,
-                                       const CpuRuntimeContext* ctx = nullptr) {
-    return jacobi_hermitian(w, n, tolerance, vt, kernels, ctx);
-}
 
 } // namespace quillmark::cpu
