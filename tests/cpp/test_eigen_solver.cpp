@@ -12,9 +12,11 @@
 #include "backend/cpu/fallback_complex_eigen_solver.hpp"
 #include "core/errors.hpp"
 #include "runtime/simd_selection.hpp"
+#include "test_support.hpp"
 
 using namespace quillmark;
 using namespace quillmark::cpu;
+using quillmark::testing::capture;
 
 namespace {
 
@@ -115,13 +117,11 @@ template <class C> double worst_residual(const Matrix<C>& a, const Decomposed& d
     return worst;
 }
 
-template <class E, class F> E capture(F&& f) {
-    try {
-        f();
-    } catch (const E& e) {
-        return e;
-    }
-    throw std::logic_error("expected exception was not thrown");
+// Distance from w to the nearest of values.
+double nearest(const Zd& w, const std::vector<Zd>& values) {
+    double best = INFINITY;
+    for (const Zd& v : values) best = std::min(best, std::abs(v - w));
+    return best;
 }
 
 } // namespace
@@ -147,63 +147,34 @@ TYPED_TEST(EigenTyped, RandomMatricesGiveUnitVectorsWithSmallResiduals) {
         }
 }
 
-TYPED_TEST(EigenTyped, BlockTriangularMatricesDeflateInsideTheWindow) {
+TYPED_TEST(EigenTyped, BlockTriangularSpectrumIsTheUnionOfTheBlocks) {
     using C = TypeParam;
     // Zero blocks below the diagonal split the QR iteration into windows that start past the first
-    // row, so delayed rotations reach the rows above a window and the columns right of it.
-    const Index sizes[] = {9, 23, 14};
-    const Index n = 46;
+    // row, so delayed rotations reach the rows above a window and the columns right of it. Blocks of
+    // one make the matrix triangular: every reflector is the identity and the spectrum the diagonal.
+    const std::vector<Index> partitions[] = {{9, 23, 14}, {1, 1, 1, 1, 1, 1}};
     std::mt19937 gen(8);
     std::normal_distribution<double> dist;
-    std::vector<Index> block(n);
-    for (Index i = 0, b = 0, end = sizes[0]; i < n; ++i) {
-        if (i == end) end += sizes[++b];
-        block[i] = b;
-    }
-    const Matrix<C> a = build<C>(n, MatrixLayout::row_major, [&](Index i, Index j) {
-        const Zd v(dist(gen), dist(gen));
-        return block[i] > block[j] ? Zd(0) : v;
-    });
-    const Decomposed d = run_eig(a, MatrixLayout::column_major);
-    EXPECT_LT(worst_residual(a, d), 100 * n * eps_of<C>());
-    // The spectrum is the union of the diagonal blocks' spectra.
-    std::vector<Zd> want;
-    for (Index b = 0, start = 0; b < 3; start += sizes[b++]) {
-        const Matrix<C> diagonal = build<C>(sizes[b], MatrixLayout::row_major,
-                                            [&](Index i, Index j) { return a.at(start + i, start + j); });
-        const Decomposed part = run_eig(diagonal, MatrixLayout::row_major);
-        want.insert(want.end(), part.values.begin(), part.values.end());
-    }
-    // Single precision deflates at a relative 1e-4, which moves sensitive pairs by about as much.
-    const double tolerance = std::max(1e3 * eps_of<C>(), 10 * default_eigen_options<C>().convergence_tolerance);
-    for (const Zd& w : want) {
-        double nearest = INFINITY;
-        for (const Zd& v : d.values) nearest = std::min(nearest, std::abs(v - w));
-        EXPECT_LT(nearest, tolerance * (1 + std::abs(w)));
-    }
-}
-
-TYPED_TEST(EigenTyped, TriangularSpectrumIsTheDiagonal) {
-    using C = TypeParam;
-    const double diagonal[] = {4, -3, 0.5, 2, -1.25, 7};
-    std::vector<double> want(diagonal, diagonal + 6);
-    std::sort(want.begin(), want.end());
-    for (MatrixLayout layout : kLayouts) {
-        std::mt19937 gen(3);
-        std::uniform_real_distribution<double> dist(-2, 2);
-        const Matrix<C> a = build<C>(6, layout, [&](Index i, Index j) {
-            return i == j ? Zd(diagonal[i]) : j > i ? Zd(dist(gen), dist(gen)) : Zd(0);
-        });
-        const Decomposed d = run_eig(a, MatrixLayout::column_major);
-        std::vector<double> got;
-        for (const Zd& v : d.values) {
-            EXPECT_NEAR(v.imag(), 0, 100 * eps_of<C>());
-            got.push_back(v.real());
+    for (const auto& sizes : partitions)
+        for (MatrixLayout layout : kLayouts) {
+            std::vector<Index> block;
+            for (Index b = 0; b < sizes.size(); ++b) block.insert(block.end(), sizes[b], b);
+            const Index n = block.size();
+            const Matrix<C> a = build<C>(n, layout, [&](Index i, Index j) {
+                const Zd v(dist(gen), dist(gen));
+                return block[i] > block[j] ? Zd(0) : v;
+            });
+            const Decomposed d = run_eig(a, kLayouts[layout == kLayouts[0]]);
+            EXPECT_LT(worst_residual(a, d), 100 * n * eps_of<C>());
+            // Single precision deflates at a relative 1e-4, which moves sensitive pairs by about as much.
+            const double tolerance = std::max(1e3 * eps_of<C>(), 10 * default_eigen_options<C>().convergence_tolerance);
+            for (Index b = 0, start = 0; b < sizes.size(); start += sizes[b++]) {
+                const Matrix<C> diagonal = build<C>(sizes[b], MatrixLayout::row_major,
+                                                    [&](Index i, Index j) { return a.at(start + i, start + j); });
+                for (const Zd& w : run_eig(diagonal, MatrixLayout::row_major).values)
+                    EXPECT_LT(nearest(w, d.values), tolerance * (1 + std::abs(w))) << n;
+            }
         }
-        std::sort(got.begin(), got.end());
-        for (Index k = 0; k < 6; ++k) EXPECT_NEAR(got[k], want[k], 800 * eps_of<C>());
-        EXPECT_LT(worst_residual(a, d), 300 * eps_of<C>());
-    }
 }
 
 TYPED_TEST(EigenTyped, HiddenJordanBlockResidualsStaySmall) {
@@ -277,27 +248,20 @@ TEST(EigenSolver, RealAndComplexPathsAgree) {
         const auto complex = build<std::complex<double>>(n, MatrixLayout::row_major,
                                                          [&](Index i, Index j) { return Zd(values[i * n + j]); });
         const Decomposed r = run_eig(real, MatrixLayout::row_major), c = run_eig(complex, MatrixLayout::row_major);
-        for (const Zd& w : r.values) {
-            double nearest = INFINITY;
-            for (const Zd& v : c.values) nearest = std::min(nearest, std::abs(v - w));
-            EXPECT_LT(nearest, 1e-11 * std::sqrt(double(n))) << n;
-        }
+        for (const Zd& w : r.values) EXPECT_LT(nearest(w, c.values), 1e-11 * std::sqrt(double(n))) << n;
     }
 }
 
-TEST(EigenSolver, BadlyScaledMatrixIsBalanced) {
+TEST(EigenSolver, BadlyScaledAndLargeMatricesAreAccurate) {
     // Entries spanning 2^+-60: without balancing the small eigenvalues drown in rounding.
     std::mt19937 gen(21);
     std::uniform_real_distribution<double> dist(0.5, 1.5);
-    const Matrix<double> a = build<double>(5, MatrixLayout::column_major, [&](Index i, Index j) {
+    const Matrix<double> scaled = build<double>(5, MatrixLayout::column_major, [&](Index i, Index j) {
         return Zd(std::ldexp(dist(gen), 30 * (int(i) - int(j))));
     });
-    EXPECT_LT(worst_residual(a, run_eig(a, MatrixLayout::column_major)), 1e-12);
-}
-
-TEST(EigenSolver, LargeMatrixIsAccurate) {
-    const Matrix<double> a = random_matrix<double>(200, MatrixLayout::row_major, 77);
-    EXPECT_LT(worst_residual(a, run_eig(a, MatrixLayout::column_major)), 1e-13);
+    EXPECT_LT(worst_residual(scaled, run_eig(scaled, MatrixLayout::column_major)), 1e-12);
+    const Matrix<double> large = random_matrix<double>(200, MatrixLayout::row_major, 77);
+    EXPECT_LT(worst_residual(large, run_eig(large, MatrixLayout::column_major)), 1e-13);
 }
 
 TEST(EigenSolver, FailuresLeaveOutputsUntouched) {
@@ -406,41 +370,4 @@ TEST_P(EigenRotation, ChainMatchesSequentialRotations) {
                 ASSERT_LT(std::abs(got[i] - want[i]), 16 * eps_of<double>() * (1 + std::abs(want[i])))
                     << along_rows << " " << length << " " << i;
         }
-}
-
-// The vector row products of the Hessenberg reduction agree with plain sums, row and column tails
-// included.
-TEST(EigenKernels, RowsTimesVectorMatchesPlainSums) {
-    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
-    std::mt19937 gen(9);
-    std::normal_distribution<double> dist;
-    for (const Index count : {Index(1), Index(4), Index(7)})
-        for (const Index m : {Index(0), Index(3), Index(4), Index(13)}) {
-            const Index ld = m + 2;
-            std::vector<double> rows(count * ld), x(m), got(count, -1);
-            for (double& e : rows) e = dist(gen);
-            for (double& e : x) e = dist(gen);
-            rows_times_vector_avx2(rows.data(), ld, count, m, x.data(), got.data());
-            for (Index r = 0; r < count; ++r) {
-                double want = 0, scale = 0;
-                for (Index i = 0; i < m; ++i) want += rows[r * ld + i] * x[i], scale += std::fabs(rows[r * ld + i] * x[i]);
-                EXPECT_NEAR(got[r], want, 4 * eps_of<double>() * scale) << count << " " << m << " " << r;
-            }
-        }
-}
-
-TEST(EigenKernels, ComplexDotMatchesPlainSum) {
-    if (!avx2_usable(probe_cpu_features())) GTEST_SKIP() << "no AVX2";
-    std::mt19937 gen(10);
-    std::normal_distribution<double> dist;
-    for (const Index m : {Index(0), Index(1), Index(4), Index(11)}) {
-        std::vector<Zd> a(m), b(m);
-        for (Index i = 0; i < m; ++i) a[i] = {dist(gen), dist(gen)}, b[i] = {dist(gen), dist(gen)};
-        Zd want = 0;
-        double scale = 0;
-        for (Index i = 0; i < m; ++i) want += a[i] * b[i], scale += std::abs(a[i]) * std::abs(b[i]);
-        double got[2];
-        complex_dot_avx2(reinterpret_cast<const double*>(a.data()), reinterpret_cast<const double*>(b.data()), m, got);
-        EXPECT_LT(std::abs(Zd(got[0], got[1]) - want), 8 * eps_of<double>() * (scale + 1e-300)) << m;
-    }
 }

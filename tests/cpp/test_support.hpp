@@ -1,7 +1,10 @@
 #pragma once
 #include <cstdint>
+#include <cstring>
 #include <exception>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "runtime/cpu_runtime_context.hpp"
 
@@ -24,6 +27,21 @@ inline CpuRuntimeOptions machine_options(std::uint64_t cpus, std::uint64_t threa
     options.thread_count = threads;
     options.min_parallel_work = 1;
     return options;
+}
+
+// The E that f throws, for checking its fields; a logic_error when f returns normally.
+template <class E, class F> E capture(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return e;
+    }
+    throw std::logic_error("expected exception was not thrown");
+}
+
+// Bit-for-bit equality (distinguishes -0.0 and NaN payloads, unlike ==).
+template <class T> bool same_bits(const std::vector<T>& x, const std::vector<T>& y) {
+    return x.size() == y.size() && std::memcmp(x.data(), y.data(), x.size() * sizeof(T)) == 0;
 }
 
 } // namespace quillmark::testing
