@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "backend/cpu/structured_solver.hpp"
 #include "backend/cpu/structured_solver_lu.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 #include "test_support.hpp"
@@ -22,17 +23,11 @@ namespace {
 
 using u64 = std::uint64_t;
 
-template <class C> struct Real {
-    using type = C;
-};
-template <class R> struct Real<std::complex<R>> {
-    using type = R;
-};
-template <class C> using RealT = typename Real<C>::type;
-template <class C> constexpr bool kIsComplex = !std::is_same_v<C, RealT<C>>;
+using quillmark::testing::same_bits;
+template <class C> constexpr bool kIsComplex = !std::is_same_v<C, RealOf<C>>;
 
 template <class C> C value(double re, double im) {
-    if constexpr (kIsComplex<C>) return C(RealT<C>(re), RealT<C>(im));
+    if constexpr (kIsComplex<C>) return C(RealOf<C>(re), RealOf<C>(im));
     else return C(re);
 }
 
@@ -42,13 +37,13 @@ template <class C> LuOutcome reference_lu(std::vector<C>& a, u64 n, std::vector<
     LuOutcome out;
     for (u64 k = 0; k < n; ++k) {
         u64 p = k;
-        std::pair<bool, RealT<C>> best{};
+        std::pair<bool, RealOf<C>> best{};
         for (u64 i = k; i < n; ++i) {
             const C v = a[i + k * n];
             if (!std::isfinite(std::real(v)) || !std::isfinite(std::imag(v))) return {LuStop::non_finite, k, out.swaps};
-            const RealT<C> m = std::abs(v);
+            const RealOf<C> m = std::abs(v);
             // An overflowing modulus is ranked by the halved value, above every finite one.
-            const std::pair<bool, RealT<C>> key = std::isfinite(m) ? std::pair{false, m} : std::pair{true, std::abs(v * RealT<C>(0.5))};
+            const std::pair<bool, RealOf<C>> key = std::isfinite(m) ? std::pair{false, m} : std::pair{true, std::abs(v * RealOf<C>(0.5))};
             if (i == k || key > best) best = key, p = i;
         }
         if (!best.first && best.second == 0) return {LuStop::singular, k, out.swaps};
@@ -93,13 +88,9 @@ template <class C> std::vector<C> matrix(Kind kind, u64 n, unsigned seed) {
         // The last column repeats a combination of two others, nudged by an ulp-sized amount or not.
         const double nudge = kind == Kind::near_singular ? 1e-7 : 0;
         for (u64 i = 0; i < n; ++i)
-            a[i + (n - 1) * n] = a[i] * RealT<C>(0.5) + a[i + n] * RealT<C>(0.25) + value<C>(i == n / 2 ? nudge : 0, 0);
+            a[i + (n - 1) * n] = a[i] * RealOf<C>(0.5) + a[i + n] * RealOf<C>(0.25) + value<C>(i == n / 2 ? nudge : 0, 0);
     }
     return a;
-}
-
-template <class C> bool same_bits(const std::vector<C>& x, const std::vector<C>& y) {
-    return x.size() == y.size() && std::memcmp(x.data(), y.data(), x.size() * sizeof(C)) == 0;
 }
 
 template <class C> class BlockedLu : public ::testing::Test {};
@@ -108,7 +99,7 @@ TYPED_TEST_SUITE(BlockedLu, Types);
 
 TYPED_TEST(BlockedLu, MatchesTheColumnByColumnEliminationBitForBit) {
     using C = TypeParam;
-    using R = RealT<C>;
+    using R = RealOf<C>;
     const CpuRuntimeContext workers(quillmark::testing::machine_options(4));
     struct Case {
         u64 n, block;
@@ -144,7 +135,7 @@ TYPED_TEST(BlockedLu, MatchesTheColumnByColumnEliminationBitForBit) {
 // matrix and with the trailing updates on worker threads; the kernels agree with each other.
 TYPED_TEST(BlockedLu, CholeskyBlocksMatchOnePanel) {
     using C = TypeParam;
-    using R = RealT<C>;
+    using R = RealOf<C>;
     const R eps = std::numeric_limits<R>::epsilon();
     const CpuRuntimeContext workers(quillmark::testing::machine_options(4));
     for (const u64 n : {u64(kCholeskyBlock + 5), u64(2 * kCholeskyBlock + 1)}) {

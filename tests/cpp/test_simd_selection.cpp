@@ -24,29 +24,25 @@ constexpr const char* kUnusable = "CPU SIMD selection: requested implementation 
 
 } // namespace
 
-TEST(SimdSelection, RequestsOnAnAvx512Machine) {
-    const auto probe = avx512_machine();
-    EXPECT_EQ(select(nullptr, probe), "AVX512");
-    EXPECT_EQ(select("AUTO", probe), "AVX512");
-    EXPECT_EQ(select("AVX2", probe), "AVX2");
-    EXPECT_EQ(select("AVX512", probe), "AVX512");
-    EXPECT_EQ(select("avx2", probe), kInvalid);
-    EXPECT_EQ(select("", probe), kInvalid);
-}
-
-TEST(SimdSelection, MissingOsStateOrFeatures) {
-    auto no_zmm = avx512_machine();
-    no_zmm.xcr0 = 0x7; // upper ZMM state not enabled by the OS
-    EXPECT_EQ(select("AUTO", no_zmm), "AVX2");
-    EXPECT_EQ(select("AVX512", no_zmm), kUnusable);
-
-    auto no_fma = avx512_machine();
-    no_fma.leaf1_ecx &= ~(1u << 12);
-    EXPECT_EQ(select("AUTO", no_fma), kUnusable); // no scalar fallback, even under AUTO
-
-    auto old = avx512_machine();
-    old.max_leaf = 6;
-    EXPECT_EQ(select("AVX2", old), kUnusable);
+// Requests on an AVX-512 machine, then with one of its features taken away.
+TEST(SimdSelection, RequestsAgainstProbedFeatures) {
+    const auto full = [](CpuFeatureProbe&) {};
+    const auto no_zmm = [](CpuFeatureProbe& p) { p.xcr0 = 0x7; }; // upper ZMM state not enabled by the OS
+    const auto no_fma = [](CpuFeatureProbe& p) { p.leaf1_ecx &= ~(1u << 12); };
+    const auto old = [](CpuFeatureProbe& p) { p.max_leaf = 6; };
+    const struct {
+        const char* request;
+        void (*remove)(CpuFeatureProbe&);
+        const char* want;
+    } cases[] = {{nullptr, full, "AVX512"},  {"AUTO", full, "AVX512"},     {"AVX2", full, "AVX2"},
+                 {"AVX512", full, "AVX512"}, {"avx2", full, kInvalid},     {"", full, kInvalid},
+                 {"AUTO", no_zmm, "AVX2"},   {"AVX512", no_zmm, kUnusable}, {"AVX2", old, kUnusable},
+                 {"AUTO", no_fma, kUnusable}}; // no scalar fallback, even under AUTO
+    for (const auto& c : cases) {
+        auto probe = avx512_machine();
+        c.remove(probe);
+        EXPECT_EQ(select(c.request, probe), c.want) << (c.request ? c.request : "(unset)");
+    }
 }
 
 TEST(SimdSelection, ThisMachine) {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "backend/cpu/vector_kernels.hpp"
+#include "test_support.hpp"
 
 using namespace quillmark::cpu;
 
@@ -95,23 +96,15 @@ void check_interleaved_dot(const VectorKernelSet<double>& k, const VectorKernelS
             a[2 * lda + 1] = -0.0;
             a[2 * (3 * lda + n - 1)] = std::numeric_limits<double>::infinity();
         }
-        std::vector<double> ar(rows * lda), ai(rows * lda), xr(n), xi(n), packed(2 * n), y(2 * rows);
-        for (u64 i = 0; i < rows * lda; ++i) {
-            ar[i] = a[2 * i];
-            ai[i] = a[2 * i + 1];
-        }
-        for (u64 j = 0; j < n; ++j) {
-            xr[j] = x[2 * j];
-            xi[j] = x[2 * j + 1];
-        }
-        std::vector<double> yr(rows), yi(rows);
+        std::vector<double> ar(rows * lda), ai(rows * lda), xr(n), xi(n), yr(rows), yi(rows), packed(2 * n), y(2 * rows);
+        for (u64 i = 0; i < a.size(); ++i) (i % 2 ? ai : ar)[i / 2] = a[i];
+        for (u64 j = 0; j < x.size(); ++j) (j % 2 ? xi : xr)[j / 2] = x[j];
         reference.split_dot_rows(rows, n, ar.data(), ai.data(), lda, xr.data(), xi.data(), yr.data(), yi.data());
         k.pack_dot_x(n, x.data(), packed.data());
         k.interleaved_dot_rows(rows, n, a.data(), lda, packed.data(), y.data());
-        for (u64 r = 0; r < rows; ++r) {
-            EXPECT_EQ(std::memcmp(&y[2 * r], &yr[r], sizeof(double)), 0) << k.name << " n=" << n << " row " << r;
-            EXPECT_EQ(std::memcmp(&y[2 * r + 1], &yi[r], sizeof(double)), 0) << k.name << " n=" << n << " row " << r;
-        }
+        std::vector<double> want(2 * rows);
+        for (u64 r = 0; r < rows; ++r) want[2 * r] = yr[r], want[2 * r + 1] = yi[r];
+        EXPECT_TRUE(quillmark::testing::same_bits(y, want)) << k.name << " n=" << n;
     }
 }
 
