@@ -318,24 +318,18 @@ TYPED_TEST(DenseKernels, VectorEqualRules) {
     EXPECT_EQ(equal(x, y), 0);
     if constexpr (!X::integer) {
         const double inf = std::numeric_limits<double>::infinity(), nan = std::numeric_limits<double>::quiet_NaN();
-        struct Case {
-            double a, b;
-            int equal;
-        };
-        for (const Case& c : {Case{inf, inf, 1}, Case{-inf, -inf, 1}, Case{inf, -inf, 0}, Case{1.0, inf, 0},
-                              Case{nan, nan, 0}, Case{nan, 1.0, 0}, Case{0.0, -0.0, 1}}) {
-            SCOPED_TRACE(::testing::Message() << c.a << " vs " << c.b);
+        for (const auto [a, b, want] : {std::array<double, 3>{inf, inf, 1}, {-inf, -inf, 1}, {inf, -inf, 0}, {1.0, inf, 0},
+                                        {nan, nan, 0}, {nan, 1.0, 0}, {0.0, -0.0, 1}})
             for (bool imag : {false, X::complex}) { // the imaginary component alone decides too
                 auto value = [&](double v) {
                     if constexpr (X::complex) return imag ? V(0.5, v) : V(v, 0);
                     else return V(v);
                 };
                 y = x;
-                x.set(5, value(c.a));
-                y.set(5, value(c.b));
-                EXPECT_EQ(equal(x, y), c.equal);
+                x.set(5, value(a));
+                y.set(5, value(b));
+                EXPECT_EQ(equal(x, y), int(want)) << a << " vs " << b << (imag ? " (imaginary)" : "");
             }
-        }
         if constexpr (X::u_storage == X::u_compute) { // a last place of the compute type is tolerated
             y = x;
             y.set(3, x.get(3) * V(1 + 2 * X::u_compute));
@@ -374,14 +368,12 @@ TYPED_TEST(DenseKernels, PartialTracesMatrixPowerAndUnitarity) {
                 std::vector<double> bound(n * n);
                 for (u64 i = 0; i < n; ++i) ref[i * n + i] = V(1), bound[i * n + i] = 1;
                 for (std::int32_t s = 0; s < e; ++s) {
-                    std::vector<V> next(n * n);
-                    std::vector<double> nb(n * n);
+                    const std::vector<V> r0 = std::exchange(ref, std::vector<V>(n * n));
+                    const std::vector<double> b0 = std::exchange(bound, std::vector<double>(n * n));
                     for (u64 q = 0; q < n * n; ++q)
-                        for (u64 p = 0; p < n; ++p) {
-                            next[q] += ref[q / n * n + p] * a.get(p, q % n);
-                            nb[q] += bound[q / n * n + p] * magnitude(a.get(p, q % n));
-                        }
-                    ref.swap(next), bound.swap(nb);
+                        for (u64 p = 0; p < n; ++p)
+                            ref[q] += r0[q / n * n + p] * a.get(p, q % n),
+                                bound[q] += b0[q / n * n + p] * magnitude(a.get(p, q % n));
                 }
                 // Intermediates in the compute type: only one storage rounding is allowed for.
                 const double tol = 2 * X::u_storage + 16 * double(e * n + 1) * X::u_compute;
@@ -459,16 +451,14 @@ TEST(DenseKernelsLowPrecision, SumRoundsOnce) {
 
 TEST(DenseKernelsNorm, ScaledAgainstOverflowAndUnderflow) {
     const double inf = std::numeric_limits<double>::infinity(), nan = std::numeric_limits<double>::quiet_NaN();
-    struct Case {
-        double a, b, want;
-    };
-    for (const Case& c : {Case{1e300, 1e300, std::sqrt(2.0) * 1e300}, Case{1e-300, 1e-300, std::sqrt(2.0) * 1e-300},
-                          Case{1e300, 1e-300, 1e300}, Case{-inf, 0.0, inf}, Case{inf, nan, nan}}) {
-        double v[2] = {c.a, c.b}, r = 0;
+    // NaN wins over infinity.
+    for (const auto [a, b, want] : {std::array<double, 3>{1e300, 1e300, std::sqrt(2.0) * 1e300},
+                                    {1e-300, 1e-300, std::sqrt(2.0) * 1e-300}, {1e300, 1e-300, 1e300},
+                                    {-inf, 0.0, inf}, {inf, nan, nan}}) {
+        double v[2] = {a, b}, r = 0;
         FloatingKernels<PolicyF64>::norm({v, 2}, {&r}, nullptr);
-        // NaN wins over infinity.
-        EXPECT_TRUE(r == c.want || (std::isnan(r) && std::isnan(c.want)) || std::fabs(r - c.want) <= c.want * 1e-15)
-            << c.a << ", " << c.b << " gave " << r;
+        EXPECT_TRUE(r == want || (std::isnan(r) && std::isnan(want)) || std::fabs(r - want) <= want * 1e-15)
+            << a << ", " << b << " gave " << r;
     }
     float f[2] = {1e38f, 1e38f}, fr = 0;
     FloatingKernels<PolicyF32>::norm({f, 2}, {&fr}, nullptr);
