@@ -6,10 +6,10 @@ import numpy as np
 import pytest
 
 from quillmark import _native
-from quillmark._dtypes import to_complex32
 
 HOST2 = {"Input0": "host", "Output0": "host"}
-HOST3 = {"Input0": "host", "Input1": "host", "Output0": "host"}
+BF16 = ml_dtypes.bfloat16
+LOW_PRECISION = "low-precision binding requires aligned, native-endian contiguous storage and writable output"
 
 
 def vec(n=3, dtype=np.float32):
@@ -21,115 +21,94 @@ def read_only(a):
     return a
 
 
-# Each case: operation, bindings, locations, compute_dtypes, the error type and its exact message.
+def unary(a=None, out=None):
+    return {"Input0": vec() if a is None else a, "Output0": vec() if out is None else out}
+
+
+# Each case: operation, bindings, the exact message, then locations (default: all on the host),
+# compute dtypes and the error type where they differ from the usual.
 REFUSED = {
     "extra binding": ("quillmark.add@1", {"Input0": vec(), "Input1": vec(), "Output0": vec(), "Output1": vec()},
-                      HOST3, {}, ValueError, "Context.execute - binding count does not match operation"),
-    "location count": ("quillmark.add@1", {"Input0": vec(), "Input1": vec(), "Output0": vec()}, HOST2, {},
-                       ValueError, "Context.execute - binding count does not match operation"),
-    "compute role unbound": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, HOST2, {"Input1": "float32"},
-                             ValueError, "Context.execute - compute dtype role has no binding"),
-    "missing binding": ("quillmark.add@1", {"Input0": vec(), "Input9": vec(), "Output0": vec()}, HOST3, {},
-                        ValueError, "Context.execute - missing binding Input1"),
-    "missing location": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()},
-                         {"Input0": "host", "Output9": "host"}, {},
-                         ValueError, "Context.execute - missing location for Output0"),
-    "invalid location": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()},
-                         {"Input0": "device", "Output0": "host"}, {},
-                         ValueError, "Context.execute - invalid location for Input0"),
-    "location not a word": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, {"Input0": "host", "Output0": 1},
-                            {}, ValueError, "Context.execute - invalid location for Output0"),
-    "cuda eigen": ("quillmark.eig@1", {"Input0": np.eye(2), "Output0": _native.EigenOperand(2, "complex128")},
-                   {"Input0": "host", "Output0": "cuda"}, {},
-                   ValueError, "Context.execute - CUDA eigen binding requires CudaEigenOperand"),
-    "eigen array": ("quillmark.eig@1", {"Input0": np.eye(2), "Output0": np.zeros(2, np.complex128)}, HOST2, {},
-                    ValueError, "Context.execute - host eigen binding requires EigenOperand"),
-    "structured compute": ("quillmark.solve@1", {"Input0": _native.LUOperand(3, "float32"), "Output0": vec()},
-                           HOST2, {"Input0": "float32"},
-                           ValueError, "Context.execute - structured operand compute dtype is fixed at construction"),
-    "lu array": ("quillmark.solve@1", {"Input0": np.eye(3, dtype=np.float32), "Output0": vec()}, HOST2, {},
-                 ValueError, "Context.execute - LU binding requires LUOperand"),
-    "lu eigen": ("quillmark.logdet@1", {"Input0": _native.EigenOperand(3), "Output0": np.zeros((), np.complex64)},
-                 HOST2, {}, ValueError, "Context.execute - LU binding requires LUOperand"),
-    "lu cuda": ("quillmark.lu_factor@1", {"Output0": _native.LUOperand(3)}, {"Output0": "cuda"}, {},
-                ValueError, "Context.execute - LUOperand must use host residency"),
-    "cuda array": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, {"Input0": "host", "Output0": "cuda"},
-                   {}, ValueError, "Context.execute - CUDA binding requires a CUDA-enabled build"),
-    "list": ("quillmark.sqrt@1", {"Input0": [1.0, 2.0, 3.0], "Output0": vec()}, HOST2, {},
-             ValueError, "host binding requires a NumPy ndarray"),
-    "numpy scalar": ("quillmark.sum@1", {"Input0": vec(), "Output0": np.float32(0)}, HOST2, {},
-                     ValueError, "host binding requires a NumPy ndarray"),
-    "structured on array role": ("quillmark.sqrt@1", {"Input0": _native.LUOperand(3), "Output0": vec()}, HOST2, {},
-                                 ValueError, "host binding requires a NumPy ndarray"),
-    "rank three": ("quillmark.sqrt@1", {"Input0": np.zeros((1, 1, 3), np.float32), "Output0": vec()}, HOST2, {},
-                   ValueError, "Context.execute - array binding rank must be zero, one or two"),
-    "scalar rank": ("quillmark.sum@1", {"Input0": vec(), "Output0": np.zeros(1, np.float32)}, HOST2, {},
-                    ValueError, "Context.execute - scalar binding must have rank zero"),
-    "vector rank": ("quillmark.sqrt@1", {"Input0": np.zeros((3, 1), np.float32), "Output0": vec()}, HOST2, {},
-                    ValueError, "Context.execute - vector binding must have rank one"),
-    "matrix rank": ("quillmark.transpose@1", {"Input0": vec(), "Output0": np.zeros((3, 1), np.float32)}, HOST2, {},
-                    ValueError, "Context.execute - matrix binding must have rank two"),
-    "compute pair": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": vec()}, HOST2, {"Input0": "float64"},
-                     ValueError,
-                     "Context.execute - uncompiled storage/compute dtype policy (compute=float64); "
-                     "array storage dtypes: float32"),
-    "int64 storage": ("quillmark.sqrt@1", {"Input0": vec(dtype=np.int64), "Output0": vec()}, HOST2, {},
-                      ValueError,
-                      "Context.execute - uncompiled storage/compute dtype policy (compute=int64); "
-                      "array storage dtypes: int64"),
-    "bool vector": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": np.zeros(3, bool)}, HOST2, {},
-                    ValueError, "Context.execute - bool arrays are supported only for scalar outputs"),
-    "bool input": ("quillmark.scale@1", {"Input0": vec(), "Input1": np.zeros((), bool), "Output0": vec()}, HOST3,
-                   {}, ValueError, "Context.execute - bool arrays are supported only for scalar outputs"),
-    "bool compute": ("quillmark.is_unitary@1", {"Input0": np.eye(2), "Output0": np.zeros((), bool)}, HOST2,
-                     {"Output0": "float64"}, ValueError, "Context.execute - bool outputs require int32 compute dtype"),
-    "bool read-only": ("quillmark.is_unitary@1", {"Input0": np.eye(2), "Output0": read_only(np.zeros((), bool))},
-                       HOST2, {}, ValueError, "Context.execute - bool scalar bindings must be writable"),
-    "bfloat16 strided": ("quillmark.sqrt@1", {"Input0": np.ones(6, ml_dtypes.bfloat16)[::2],
-                                              "Output0": np.ones(3, ml_dtypes.bfloat16)}, HOST2, {}, ValueError,
-                         "low-precision binding requires aligned, native-endian contiguous storage and writable output"),
-    "bfloat16 read-only": ("quillmark.sqrt@1", {"Input0": np.ones(3, ml_dtypes.bfloat16),
-                                                "Output0": read_only(np.ones(3, ml_dtypes.bfloat16))}, HOST2, {},
-                           ValueError, "low-precision binding requires aligned, native-endian contiguous storage "
-                                       "and writable output"),
-    "complex32 fortran": ("quillmark.transpose@1", {"Input0": np.asfortranarray(to_complex32(np.ones((2, 3)))),
-                                                    "Output0": to_complex32(np.ones((3, 2)))}, HOST2, {}, ValueError,
-                          "low-precision binding requires aligned, native-endian contiguous storage and writable "
-                          "output"),
-    "strided": ("quillmark.sqrt@1", {"Input0": np.ones(6, np.float32)[::2], "Output0": vec()}, HOST2, {},
-                ValueError, "Context.execute - array binding must be contiguous"),
-    "strided matrix": ("quillmark.transpose@1", {"Input0": np.ones((4, 4))[::2, ::2], "Output0": np.zeros((2, 2))},
-                       HOST2, {}, ValueError, "Context.execute - array binding must be contiguous"),
-    "byte order": ("quillmark.sqrt@1", {"Input0": vec(dtype=">f4"), "Output0": vec()}, HOST2, {},
-                   ValueError, "Context.execute - array binding must be aligned and native-endian"),
-    "read-only output": ("quillmark.sqrt@1", {"Input0": vec(), "Output0": read_only(vec())}, HOST2, {},
-                         ValueError, "Context.execute - output binding must be writable"),
-    "read-only in place": ("quillmark.conjugate@1", {"Output0": read_only(vec())}, {"Output0": "host"}, {},
-                           ValueError, "Context.execute - output binding must be writable"),
-    "unknown operation": ("quillmark.nothing@1", {}, {}, {},
-                          IndexError, "QuillmarkContext - operation 'quillmark.nothing@1' is not registered"),
-    "malformed id": ("sqrt", {}, {}, {},
-                     ValueError, "OperationId::parse - expected canonical identifier 'name@major'"),
-    "shape rule": ("quillmark.add@1", {"Input0": vec(3), "Input1": vec(4), "Output0": vec(3)}, HOST3, {},
-                   ValueError, "OperationSpec - vector input size mismatch"),
+                      "Context.execute - binding count does not match operation",
+                      {"Input0": "host", "Input1": "host", "Output0": "host"}),
+    "location count": ("quillmark.add@1", {"Input0": vec(), "Input1": vec(), "Output0": vec()},
+                       "Context.execute - binding count does not match operation", HOST2),
+    "compute role unbound": ("quillmark.sqrt@1", unary(), "Context.execute - compute dtype role has no binding",
+                             None, {"Input1": "float32"}),
+    "missing binding": ("quillmark.add@1", {"Input0": vec(), "Input9": vec(), "Output0": vec()},
+                        "Context.execute - missing binding Input1"),
+    "missing location": ("quillmark.sqrt@1", unary(), "Context.execute - missing location for Output0",
+                         {"Input0": "host", "Output9": "host"}),
+    "invalid location": ("quillmark.sqrt@1", unary(), "Context.execute - invalid location for Input0",
+                         {"Input0": "device", "Output0": "host"}),
+    "location not a word": ("quillmark.sqrt@1", unary(), "Context.execute - invalid location for Output0",
+                            {"Input0": "host", "Output0": 1}),
+    "cuda eigen": ("quillmark.eig@1", unary(np.eye(2), _native.EigenOperand(2, "complex128")),
+                   "Context.execute - CUDA eigen binding requires CudaEigenOperand", {"Input0": "host", "Output0": "cuda"}),
+    "eigen array": ("quillmark.eig@1", unary(np.eye(2), np.zeros(2, np.complex128)),
+                    "Context.execute - host eigen binding requires EigenOperand"),
+    "structured compute": ("quillmark.solve@1", unary(_native.LUOperand(3, "float32")),
+                           "Context.execute - structured operand compute dtype is fixed at construction",
+                           None, {"Input0": "float32"}),
+    "lu array": ("quillmark.solve@1", unary(np.eye(3, dtype=np.float32)),
+                 "Context.execute - LU binding requires LUOperand"),
+    "lu cuda": ("quillmark.lu_factor@1", {"Output0": _native.LUOperand(3)},
+                "Context.execute - LUOperand must use host residency", {"Output0": "cuda"}),
+    "cuda array": ("quillmark.sqrt@1", unary(), "Context.execute - CUDA binding requires a CUDA-enabled build",
+                   {"Input0": "host", "Output0": "cuda"}),
+    "list": ("quillmark.sqrt@1", unary([1.0, 2.0, 3.0]), "host binding requires a NumPy ndarray"),
+    "structured on array role": ("quillmark.sqrt@1", unary(_native.LUOperand(3)), "host binding requires a NumPy ndarray"),
+    "rank three": ("quillmark.sqrt@1", unary(np.zeros((1, 1, 3), np.float32)),
+                   "Context.execute - array binding rank must be zero, one or two"),
+    "scalar rank": ("quillmark.sum@1", unary(out=np.zeros(1, np.float32)),
+                    "Context.execute - scalar binding must have rank zero"),
+    "vector rank": ("quillmark.sqrt@1", unary(np.zeros((3, 1), np.float32)),
+                    "Context.execute - vector binding must have rank one"),
+    "matrix rank": ("quillmark.transpose@1", unary(out=np.zeros((3, 1), np.float32)),
+                    "Context.execute - matrix binding must have rank two"),
+    "compute pair": ("quillmark.sqrt@1", unary(), "Context.execute - uncompiled storage/compute dtype policy "
+                     "(compute=float64); array storage dtypes: float32", None, {"Input0": "float64"}),
+    "int64 storage": ("quillmark.sqrt@1", unary(vec(dtype=np.int64)), "Context.execute - uncompiled storage/compute "
+                      "dtype policy (compute=int64); array storage dtypes: int64"),
+    "bool vector": ("quillmark.sqrt@1", unary(out=np.zeros(3, bool)),
+                    "Context.execute - bool arrays are supported only for scalar outputs"),
+    "bool input": ("quillmark.scale@1", {"Input0": vec(), "Input1": np.zeros((), bool), "Output0": vec()},
+                   "Context.execute - bool arrays are supported only for scalar outputs"),
+    "bool compute": ("quillmark.is_unitary@1", unary(np.eye(2), np.zeros((), bool)),
+                     "Context.execute - bool outputs require int32 compute dtype", None, {"Output0": "float64"}),
+    "bool read-only": ("quillmark.is_unitary@1", unary(np.eye(2), read_only(np.zeros((), bool))),
+                       "Context.execute - bool scalar bindings must be writable"),
+    "bfloat16 strided": ("quillmark.sqrt@1", unary(np.ones(6, BF16)[::2], np.ones(3, BF16)), LOW_PRECISION),
+    "bfloat16 read-only": ("quillmark.sqrt@1", unary(np.ones(3, BF16), read_only(np.ones(3, BF16))), LOW_PRECISION),
+    "strided": ("quillmark.sqrt@1", unary(np.ones(6, np.float32)[::2]),
+                "Context.execute - array binding must be contiguous"),
+    "strided matrix": ("quillmark.transpose@1", unary(np.ones((4, 4))[::2, ::2], np.zeros((2, 2))),
+                       "Context.execute - array binding must be contiguous"),
+    "byte order": ("quillmark.sqrt@1", unary(vec(dtype=">f4")),
+                   "Context.execute - array binding must be aligned and native-endian"),
+    "read-only output": ("quillmark.sqrt@1", unary(out=read_only(vec())),
+                         "Context.execute - output binding must be writable"),
+    "read-only in place": ("quillmark.conjugate@1", {"Output0": read_only(vec())},
+                           "Context.execute - output binding must be writable"),
+    "unknown operation": ("quillmark.nothing@1", {}, "QuillmarkContext - operation 'quillmark.nothing@1' is not "
+                          "registered", None, None, IndexError),
+    "malformed id": ("sqrt", {}, "OperationId::parse - expected canonical identifier 'name@major'"),
+    "shape rule": ("quillmark.add@1", {"Input0": vec(3), "Input1": vec(4), "Output0": vec(3)},
+                   "OperationSpec - vector input size mismatch"),
 }
 
 
-def snapshot(bindings):
-    return {role: (obj.copy() if isinstance(obj, np.ndarray) else None) for role, obj in bindings.items()}
-
-
-@pytest.mark.parametrize("case", list(REFUSED), ids=list(REFUSED))
+@pytest.mark.parametrize("case", list(REFUSED))
 def test_execute_refuses(ctx, case):
-    operation, bindings, locations, compute_dtypes, error, message = REFUSED[case]
-    before = snapshot(bindings)
+    given = REFUSED[case]
+    operation, bindings, message, locations, compute, error = given + (None, None, ValueError)[len(given) - 3:]
+    before = {role: obj.copy() for role, obj in bindings.items() if isinstance(obj, np.ndarray)}
     with pytest.raises(error) as info:
-        ctx.execute(operation, bindings, locations, compute_dtypes)
+        ctx.execute(operation, bindings, locations or {role: "host" for role in bindings}, compute or {})
     assert str(info.value) == message
     assert not isinstance(info.value, _native.NativeError)
     for role, saved in before.items():
-        if saved is not None:
-            np.testing.assert_array_equal(bindings[role], saved)
+        np.testing.assert_array_equal(bindings[role], saved)
 
 
 @pytest.mark.parametrize("dtype", [np.complex64, np.complex128])
