@@ -37,10 +37,6 @@ def misaligned(dtype, shape=3, offset=1):
     return np.zeros(count * np.dtype(dtype).itemsize + offset, np.uint8)[offset:].view(dtype).reshape(shape)
 
 
-def host(bindings):
-    return {role: "host" for role in bindings}
-
-
 @pytest.fixture(scope="session")
 def ctx():
     if not hasattr(quillmark, "Context"):
@@ -57,4 +53,4 @@ def run(ctx, operation, inputs, outputs, compute_dtypes=None):
     """Bind inputs as Input0.., outputs as Output0.. on the host and execute."""
     bindings = {f"Input{i}": a for i, a in enumerate(inputs)}
     bindings.update({f"Output{j}": a for j, a in enumerate(outputs)})
-    return ctx.execute(operation, bindings, host(bindings), compute_dtypes or {})
+    return ctx.execute(operation, bindings, {role: "host" for role in bindings}, compute_dtypes or {})

@@ -73,18 +73,11 @@ def output_dtype(op, role, name):
     return name
 
 
-class ShapeLiar(np.ndarray):
-    @property
-    def shape(self):
-        return tuple(4 * d + 3 for d in np.ndarray.shape.__get__(self))
-
-
 def mutate_array(draw, rng, arr):
-    arr = np.asarray(arr)  # the true shape, should an earlier mutation have made it a ShapeLiar
-    how = draw(st.sampled_from(["strided", "fortran", "readonly", "misaligned", "rank", "subclass", "list"]))
+    # Subclasses whose attributes lie are covered in test_execute_path.
+    how = draw(st.sampled_from(["strided", "fortran", "readonly", "misaligned", "rank", "list"]))
     if how == "strided" and arr.ndim:
-        wide = np.repeat(arr, 2, axis=-1)
-        return wide[..., ::2]
+        return np.repeat(arr, 2, axis=-1)[..., ::2]
     if how == "fortran" and arr.ndim == 2:
         return np.asfortranarray(arr)
     if how == "readonly":
@@ -100,8 +93,6 @@ def mutate_array(draw, rng, arr):
         return view
     if how == "rank":
         return arr.reshape(arr.shape + (1,)) if draw(st.booleans()) or arr.ndim == 0 else arr.reshape(-1)[:0]
-    if how == "subclass":
-        return arr.view(ShapeLiar)
     if how == "list":
         return arr.tolist()
     return arr
