@@ -145,13 +145,9 @@ def test_overridden_attributes_are_ignored(ctx, lie):
     run(ctx, "quillmark.transpose@1", [lying(m, **LIES[lie])], [out])
     np.testing.assert_array_equal(out.view(np.ndarray), m.T)
 
-
-@pytest.mark.parametrize("lie", ["huge shape", "huge strides"])
-def test_structured_operands_read_the_real_array(ctx, lie):
     a = np.array([[4.0, 1.0], [2.0, 3.0]])
-    factor = _native.LUFactor(lying(a.copy(), **LIES[lie]), ctx)
     rhs = lying(np.array([1.0, 2.0]), **LIES[lie])
-    factor.solve(rhs)
+    _native.LUFactor(lying(a.copy(), **LIES[lie]), ctx).solve(rhs)
     np.testing.assert_allclose(rhs.view(np.ndarray), np.linalg.solve(a, [1.0, 2.0]))
 
 

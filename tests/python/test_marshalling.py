@@ -1,5 +1,5 @@
 """Context.execute: the checks on bindings, zero-copy marshalling, results and threads."""
-import threading
+from concurrent.futures import ThreadPoolExecutor
 
 import ml_dtypes
 import numpy as np
@@ -154,10 +154,7 @@ def test_lu_factor_threads(ctx):
     factor = _native.LUFactor(a, ctx)
     rhs = [rng.standard_normal(20) for _ in range(8)]
     solutions = [r.copy() for r in rhs]
-    threads = [threading.Thread(target=factor.solve, args=(x,)) for x in solutions]
-    for t in threads:
-        t.start()
-    for t in threads:
-        t.join()
+    with ThreadPoolExecutor(8) as pool:
+        list(pool.map(factor.solve, solutions))
     for r, x in zip(rhs, solutions):
         np.testing.assert_allclose(a @ x, r, atol=1e-10)

@@ -87,8 +87,8 @@ def snapshot(catalogue):
     return {op: catalogue.describe(op) for op in catalogue.operations()}
 
 
-def refusal_leaves_builder(path, preload=()):
-    """Load `path` after `preload` and report the failure, checking that the refused plugin left
+def refusal(path, preload):
+    """Loads `path` after `preload` and reports the failure, checking that the refused plugin left
     the builder exactly as a builder that never saw it."""
     builder, reference = _native.ContextBuilder(), _native.ContextBuilder()
     for other in preload:
@@ -104,13 +104,14 @@ def refusal_leaves_builder(path, preload=()):
     return failure
 
 
-def expect_refusal(outcome, kind, message, **attrs):
+def expect_refusal(path, kind, message, preload=(), **attrs):
+    """Loading `path` (in a child) fails with `kind`, `message` and the given attributes."""
+    outcome = in_child(refusal, path, preload)
     assert outcome[0] == "ok", outcome
     assert outcome[1] != "loaded", "the plugin was accepted"
     got_kind, got_message, got_attrs = outcome[1]
     assert (got_kind, got_message) == (kind, message)
-    for name, value in attrs.items():
-        assert got_attrs[name] == value
+    assert {name: got_attrs[name] for name in attrs} == attrs
 
 
 INIT_FAILED = "native plugin initialisation failed with plugin status "
@@ -153,8 +154,7 @@ REGISTRATION_FAULTS = {
 @pytest.mark.parametrize("fault", sorted(REGISTRATION_FAULTS))
 def test_refused_registration_that_the_plugin_ignores(plugin, fault):
     # Seven good kernels (declaring seven operations) come before the faulty one; none may remain.
-    outcome = in_child(refusal_leaves_builder, plugin(f"FAULT={fault}", "IGNORE_FAILURE"))
-    expect_refusal(outcome, "ValueError", IGNORED + REGISTRATION_FAULTS[fault])
+    expect_refusal(plugin(f"FAULT={fault}", "IGNORE_FAILURE"), "ValueError", IGNORED + REGISTRATION_FAULTS[fault])
 
 
 # (defines, message) refused with ValueError; (defines, message, status name) with NativeError, whose
@@ -189,22 +189,21 @@ LOAD_FAULTS = [
 @pytest.mark.parametrize("fault", LOAD_FAULTS, ids=lambda fault: "-".join(fault[0]))
 def test_refused_plugin(plugin, fault):
     defines, message, *status_name = fault
-    outcome = in_child(refusal_leaves_builder, plugin(*defines))
     if not status_name:
-        return expect_refusal(outcome, "ValueError", message)
+        return expect_refusal(plugin(*defines), "ValueError", message)
     status = int(message[len(INIT_FAILED):].split(":")[0])
-    expect_refusal(outcome, "NativeError", message, library="native plugin", reason="library_failure",
+    expect_refusal(plugin(*defines), "NativeError", message, library="native plugin", reason="library_failure",
                    native_status=status, status_name="QUILLMARK_STATUS_" + status_name[0])
 
 
 def test_kernels_outside_the_namespace_and_second_loads_are_refused(plugin):
     probe = plugin()
     foreign = plugin('PLUGIN_ID="other"', 'OP_NS="probe"')
-    expect_refusal(in_child(refusal_leaves_builder, foreign, (probe,)), "ValueError",
-                   "native kernel operation 'probe.scale@1' is outside plugin namespace 'other'")
+    expect_refusal(foreign, "ValueError", "native kernel operation 'probe.scale@1' is outside plugin namespace 'other'",
+                   (probe,))
     # Loading the same library again would register the same kernels a second time.
-    expect_refusal(in_child(refusal_leaves_builder, probe, (probe,)), "ValueError",
-                   "BackendRegistry::register_backend - duplicate registration for probe.scale@1")
+    expect_refusal(probe, "ValueError", "BackendRegistry::register_backend - duplicate registration for probe.scale@1",
+                   (probe,))
 
 
 def test_path_errors_are_value_errors(tmp_path, plugin):
@@ -213,7 +212,7 @@ def test_path_errors_are_value_errors(tmp_path, plugin):
              (str(tmp_path / "missing.so"), f"failed to load native plugin '{tmp_path / 'missing.so'}'"),
              (no_entry, f"failed to resolve 'quillmark_plugin_init' in native plugin '{no_entry}'")]
     for path, message in cases:
-        expect_refusal(in_child(refusal_leaves_builder, path), "ValueError", message)
+        expect_refusal(path, "ValueError", message)
 
 
 def check_probe_kernels(path):
