@@ -146,7 +146,7 @@ def test_out_is_written_and_returned(out):
     np.testing.assert_allclose(out, A @ B)
 
 
-def test_out_in_place_into_scalars_and_of_wrong_shape():
+def test_out_in_place_and_into_scalars():
     z = X + 1j * Y
     assert qm.conjugate(z, out=z) is z
     np.testing.assert_array_equal(z, X - 1j * Y)
@@ -156,8 +156,6 @@ def test_out_in_place_into_scalars_and_of_wrong_shape():
     out = np.empty((5, 2))
     assert qm.solve(qm.lu_factor(A), B[:, :2], out=out) is out
     np.testing.assert_allclose(A @ out, B[:, :2], atol=1e-12)
-    with pytest.raises(ValueError, match="shape"):
-        qm.add(X, Y, out=np.empty(4))
 
 
 def test_named_results():
@@ -183,38 +181,31 @@ def test_lu_factor_serves_solve_and_logdet():
     assert info.value.reason == "singular"
 
 
-@pytest.mark.parametrize("call,fragments", [
-    (lambda: qm.sqrt([1.0], dtype="int32"), ["quillmark.sqrt", "int32", "float64", "bfloat16"]),
-    (lambda: qm.eigh(np.eye(2, dtype=object)), ["quillmark.eigh", "object", "complex128"]),
-    (lambda: qm.matmul(np.array([["a"]]), np.eye(1)), ["quillmark.matmul", "str", "float64"]),
-    (lambda: qm.add(np.ones(2, np.longdouble), [1, 2]), ["float128", "contiguous (2,)", "float32"]),
+# Dtype refusals name the request and what is served; shape faults say what is wrong.
+@pytest.mark.parametrize("call, error, fragments", [
+    (lambda: qm.sqrt([1.0], dtype="int32"), TypeError, ["quillmark.sqrt", "int32", "float64", "bfloat16"]),
+    (lambda: qm.eigh(np.eye(2, dtype=object)), TypeError, ["quillmark.eigh", "object", "complex128"]),
+    (lambda: qm.matmul(np.array([["a"]]), np.eye(1)), TypeError, ["quillmark.matmul", "str", "float64"]),
+    (lambda: qm.add(np.ones(2, np.longdouble), [1, 2]), TypeError, ["float128", "contiguous (2,)", "float32"]),
+    (lambda: qm.matmul(A, B, dtype="float32", compute_dtype="float64"), ValueError, ["uncompiled"]),
+    (lambda: qm.add([1.0, 2.0], [1.0, 2.0, 3.0]), ValueError, ["broadcast"]),
+    (lambda: qm.matmul(np.ones((2, 3)), np.ones((2, 3))), ValueError, ["inner dimensions"]),
+    (lambda: qm.eigh(np.ones((2, 3))), ValueError, ["square"]),
+    (lambda: qm.scale([1.0], [1.0, 2.0]), ValueError, ["scalar"]),
+    (lambda: qm.matrix_power(np.eye(2), -1), ValueError, ["non-negative"]),
+    (lambda: qm.trace(np.ones(3)), ValueError, ["two dimensions"]),
+    (lambda: qm.add(X, Y, out=np.empty(4)), ValueError, ["shape"]),
 ])
-def test_refusals_name_the_request_and_what_is_served(call, fragments):
-    with pytest.raises(TypeError) as info:
+def test_refusals_name_the_fault(call, error, fragments):
+    with pytest.raises(error) as info:
         call()
-    for fragment in fragments:
-        assert fragment in str(info.value)
-
-
-@pytest.mark.parametrize("call,message", [
-    (lambda: qm.add([1.0, 2.0], [1.0, 2.0, 3.0]), "broadcast"),
-    (lambda: qm.matmul(np.ones((2, 3)), np.ones((2, 3))), "inner dimensions"),
-    (lambda: qm.eigh(np.ones((2, 3))), "square"),
-    (lambda: qm.scale([1.0], [1.0, 2.0]), "scalar"),
-    (lambda: qm.matrix_power(np.eye(2), -1), "non-negative"),
-    (lambda: qm.trace(np.ones(3)), "two dimensions"),
-])
-def test_shape_faults_are_value_errors(call, message):
-    with pytest.raises(ValueError, match=message):
-        call()
+    assert all(fragment in str(info.value) for fragment in fragments), str(info.value)
 
 
 def test_compute_dtype_and_dtype_choose_the_policy():
     half = qm.matmul(A, B, dtype="float16", compute_dtype="float32")
     assert half.dtype == np.float16
     np.testing.assert_allclose(half, A @ B, rtol=2e-2, atol=5e-2)
-    with pytest.raises(ValueError, match="uncompiled"):
-        qm.matmul(A, B, dtype="float32", compute_dtype="float64")
 
 
 def test_explicit_context_is_used():
