@@ -25,83 +25,60 @@ def unary(a=None, out=None):
     return {"Input0": vec() if a is None else a, "Output0": vec() if out is None else out}
 
 
-# Each case: operation, bindings, the exact message, then locations (default: all on the host),
-# compute dtypes and the error type where they differ from the usual.
-REFUSED = {
-    "extra binding": ("quillmark.add@1", {"Input0": vec(), "Input1": vec(), "Output0": vec(), "Output1": vec()},
-                      "Context.execute - binding count does not match operation",
-                      {"Input0": "host", "Input1": "host", "Output0": "host"}),
-    "location count": ("quillmark.add@1", {"Input0": vec(), "Input1": vec(), "Output0": vec()},
-                       "Context.execute - binding count does not match operation", HOST2),
-    "compute role unbound": ("quillmark.sqrt@1", unary(), "Context.execute - compute dtype role has no binding",
-                             None, {"Input1": "float32"}),
-    "missing binding": ("quillmark.add@1", {"Input0": vec(), "Input9": vec(), "Output0": vec()},
-                        "Context.execute - missing binding Input1"),
-    "missing location": ("quillmark.sqrt@1", unary(), "Context.execute - missing location for Output0",
-                         {"Input0": "host", "Output9": "host"}),
-    "invalid location": ("quillmark.sqrt@1", unary(), "Context.execute - invalid location for Input0",
-                         {"Input0": "device", "Output0": "host"}),
-    "location not a word": ("quillmark.sqrt@1", unary(), "Context.execute - invalid location for Output0",
-                            {"Input0": "host", "Output0": 1}),
-    "cuda eigen": ("quillmark.eig@1", unary(np.eye(2), _native.EigenOperand(2, "complex128")),
-                   "Context.execute - CUDA eigen binding requires CudaEigenOperand", {"Input0": "host", "Output0": "cuda"}),
-    "eigen array": ("quillmark.eig@1", unary(np.eye(2), np.zeros(2, np.complex128)),
-                    "Context.execute - host eigen binding requires EigenOperand"),
-    "structured compute": ("quillmark.solve@1", unary(_native.LUOperand(3, "float32")),
-                           "Context.execute - structured operand compute dtype is fixed at construction",
-                           None, {"Input0": "float32"}),
-    "lu array": ("quillmark.solve@1", unary(np.eye(3, dtype=np.float32)),
-                 "Context.execute - LU binding requires LUOperand"),
-    "lu cuda": ("quillmark.lu_factor@1", {"Output0": _native.LUOperand(3)},
-                "Context.execute - LUOperand must use host residency", {"Output0": "cuda"}),
-    "cuda array": ("quillmark.sqrt@1", unary(), "Context.execute - CUDA binding requires a CUDA-enabled build",
-                   {"Input0": "host", "Output0": "cuda"}),
-    "list": ("quillmark.sqrt@1", unary([1.0, 2.0, 3.0]), "host binding requires a NumPy ndarray"),
-    "structured on array role": ("quillmark.sqrt@1", unary(_native.LUOperand(3)), "host binding requires a NumPy ndarray"),
-    "rank three": ("quillmark.sqrt@1", unary(np.zeros((1, 1, 3), np.float32)),
-                   "Context.execute - array binding rank must be zero, one or two"),
-    "scalar rank": ("quillmark.sum@1", unary(out=np.zeros(1, np.float32)),
-                    "Context.execute - scalar binding must have rank zero"),
-    "vector rank": ("quillmark.sqrt@1", unary(np.zeros((3, 1), np.float32)),
-                    "Context.execute - vector binding must have rank one"),
-    "matrix rank": ("quillmark.transpose@1", unary(out=np.zeros((3, 1), np.float32)),
-                    "Context.execute - matrix binding must have rank two"),
-    "compute pair": ("quillmark.sqrt@1", unary(), "Context.execute - uncompiled storage/compute dtype policy "
-                     "(compute=float64); array storage dtypes: float32", None, {"Input0": "float64"}),
-    "int64 storage": ("quillmark.sqrt@1", unary(vec(dtype=np.int64)), "Context.execute - uncompiled storage/compute "
-                      "dtype policy (compute=int64); array storage dtypes: int64"),
-    "bool vector": ("quillmark.sqrt@1", unary(out=np.zeros(3, bool)),
-                    "Context.execute - bool arrays are supported only for scalar outputs"),
-    "bool input": ("quillmark.scale@1", {"Input0": vec(), "Input1": np.zeros((), bool), "Output0": vec()},
-                   "Context.execute - bool arrays are supported only for scalar outputs"),
-    "bool compute": ("quillmark.is_unitary@1", unary(np.eye(2), np.zeros((), bool)),
-                     "Context.execute - bool outputs require int32 compute dtype", None, {"Output0": "float64"}),
-    "bool read-only": ("quillmark.is_unitary@1", unary(np.eye(2), read_only(np.zeros((), bool))),
-                       "Context.execute - bool scalar bindings must be writable"),
-    "bfloat16 strided": ("quillmark.sqrt@1", unary(np.ones(6, BF16)[::2], np.ones(3, BF16)), LOW_PRECISION),
-    "bfloat16 read-only": ("quillmark.sqrt@1", unary(np.ones(3, BF16), read_only(np.ones(3, BF16))), LOW_PRECISION),
-    "strided": ("quillmark.sqrt@1", unary(np.ones(6, np.float32)[::2]),
-                "Context.execute - array binding must be contiguous"),
-    "strided matrix": ("quillmark.transpose@1", unary(np.ones((4, 4))[::2, ::2], np.zeros((2, 2))),
-                       "Context.execute - array binding must be contiguous"),
-    "byte order": ("quillmark.sqrt@1", unary(vec(dtype=">f4")),
-                   "Context.execute - array binding must be aligned and native-endian"),
-    "read-only output": ("quillmark.sqrt@1", unary(out=read_only(vec())),
-                         "Context.execute - output binding must be writable"),
-    "read-only in place": ("quillmark.conjugate@1", {"Output0": read_only(vec())},
-                           "Context.execute - output binding must be writable"),
-    "unknown operation": ("quillmark.nothing@1", {}, "QuillmarkContext - operation 'quillmark.nothing@1' is not "
-                          "registered", None, None, IndexError),
-    "malformed id": ("sqrt", {}, "OperationId::parse - expected canonical identifier 'name@major'"),
-    "shape rule": ("quillmark.add@1", {"Input0": vec(3), "Input1": vec(4), "Output0": vec(3)},
-                   "OperationSpec - vector input size mismatch"),
-}
+X = "Context.execute - "
+# Each case: operation (a bare name is a built-in one), bindings, the exact message, then locations
+# (default: all on the host), compute dtypes and the error type where they differ from the usual.
+REFUSED = [
+    ("add", {"Input0": vec(), "Input1": vec(), "Output0": vec(), "Output1": vec()},
+     X + "binding count does not match operation", {"Input0": "host", "Input1": "host", "Output0": "host"}),
+    ("add", {"Input0": vec(), "Input1": vec(), "Output0": vec()}, X + "binding count does not match operation", HOST2),
+    ("sqrt", unary(), X + "compute dtype role has no binding", None, {"Input1": "float32"}),
+    ("add", {"Input0": vec(), "Input9": vec(), "Output0": vec()}, X + "missing binding Input1"),
+    ("sqrt", unary(), X + "missing location for Output0", {"Input0": "host", "Output9": "host"}),
+    ("sqrt", unary(), X + "invalid location for Input0", {"Input0": "device", "Output0": "host"}),
+    ("sqrt", unary(), X + "invalid location for Output0", {"Input0": "host", "Output0": 1}),
+    ("eig", unary(np.eye(2), _native.EigenOperand(2, "complex128")),
+     X + "CUDA eigen binding requires CudaEigenOperand", {"Input0": "host", "Output0": "cuda"}),
+    ("eig", unary(np.eye(2), np.zeros(2, np.complex128)), X + "host eigen binding requires EigenOperand"),
+    ("solve", unary(_native.LUOperand(3, "float32")), X + "structured operand compute dtype is fixed at construction",
+     None, {"Input0": "float32"}),
+    ("solve", unary(np.eye(3, dtype=np.float32)), X + "LU binding requires LUOperand"),
+    ("lu_factor", {"Output0": _native.LUOperand(3)}, X + "LUOperand must use host residency", {"Output0": "cuda"}),
+    ("sqrt", unary(), X + "CUDA binding requires a CUDA-enabled build", {"Input0": "host", "Output0": "cuda"}),
+    ("sqrt", unary([1.0, 2.0, 3.0]), "host binding requires a NumPy ndarray"),
+    ("sqrt", unary(_native.LUOperand(3)), "host binding requires a NumPy ndarray"),
+    ("sqrt", unary(np.zeros((1, 1, 3), np.float32)), X + "array binding rank must be zero, one or two"),
+    ("sum", unary(out=np.zeros(1, np.float32)), X + "scalar binding must have rank zero"),
+    ("sqrt", unary(np.zeros((3, 1), np.float32)), X + "vector binding must have rank one"),
+    ("transpose", unary(out=np.zeros((3, 1), np.float32)), X + "matrix binding must have rank two"),
+    ("sqrt", unary(), X + "uncompiled storage/compute dtype policy (compute=float64); array storage dtypes: float32",
+     None, {"Input0": "float64"}),
+    ("sqrt", unary(vec(dtype=np.int64)),
+     X + "uncompiled storage/compute dtype policy (compute=int64); array storage dtypes: int64"),
+    ("sqrt", unary(out=np.zeros(3, bool)), X + "bool arrays are supported only for scalar outputs"),
+    ("scale", {"Input0": vec(), "Input1": np.zeros((), bool), "Output0": vec()},
+     X + "bool arrays are supported only for scalar outputs"),
+    ("is_unitary", unary(np.eye(2), np.zeros((), bool)), X + "bool outputs require int32 compute dtype",
+     None, {"Output0": "float64"}),
+    ("is_unitary", unary(np.eye(2), read_only(np.zeros((), bool))), X + "bool scalar bindings must be writable"),
+    ("sqrt", unary(np.ones(6, BF16)[::2], np.ones(3, BF16)), LOW_PRECISION),
+    ("sqrt", unary(np.ones(3, BF16), read_only(np.ones(3, BF16))), LOW_PRECISION),
+    ("sqrt", unary(np.ones(6, np.float32)[::2]), X + "array binding must be contiguous"),
+    ("transpose", unary(np.ones((4, 4))[::2, ::2], np.zeros((2, 2))), X + "array binding must be contiguous"),
+    ("sqrt", unary(vec(dtype=">f4")), X + "array binding must be aligned and native-endian"),
+    ("sqrt", unary(out=read_only(vec())), X + "output binding must be writable"),
+    ("conjugate", {"Output0": read_only(vec())}, X + "output binding must be writable"),
+    ("quillmark.nothing@1", {}, "QuillmarkContext - operation 'quillmark.nothing@1' is not registered",
+     None, None, IndexError),
+    ("quillmark.sqrt", {}, "OperationId::parse - expected canonical identifier 'name@major'"),
+    ("add", {"Input0": vec(3), "Input1": vec(4), "Output0": vec(3)}, "OperationSpec - vector input size mismatch"),
+]
 
 
-@pytest.mark.parametrize("case", list(REFUSED))
+@pytest.mark.parametrize("case", REFUSED, ids=lambda case: f"{case[0]}: {case[2][:60]}")
 def test_execute_refuses(ctx, case):
-    given = REFUSED[case]
-    operation, bindings, message, locations, compute, error = given + (None, None, ValueError)[len(given) - 3:]
+    operation, bindings, message, locations, compute, error = case + (None, None, ValueError)[len(case) - 3:]
+    operation = operation if "." in operation else f"quillmark.{operation}@1"
     before = {role: obj.copy() for role, obj in bindings.items() if isinstance(obj, np.ndarray)}
     with pytest.raises(error) as info:
         ctx.execute(operation, bindings, locations or {role: "host" for role in bindings}, compute or {})
