@@ -20,10 +20,12 @@ def catalogue():
 
 def test_module_functions():
     assert _native.__doc__ == "Private native implementation for quillmark"
-    assert (_native.available_backends(), _native.cuda_is_available(), _native.cuda_device_count()) == (("cpu",), False, 0)
+    assert (_native.available_backends(), _native.cuda_is_available(), _native.cuda_device_count()) == \
+        (("cpu",), False, 0)
     info = _native.build_info()
     assert list(info) == ["version", "cuda", "cuda_architectures", "cpu_simd", "cpu_simd_compiled", "nanobind_major"]
-    assert (info["version"], info["cuda"], info["cpu_simd_compiled"], info["nanobind_major"]) == ("0.1.1", False, "AVX2,AVX512", 2)
+    assert [info[key] for key in ("version", "cuda", "cpu_simd_compiled", "nanobind_major")] == \
+        ["0.1.1", False, "AVX2,AVX512", 2]
     assert info["cpu_simd"] in ("AVX2", "AVX512")
     assert [list(p.items()) for p in _native.numeric_policies()] == [
         [("dtype", d), ("compute_dtype", c), ("default", True)] for d, c in [
@@ -251,6 +253,5 @@ def test_native_errors(ctx, case):
 def test_never_factorised_operand_fails_solve(ctx):
     x = np.ones(2, np.complex64)
     with pytest.raises(ValueError, match="^solve - invalid LU pivot$"):
-        ctx.execute("quillmark.solve@1", {"Input0": _native.LUOperand(2), "Output0": x},
-                    {"Input0": "host", "Output0": "host"})
+        run(ctx, "quillmark.solve@1", [_native.LUOperand(2)], [x])
     assert x.tolist() == [1, 1]
