@@ -242,20 +242,13 @@ def test_every_operation_has_a_function():
 
 def test_stubs_match_the_functions():
     stub = pathlib.Path(qm._functions.__file__).with_suffix(".pyi")
-    stubbed = {node.name: node for node in ast.parse(stub.read_text()).body
-               if isinstance(node, ast.FunctionDef)}
-    public = {name for name in dir(qm._functions) if not name.startswith("_")
-              and inspect.isfunction(getattr(qm._functions, name))
-              and getattr(qm._functions, name).__module__ == "quillmark._functions"
-              and getattr(qm._functions, name).__name__ == name}  # aliases are assignments
-    assert public <= set(stubbed)
-    for name in public:
-        node = stubbed[name].args
-        params = list(inspect.signature(getattr(qm, name)).parameters.values())
-        stub_params = node.posonlyargs + node.args + node.kwonlyargs
-        assert [p.name for p in params] == [a.arg for a in stub_params], name
-        assert [p.kind == p.KEYWORD_ONLY for p in params] == \
-            [a in node.kwonlyargs for a in stub_params], name
+    stubbed = {node.name: node.args for node in ast.parse(stub.read_text()).body if isinstance(node, ast.FunctionDef)}
+    for name, function in inspect.getmembers(qm._functions, inspect.isfunction):
+        if name.startswith("_") or function.__module__ != "quillmark._functions" or function.__name__ != name:
+            continue  # private, imported, or an alias (aliases are assignments in the stub)
+        params, args = inspect.signature(getattr(qm, name)).parameters.values(), stubbed[name]
+        assert [(p.name, p.kind == p.KEYWORD_ONLY) for p in params] == \
+            [(a.arg, a in args.kwonlyargs) for a in args.posonlyargs + args.args + args.kwonlyargs], name
 
 
 PROMOTABLE = ["bool", "int8", "uint8", "int32", "int64", "float16", "float32", "float64", "complex64", "complex128"]
