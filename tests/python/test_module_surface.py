@@ -136,13 +136,17 @@ def test_context_accepts_policy_words(policy):
 # ---- LUOperand and EigenOperand
 
 
-def test_lu_operand_from_size():
+def test_structured_operands_from_a_size():
     lu = _native.LUOperand(3)
     assert (lu.dtype, lu.compute_dtype, lu.size, lu.swaps) == ("complex64", "complex64", 3, 0)
     assert lu.pivots.dtype == np.int64 and lu.pivots.tolist() == [0, 0, 0]
     assert lu.factors.dtype == np.complex64 and lu.factors.shape == (3, 3)
     half = _native.LUOperand(2, "bfloat16")
     assert half.compute_dtype == "float32" and half.factors.dtype == ml_dtypes.bfloat16
+    eig = _native.EigenOperand(4)
+    assert (eig.dtype, eig.compute_dtype, eig.size) == ("complex64", "complex64", 4)
+    assert eig.values.shape == (4,) and eig.vectors.shape == (4, 4)
+    assert _native.EigenOperand(2, "complex32").values.dtype == complex32
 
 
 def test_lu_operand_complex32_and_foreign_byte_order():
@@ -155,6 +159,8 @@ def test_lu_operand_complex32_and_foreign_byte_order():
 
 
 @pytest.mark.parametrize("args, message", [
+    ((2, "float32", None), "host eigenvalues - unsupported policy or layout"),  # None: an EigenOperand
+    ((2, "complex64", "complex128", None), "structured operand - uncompiled storage/compute dtype policy"),
     ((np.zeros((3, 4)),), "LUOperand - matrix must be square"),
     ((np.zeros(3),), "LUOperand - matrix must be square"),
     ((np.zeros((3, 3), np.int32),), "LUOperand - matrix requires floating point storage"),
@@ -166,22 +172,11 @@ def test_lu_operand_complex32_and_foreign_byte_order():
     ((3, "int32"), "structured operand requires a float32/64 or complex64/128 factor policy"),
     ((3, "float16", "float16"), "structured operand - uncompiled storage/compute dtype policy"),
 ])
-def test_lu_operand_checks(args, message):
+def test_structured_operand_checks(args, message):
     with pytest.raises(ValueError) as info:
-        _native.LUOperand(*args)
+        _native.EigenOperand(*args[:-1]) if args[-1] is None else _native.LUOperand(*args)
     assert str(info.value) == message
     assert not isinstance(info.value, _native.NativeError)
-
-
-def test_eigen_operand():
-    eig = _native.EigenOperand(4)
-    assert (eig.dtype, eig.compute_dtype, eig.size) == ("complex64", "complex64", 4)
-    assert eig.values.shape == (4,) and eig.vectors.shape == (4, 4)
-    assert _native.EigenOperand(2, "complex32").values.dtype == complex32
-    with pytest.raises(ValueError, match="^host eigenvalues - unsupported policy or layout$"):
-        _native.EigenOperand(2, "float32")
-    with pytest.raises(ValueError, match="^structured operand - uncompiled storage/compute dtype policy$"):
-        _native.EigenOperand(2, "complex64", "complex128")
 
 
 # ---- LUFactor
