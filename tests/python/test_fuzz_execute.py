@@ -19,16 +19,18 @@ from conftest import SANITIZED
 ALLOWED = (ValueError, TypeError, IndexError, MemoryError, RuntimeError)
 
 CATALOGUE = quillmark.ContextBuilder().build()
-ROLES = {
-    op: [(("Input%d" % r["role"]) if r["role"] < 2**31 else ("Output%d" % (r["role"] - 2**31)), r["access"], r["kind"])
-         for r in CATALOGUE.describe(op)["roles"]]
-    for op in CATALOGUE.operations()
-}
+
+
+def role_name(code):
+    return f"Input{code}" if code < 2**31 else f"Output{code - 2**31}"
+
+
+ROLES = {op: [(role_name(r["role"]), r["access"], r["kind"]) for r in CATALOGUE.describe(op)["roles"]]
+         for op in CATALOGUE.operations()}
 
 FLOAT_NAMES = ["float32", "float64", "complex64", "complex128", "float16", "bfloat16", "complex32"]
 ODD_DTYPES = [np.bool_, np.int64, np.uint8, object, np.dtype(">f8"), np.dtype(">c16"), np.int32, "U3"]
 COMPUTE_NAMES = FLOAT_NAMES + ["int32", "int64", "bool", "", "float128"]
-REAL_OF = {"complex64": "float32", "complex128": "float64", "complex32": "float16"}
 
 
 def make_array(rng, shape, name, special):
@@ -63,16 +65,14 @@ def base_shapes(op, kinds, n, m):
     return [{"scalar": (), "vector": (n,), "matrix": (n, n)}.get(kind, n) for kind in kinds]
 
 
-def output_dtype(op, role, name):
-    short = op.split(".")[1].split("@")[0]
-    if short in ("is_unitary", "vector_equal"):
-        return "bool"
-    if (short in ("norm", "logdet_positive_definite", "eigvalsh") or (short == "eigh" and role == "Output0")
-            or (short == "slogdet" and role == "Output1")):
-        return REAL_OF.get(name, name)
-    if short == "logdet":
-        return "complex128" if name in ("float64", "complex128") else "complex64"
-    return name
+def output_dtypes(op, name):
+    """role -> dtype of the outputs of an implementation whose first input is `name`, where one exists;
+    predicates are bound to bool, as users bind them."""
+    for implementation in CATALOGUE.describe(op)["implementations"]:
+        operands = implementation["operands"]
+        if operands[0]["dtype"] == name:
+            return {role_name(o["role"]): "bool" if o["dtype"] == "int32" != name else o["dtype"] for o in operands}
+    return {}
 
 
 def mutate_array(draw, rng, arr):
@@ -116,9 +116,9 @@ def calls(draw, op):
     name = draw(st.sampled_from(FLOAT_NAMES + ["int32"]))
     special = draw(st.integers(0, 4)) == 0
     shapes = base_shapes(op, [kind for _, _, kind in roles], n, m)
-    bindings, compute = {}, {}
+    bindings, compute, outputs = {}, {}, output_dtypes(op, name)
     for (role, access, kind), shape in zip(roles, shapes):
-        dtype_name = output_dtype(op, role, name) if role.startswith("Output") else name
+        dtype_name = outputs.get(role, name) if role.startswith("Output") else name
         if kind == "lu":
             lu_dtype = dtype_name if dtype_name in FLOAT_NAMES else "float64"
             if access == "read" and draw(st.booleans()):
