@@ -51,14 +51,11 @@ def test_elementwise_bit_exact_and_inputs_kept(context, rng, dtype, n, op):
 
 def lane_order_matvec(a, x):
     """Row sums with lane l accumulating the terms j = l mod 8 in order, lanes combined pairwise."""
-    m, n = a.shape
     terms = naive_product(a, np.broadcast_to(x, a.shape))
-    lanes = np.zeros((m, 8), a.dtype)
-    for lane in range(min(8, n)):
+    lanes = np.zeros((a.shape[0], 8), a.dtype)
+    for lane in range(min(8, a.shape[1])):
         part = terms[:, lane::8]
-        re = np.cumsum(part.real, axis=1)[:, -1]
-        im = np.cumsum(part.imag, axis=1)[:, -1]
-        lanes[:, lane] = re + 1j * im
+        lanes[:, lane] = np.cumsum(part.real, axis=1)[:, -1] + 1j * np.cumsum(part.imag, axis=1)[:, -1]
     return ((lanes[:, 0] + lanes[:, 1]) + (lanes[:, 2] + lanes[:, 3])) + (
         (lanes[:, 4] + lanes[:, 5]) + (lanes[:, 6] + lanes[:, 7]))
 
