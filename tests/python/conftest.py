@@ -39,8 +39,6 @@ def misaligned(dtype, shape=3, offset=1):
 
 @pytest.fixture(scope="session")
 def ctx():
-    if not hasattr(quillmark, "Context"):
-        pytest.skip("Context is not available in this build")
     return quillmark.Context()
 
 

@@ -74,6 +74,9 @@ REFUSED = [
      None, None, IndexError),
     ("quillmark.sqrt", {}, "OperationId::parse - expected canonical identifier 'name@major'"),
     ("add", {"Input0": vec(3), "Input1": vec(4), "Output0": vec(3)}, "OperationSpec - vector input size mismatch"),
+    # Zero-width factors exist in NumPy at any height; the product's shape does not fit 64 bits.
+    *[("kron", {"Input0": np.zeros(shape), "Input1": np.zeros(shape), "Output0": np.zeros((0, 0))},
+       "OperationSpec - Kronecker product output shape overflow") for shape in [(2**33, 0), (0, 2**32)]],
 ]
 
 
