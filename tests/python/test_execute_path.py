@@ -76,12 +76,8 @@ def test_product_overlap_matches_numpy(ctx, case, placement, dtype):
     sizes = [int(np.prod(s)) for s in in_shapes]
     out_size = int(np.prod(out_shape))
     store = (np.arange(1, 64) * (1 + 0.5j) / 7).astype(dtype)
-    if placement == "disjoint":
-        starts, out_start = [0, sizes[0]][:len(sizes)], sum(sizes)
-    elif placement == "first input is the output":
-        starts, out_start = [0, 20][:len(sizes)], 0
-    else:
-        starts, out_start = [0, sizes[0] + out_size // 2][:len(sizes)], max(sizes[0] - 1, 1)
+    starts, out_start = {"disjoint": ([0, sizes[0]], sum(sizes)), "first input is the output": ([0, 20], 0),
+                         "inputs straddle the output": ([0, sizes[0] + out_size // 2], max(sizes[0] - 1, 1))}[placement]
     expected_store = store.copy()
     expected = reference(*[within(store, s, shape).copy() for s, shape in zip(starts, in_shapes)])
     within(expected_store, out_start, out_shape)[...] = expected

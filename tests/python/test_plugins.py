@@ -1,7 +1,9 @@
 """Native plugins compiled from C at test time and loaded in forked children, so that a loader
 crash fails one test instead of the run."""
 
+import functools
 import gc
+import itertools
 import multiprocessing
 import os
 import shutil
@@ -39,15 +41,8 @@ def compile_plugin(source, output, *defines):
 @pytest.fixture(scope="module")
 def plugin(tmp_path_factory):
     """plugin(*defines) -> path of the probe plugin built with those -D switches."""
-    root = tmp_path_factory.mktemp("plugins")
-    built = {}
-
-    def build(*defines):
-        if defines not in built:
-            built[defines] = compile_plugin(SOURCE, root / f"probe_{len(built)}.so", *defines)
-        return built[defines]
-
-    return build
+    root, numbers = tmp_path_factory.mktemp("plugins"), itertools.count()
+    return functools.cache(lambda *defines: compile_plugin(SOURCE, root / f"probe_{next(numbers)}.so", *defines))
 
 
 def _child(send, fn, args):
