@@ -3,7 +3,6 @@
 #include "test_support.hpp"
 
 #include <complex>
-#include <cstdlib>
 #include <functional>
 #include <new>
 #include <string>
@@ -231,53 +230,40 @@ TEST(StorageInitialiser, AcceptsNullEmptyAndFourByteAlignedData) {
 
 // ---- layout acceptance and policies
 
-struct LayoutCase {
-    const char* name;
-    ST storage, compute;
-    OK kind;
-    CL cl;
-    ML ml;
-    std::string message;
-};
-
-class StorageLayoutAcceptance : public ::testing::TestWithParam<LayoutCase> {};
-
-TEST_P(StorageLayoutAcceptance, RefusesWithTheClassMessage) {
-    const LayoutCase& p = GetParam();
-    EXPECT_EQ(invalid([&] { make(p.storage, p.compute, p.kind, {2, 2}, p.cl, p.ml); }), p.message);
-}
-
 namespace {
+Maker two_by_two(ST s, ST c, OK kind, CL cl, ML ml) { return [=] { return make(s, c, kind, {2, 2}, cl, ml); }; }
 const std::string kCategory = "dense storage - unsupported scalar category, shape or layout";
 const std::string kHostMatrix = "host matrix - unsupported layout for policy";
-const std::string kHostVector = "host vector - unsupported complex layout for policy";
-const std::string kHostLu = "host LU - unsupported numerical policy";
-const std::string kHostEigen = "host eigenvalues - unsupported policy or layout";
 } // namespace
 
 INSTANTIATE_TEST_SUITE_P(
-    Layouts, StorageLayoutAcceptance,
+    Layouts, StorageRefusals,
     ::testing::Values(
-        LayoutCase{"complex_integer", ST::complex_int32, ST::complex_int32, OK::vector, CL::interleaved, ML::none,
-                   kCategory},
-        LayoutCase{"vector_with_matrix_layout", ST::float32, ST::float32, OK::vector, CL::none, ML::row_major,
-                   kCategory},
-        LayoutCase{"real_matrix_column_major", ST::float64, ST::float64, OK::matrix, CL::none, ML::column_major,
-                   kHostMatrix},
-        LayoutCase{"split_matrix_column_major", ST::complex64, ST::complex64, OK::matrix, CL::split,
-                   ML::column_major, kHostMatrix},
-        LayoutCase{"real_vector_interleaved", ST::float16, ST::float32, OK::vector, CL::interleaved, ML::none,
-                   kHostVector},
-        LayoutCase{"complex_scalar_interleaved", ST::complex64, ST::complex64, OK::scalar, CL::interleaved,
-                   ML::none, "host scalar - unsupported layout for policy"},
-        LayoutCase{"lu_int32", ST::int32, ST::int32, OK::lu, CL::none, ML::column_major, kHostLu},
-        LayoutCase{"lu_row_major", ST::float32, ST::float32, OK::lu, CL::none, ML::row_major,
-                   "host LU - unsupported layout for policy"},
-        LayoutCase{"eigen_split", ST::complex64, ST::complex64, OK::eigen, CL::split, ML::column_major, kHostEigen},
-        LayoutCase{"uncompiled_int64", ST::int64, ST::int64, OK::vector, CL::none, ML::none,
-                   "numeric policy is not compiled: int64/int64"},
-        LayoutCase{"uncompiled_half_double", ST::float16, ST::float64, OK::matrix, CL::none, ML::row_major,
-                   "numeric policy is not compiled: float16/float64"}),
+        RefusalCase{"complex_integer",
+                    two_by_two(ST::complex_int32, ST::complex_int32, OK::vector, CL::interleaved, ML::none), kCategory},
+        RefusalCase{"vector_with_matrix_layout",
+                    two_by_two(ST::float32, ST::float32, OK::vector, CL::none, ML::row_major), kCategory},
+        RefusalCase{"real_matrix_column_major",
+                    two_by_two(ST::float64, ST::float64, OK::matrix, CL::none, ML::column_major), kHostMatrix},
+        RefusalCase{"split_matrix_column_major",
+                    two_by_two(ST::complex64, ST::complex64, OK::matrix, CL::split, ML::column_major), kHostMatrix},
+        RefusalCase{"real_vector_interleaved",
+                    two_by_two(ST::float16, ST::float32, OK::vector, CL::interleaved, ML::none),
+                    "host vector - unsupported complex layout for policy"},
+        RefusalCase{"complex_scalar_interleaved",
+                    two_by_two(ST::complex64, ST::complex64, OK::scalar, CL::interleaved, ML::none),
+                    "host scalar - unsupported layout for policy"},
+        RefusalCase{"lu_int32", two_by_two(ST::int32, ST::int32, OK::lu, CL::none, ML::column_major),
+                    "host LU - unsupported numerical policy"},
+        RefusalCase{"lu_row_major", two_by_two(ST::float32, ST::float32, OK::lu, CL::none, ML::row_major),
+                    "host LU - unsupported layout for policy"},
+        RefusalCase{"eigen_split", two_by_two(ST::complex64, ST::complex64, OK::eigen, CL::split, ML::column_major),
+                    "host eigenvalues - unsupported policy or layout"},
+        RefusalCase{"uncompiled_int64", two_by_two(ST::int64, ST::int64, OK::vector, CL::none, ML::none),
+                    "numeric policy is not compiled: int64/int64"},
+        RefusalCase{"uncompiled_half_double",
+                    two_by_two(ST::float16, ST::float64, OK::matrix, CL::none, ML::row_major),
+                    "numeric policy is not compiled: float16/float64"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 // ---- refusals of the owned, borrowed and typed-view classes
@@ -328,31 +314,6 @@ TEST(ErasedBufferAccess, LayoutComparisonNamesTheFirstDifference) {
               "plugin - buffer layout mismatch at index 1");
     want.pop_back();
     EXPECT_EQ(invalid([&] { check_buffer_layout(lu, want, "plugin"); }), "plugin - buffer count mismatch");
-}
-
-// ---- borrowed storages
-
-TEST(BorrowedStorage, ViewsReachCallerMemoryWhichOutlivesTheStorage) {
-    // Stack memory and malloc'd memory: freeing either through the storage would crash (or be
-    // reported by the sanitizers); the values must survive destruction.
-    double stack[6] = {1, 2, 3, 4, 5, 6};
-    auto* heap = static_cast<cf*>(std::malloc(4 * sizeof(cf)));
-    for (int i = 0; i < 4; ++i) heap[i] = cf(float(i), -float(i));
-    {
-        auto m = std::make_unique<BorrowedDenseHostRealMatrix<PolicyF64>>(stack, 2, 3, ML::column_major);
-        const auto v = dense_matrix_view<double>(*m);
-        EXPECT_EQ(v.data, stack);
-        EXPECT_EQ(v.data[v.index(1, 2)], 6.0);
-        v.data[0] = 10.0;
-        auto iv = std::make_unique<BorrowedDenseHostComplexInterleavedVector<PolicyC64>>(heap, 4);
-        EXPECT_EQ(dense_vector_view<cf>(*iv).data, heap);
-        float parts[2] = {3.f, 4.f};
-        BorrowedDenseHostComplexSplitScalar<PolicyC64> sc(parts);
-        EXPECT_EQ(sc.erased_access().buffer(1).data, parts + 1);
-    }
-    EXPECT_EQ(stack[0], 10.0);
-    EXPECT_EQ(heap[3], cf(3.f, -3.f));
-    std::free(heap);
 }
 
 // ---- typed views
