@@ -44,11 +44,13 @@ OperandDescriptor vector_descriptor(ScalarType s) {
     return d;
 }
 
-// A catalogue with a unary vector operation (handle 1) and a unary matrix operation (handle 2).
+// A catalogue with a unary vector operation (handle 1), a unary matrix operation (handle 2) and a
+// vector operation with a write and a read_write output (handle 3).
 struct Catalogue {
     OperationRegistry registry;
     OperationId unary{"test.unary", 1};
     OperationId matrix{"test.matrix", 1};
+    OperationId two_outputs{"test.two_outputs", 1};
     Catalogue() {
         auto roles = [](OperandKind k) {
             return std::vector<RoleDeclaration>{{input_role(0), OperandAccess::read, k},
@@ -56,6 +58,9 @@ struct Catalogue {
         };
         registry.register_operation(OperationSpec(unary, roles(OperandKind::vector)), RegistrationProvenance());
         registry.register_operation(OperationSpec(matrix, roles(OperandKind::matrix)), RegistrationProvenance());
+        auto two = roles(OperandKind::vector);
+        two.push_back({output_role(1), OperandAccess::read_write, OperandKind::vector});
+        registry.register_operation(OperationSpec(two_outputs, two), RegistrationProvenance());
         registry.seal();
     }
 };
@@ -301,35 +306,23 @@ TEST(BackendDispatcher, RemembersAChoiceOnlyWhileTheAdaptersAreUnchanged) {
 TEST(BackendDispatcher, WriteOnlyOutputsTakeTheWriteOnlyBuilder) {
     // One write output and one read_write output, both needing an adaptation: only the first may
     // skip carrying the caller's contents in.
-    OperationRegistry catalogue;
-    const OperationId op{"test.two_outputs", 1};
-    catalogue.register_operation(
-        OperationSpec(op, {{input_role(0), OperandAccess::read, OperandKind::vector},
-                           {output_role(0), OperandAccess::write, OperandKind::vector},
-                           {output_role(1), OperandAccess::read_write, OperandKind::vector}}),
-        RegistrationProvenance());
-    catalogue.seal();
-    std::vector<std::string> log;
-    BackendRegistry registry;
-    registry.register_backend({BackendKind::cpu_scalar, op, {vec(float32)}, {vec(float64), vec(float64)}},
-                              marker(&log, "kernel"), RegistrationProvenance());
-    registry.seal(catalogue);
-    EXPECT_EQ(registry.write_only_outputs(catalogue.lookup(op).handle()), 1u);
-
-    const auto logging = [&log](std::string word) {
-        return [&log, word](std::size_t position, const OperandDescriptor&, const Key&, const Key&) {
-            log.push_back(word + std::to_string(position));
+    Fixture f;
+    f.r.register_backend({BackendKind::cpu_scalar, f.cat.two_outputs, {vec(float32)}, {vec(float64), vec(float64)}},
+                         marker(&f.log, "kernel"), RegistrationProvenance());
+    f.r.seal(f.cat.registry);
+    EXPECT_EQ(f.r.write_only_outputs(3), 1u);
+    const auto logging = [&f](std::string word) {
+        return [&f, word](std::size_t position, const OperandDescriptor&, const Key&, const Key&) {
+            f.log.push_back(word + std::to_string(position));
             return AdaptationSteps{};
         };
     };
     BackendAdaptationRegistry adapters;
     adapters.add_output_adapter({[](const Key& a, const Key& b) { return a.kind == b.kind; }, logging("build"),
                                  logging("write_only")});
-    BackendDispatcher dispatcher(registry, adapters);
-    const std::vector<OperandDescriptor> in{vector_descriptor(float32)};
-    const std::vector<OperandDescriptor> out{vector_descriptor(float32), vector_descriptor(float32)};
-    dispatcher.dispatch(catalogue.lookup(op).handle(), in, out);
-    EXPECT_EQ(log, (std::vector<std::string>{"write_only1", "build2"}));
+    const std::vector<OperandDescriptor> in{vector_descriptor(float32)}, out(2, vector_descriptor(float32));
+    BackendDispatcher(f.r, adapters).dispatch(3, in, out);
+    EXPECT_EQ(f.log, (std::vector<std::string>{"write_only1", "build2"}));
 }
 
 // ---- Result policy ----
