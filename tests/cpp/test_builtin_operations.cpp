@@ -162,15 +162,8 @@ TEST(BuiltinCatalogue, RegistersInTableOrderWithHandles) {
     const auto ids = builtin_operation_ids();
     for (std::size_t i = 0; i < ids.size(); ++i) EXPECT_EQ(registry.lookup(ids[i]).handle(), i + 1);
 
-    // The registered OperationSpec checks kinds first, then runs the shape rule.
+    // Registered specs carry the published contract (their shape rules are run by every execution).
     const OperationSpec& add = registry.lookup(builtin_operation_id(B::add));
-    auto call = std::vector<OperandDescriptor>{V(3), V(4), V(3)};
-    call[1].role = 1;
-    call[2].role = kOutputRoleBit;
-    EXPECT_EQ(message_of([&] { add.validate(call); }), "OperationSpec - vector input size mismatch");
-    call[2].kind = OperandKind::scalar;
-    EXPECT_EQ(message_of([&] { add.validate(call); }),
-              "OperationSpec - operand family does not match the registered contract");
     EXPECT_EQ(add.numerics(), operation_numerics(add.id()).get());
 }
 
