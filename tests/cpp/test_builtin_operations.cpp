@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
         RuleCase{"sqrt_output_kind", B::sqrt, {V(3), S()}, kVectorOut},
         RuleCase{"add_lengths", B::add, {V(3), V(4), V(3)}, "OperationSpec - vector input size mismatch"},
         RuleCase{"add_output_kind_before_sizes", B::subtract, {V(3), V(4), S()}, kVectorOut},
-        RuleCase{"vector_equal_lengths", B::vector_equal, {V(3), V(4), S()}, ""}, // valid calls: BuiltinContract
+        RuleCase{"vector_equal_lengths", B::vector_equal, {V(3), V(4), S()}, ""}, // other valid calls: BuiltinContract
         RuleCase{"inner_sizes_before_output", B::inner, {V(3), V(4), V(1)},
                  "OperationSpec - vector input size mismatch"},
         RuleCase{"adjoint_same_shape", B::adjoint, {M(2, 3), M(2, 3)},
