@@ -356,7 +356,9 @@ TEST_P(TiledElementwise, MatchesWholeOperandResult) {
     const std::vector<cd>& result = in_place ? xs : os;
     for (std::uint64_t i = 0; i < n; ++i) ASSERT_EQ(result[i], x0[i] + 2.0 * y0[i]) << i;
     EXPECT_EQ(ys, y0);
-    if (!in_place) EXPECT_EQ(xs, x0);
+    if (!in_place) {
+        EXPECT_EQ(xs, x0);
+    }
     EXPECT_EQ(std::uint64_t(f.calls), tiled ? (n + kTile - 1) / kTile : 1);
 }
 INSTANTIATE_TEST_SUITE_P(Lengths, TiledElementwise,
