@@ -3,6 +3,7 @@
 #include <exception>
 #include <string>
 
+#include "core/errors.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 
 namespace quillmark::testing {
@@ -13,6 +14,16 @@ template <class E = std::exception, class F> std::string message_of(F&& f) {
         f();
     } catch (const E& e) {
         return e.what();
+    }
+    return "";
+}
+
+// "reason: message" of the E (an error with a reason) that f throws; empty when f returns normally.
+template <class E, class F> std::string reasoned_message_of(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return std::string(reason_name(e.reason())) + ": " + e.what();
     }
     return "";
 }
