@@ -60,9 +60,7 @@ def base_shapes(op, kinds, n, m):
         "partial_trace_left": [(n * m, n * m), (m, m)],
         "partial_trace_right": [(n * m, n * m), (m, m)],
     }
-    if short in special:
-        return special[short]
-    return [{"scalar": (), "vector": (n,), "matrix": (n, n)}.get(kind, n) for kind in kinds]
+    return special.get(short) or [{"scalar": (), "vector": (n,), "matrix": (n, n)}.get(kind, n) for kind in kinds]
 
 
 def output_dtypes(op, name):

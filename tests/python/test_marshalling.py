@@ -6,8 +6,9 @@ import numpy as np
 import pytest
 
 from quillmark import _native
+from quillmark._dtypes import complex32
 
-from conftest import run
+from conftest import misaligned, run
 
 HOST2 = {"Input0": "host", "Output0": "host"}
 BF16 = ml_dtypes.bfloat16
@@ -93,6 +94,21 @@ def test_execute_refuses(ctx, index):
     assert not isinstance(info.value, _native.NativeError)
     for role, saved in before.items():
         np.testing.assert_array_equal(bindings[role], saved)
+
+
+@pytest.mark.parametrize("position", [0, 1, 2])
+@pytest.mark.parametrize("dtype", [complex32, BF16, np.float16, np.float32, np.float64, np.complex128],
+                         ids=["complex32", "bfloat16", "float16", "float32", "float64", "complex128"])
+def test_misaligned_storage_is_refused_in_every_role(ctx, dtype, position):
+    arrays = [np.ones(3, dtype) for _ in range(3)]
+    arrays[position] = misaligned(dtype)
+    before = [a.copy() for a in arrays]
+    with pytest.raises(ValueError) as info:
+        run(ctx, "quillmark.add@1", arrays[:2], arrays[2:])
+    sixteen_bit = np.dtype(dtype).itemsize <= 2 or dtype == complex32
+    assert str(info.value) == (LOW_PRECISION if sixteen_bit else X + "array binding must be aligned and native-endian")
+    for a, b in zip(arrays, before):
+        np.testing.assert_array_equal(a.view(np.uint8), b.view(np.uint8))
 
 
 @pytest.mark.parametrize("dtype", [np.complex64, np.complex128])
