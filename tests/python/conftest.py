@@ -37,6 +37,21 @@ def misaligned(dtype, shape=3, offset=1):
     return np.zeros(count * np.dtype(dtype).itemsize + offset, np.uint8)[offset:].view(dtype).reshape(shape)
 
 
+def arrange(a, order):
+    """a's values in another memory layout: column-major, a strided view, or negative strides."""
+    if order == "F":
+        return np.asfortranarray(a)
+    if order == "strided":
+        wide = np.zeros(tuple(2 * s for s in a.shape), a.dtype)
+        view = wide[tuple(slice(None, None, 2) for _ in a.shape)]
+        view[...] = a
+        return view
+    if order == "reversed":
+        flip = tuple(slice(None, None, -1) for _ in a.shape)
+        return a[flip].copy()[flip]
+    return a
+
+
 @pytest.fixture(scope="session")
 def ctx():
     return quillmark.Context()

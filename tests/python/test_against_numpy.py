@@ -5,24 +5,9 @@ from hypothesis import given, settings, strategies as st
 
 import quillmark as qm
 
-from conftest import SANITIZED
+from conftest import SANITIZED, arrange
 
 DTYPES = [np.float32, np.float64, np.complex64, np.complex128]
-
-
-def arrange(a, order):
-    """a's values in another memory layout: column-major, a strided view, or negative strides."""
-    if order == "F":
-        return np.asfortranarray(a)
-    if order == "strided":
-        wide = np.zeros(tuple(2 * s for s in a.shape), a.dtype)
-        view = wide[tuple(slice(None, None, 2) for _ in a.shape)]
-        view[...] = a
-        return view
-    if order == "reversed":
-        flip = tuple(slice(None, None, -1) for _ in a.shape)
-        return a[flip].copy()[flip]
-    return a
 
 
 def well_conditioned(a):

@@ -12,6 +12,8 @@ import pytest
 import quillmark as qm
 from quillmark import _api
 
+from conftest import arrange
+
 RNG = np.random.default_rng(5)
 A = RNG.standard_normal((5, 5))
 B = RNG.standard_normal((5, 5))
@@ -66,8 +68,8 @@ def variants(args):
     """The same values as NumPy users hand them over."""
     yield "ndarray", args
     yield "list", tuple(a.tolist() for a in args)
-    yield "fortran", tuple(np.asfortranarray(a) for a in args)
-    yield "strided", tuple(np.repeat(a, 2, axis=-1)[..., ::2] for a in args)
+    for order in ("F", "strided", "reversed"):
+        yield order, tuple(arrange(a, order) for a in args)
     yield "big-endian", tuple(a.astype(">f8") for a in args)
     yield "int64", tuple(np.round(a * 4).astype(np.int64) for a in args)
     yield "dlpack", tuple(Producer(a) for a in args)
