@@ -25,10 +25,18 @@ def test_command(args, fragments):
     assert all(fragment in result.stdout for fragment in fragments), result.stdout
 
 
-def test_describe_unknown_operation_fails_cleanly():
-    result = run("describe", "no_such_operation")
+@pytest.mark.parametrize("args, fragment", [
+    (["describe", "no_such_operation"], "not registered"),
+    (["bench", "--sizes", "-3"], "--sizes: must be at least 1"),
+    (["bench", "--threads", "-1"], "--threads: must be at least 0"),
+    (["bench", "--threads", "4096", "--sizes", "8"], "requested CPU thread count exceeds"),
+    (["bench", "--plot", "/no/such/dir/x.png"], "--plot: no such directory"),
+    (["check", "--dtypes", "int32"], "invalid choice: 'int32'"),
+])
+def test_bad_arguments_fail_cleanly(args, fragment):
+    result = run(*args)
     assert result.returncode == 2
-    assert "not registered" in result.stderr and "Traceback" not in result.stderr
+    assert fragment in result.stderr and "Traceback" not in result.stderr, result.stderr
 
 
 def test_bench_tiny(tmp_path):

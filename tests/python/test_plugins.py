@@ -205,7 +205,9 @@ def test_path_errors_are_value_errors(tmp_path, plugin):
     no_entry = compile_plugin(SOURCE, tmp_path / "no_entry.so", "quillmark_plugin_init=other_init")
     cases = [("", "QuillmarkContextBuilder::load_plugin - path must not be empty"),
              (str(tmp_path / "missing.so"), f"failed to load native plugin '{tmp_path / 'missing.so'}'"),
-             (no_entry, f"failed to resolve 'quillmark_plugin_init' in native plugin '{no_entry}'")]
+             (no_entry, f"failed to resolve 'quillmark_plugin_init' in native plugin '{no_entry}'"),
+             # a loadable plugin before the NUL: nothing may be loaded
+             (f"{plugin()}\0x", f"failed to load native plugin '{plugin()}\\0x'")]
     for path, message in cases:
         expect_refusal(path, "ValueError", message)
 
