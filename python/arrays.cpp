@@ -3,6 +3,7 @@
 #include <nanobind/ndarray.h>
 #include <nanobind/stl/string.h>
 
+#include <algorithm>
 #include <bit>
 #include <cstring>
 #include <limits>
@@ -167,12 +168,13 @@ std::size_t element_alignment(ScalarType type) noexcept {
 
 // Contiguity as NumPy defines it: axes of length one place no constraint; an empty array is both.
 bool contiguous(int ndim, const Py_ssize_t* shape, const Py_ssize_t* strides, Py_ssize_t itemsize, bool c_order) {
+    // Strides of an empty array are arbitrary (NumPy gives (0, 0) to a (0, 4) array).
+    if (std::find(shape, shape + ndim, Py_ssize_t{0}) != shape + ndim)
+        return true;
     Py_ssize_t expected = itemsize;
     for (int i = 0; i < ndim; ++i) {
         const int axis = c_order ? ndim - 1 - i : i;
         const Py_ssize_t extent = shape[axis];
-        if (extent == 0)
-            return true;
         if (extent != 1) {
             if (strides[axis] != expected)
                 return false;

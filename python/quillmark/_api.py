@@ -60,6 +60,8 @@ def canonical_name(name):
     >>> canonical_name("matmul")
     'quillmark.matmul@1'
     """
+    if not isinstance(name, str):
+        raise TypeError(f"operation name must be a str, got {type(name).__name__}")
     if "@" not in name:
         if "." not in name:
             name = "quillmark." + name

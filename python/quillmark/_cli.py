@@ -245,7 +245,11 @@ def _progress(items, **kw):
 
 
 def bench(args, argv):
-    threads = qm.Context(thread_count=args.threads).thread_count
+    try:
+        threads = qm.Context(thread_count=args.threads).thread_count
+    except ValueError as e:
+        print(f"error: {e}", file=sys.stderr)
+        return 2
     if any(os.environ.get(v) != str(threads) for v in _BLAS_THREAD_VARS):
         # NumPy's BLAS reads its thread count once, when it loads: rerun with it fixed.
         env = dict(os.environ, **{v: str(threads) for v in _BLAS_THREAD_VARS})
@@ -288,9 +292,25 @@ def bench(args, argv):
         ax.set_title(f"{args.dtype}, {threads} thread(s)")
         ax.legend(fontsize="small")
         fig.tight_layout()
-        fig.savefig(args.plot, dpi=100)
+        try:
+            fig.savefig(args.plot, dpi=100)
+        except OSError as e:
+            print(f"error: plot not written: {e}", file=sys.stderr)
+            return 1
         print(f"plot written to {args.plot}")
     return 0
+
+
+def _at_least(low, kind=int):
+    def parse(text):
+        try:
+            value = kind(text)
+        except ValueError:
+            raise argparse.ArgumentTypeError(f"invalid {kind.__name__} value: {text!r}") from None
+        if value < low:
+            raise argparse.ArgumentTypeError(f"must be at least {low}, got {text}")
+        return value
+    return parse
 
 
 def main(argv=None):
@@ -302,15 +322,20 @@ def main(argv=None):
     p = sub.add_parser("describe", help="one operation's contract and implementations")
     p.add_argument("operation", help="e.g. solve, quillmark.solve or quillmark.solve@1")
     p = sub.add_parser("check", help="run every operation against NumPy")
-    p.add_argument("--dtypes", nargs="+", default=["float32", "float64", "complex64", "complex128"])
+    dtypes = ["float32", "float64", "complex64", "complex128"]
+    p.add_argument("--dtypes", nargs="+", default=dtypes, choices=dtypes)
     p = sub.add_parser("bench", help="time operations against NumPy at equal threads")
     p.add_argument("--ops", nargs="+", default=["matmul", "solve", "slogdet"], choices=sorted(_BENCH))
-    p.add_argument("--sizes", nargs="+", type=int, default=[64, 128, 256, 512])
-    p.add_argument("--dtype", default="float64", choices=["float32", "float64", "complex64", "complex128"])
-    p.add_argument("--threads", type=int, default=0, help="0: quillmark's default")
-    p.add_argument("--budget", type=float, default=0.3, help="seconds of timing per case and side")
+    p.add_argument("--sizes", nargs="+", type=_at_least(1), default=[64, 128, 256, 512])
+    p.add_argument("--dtype", default="float64", choices=dtypes)
+    p.add_argument("--threads", type=_at_least(0), default=0, help="0: quillmark's default")
+    p.add_argument("--budget", type=_at_least(0.0, float), default=0.3,
+                   help="seconds of timing per case and side")
     p.add_argument("--plot", default="quillmark-bench.png", help="PNG path ('' for none)")
     args = parser.parse_args(argv)
+    if args.command == "bench" and args.plot and not os.path.isdir(os.path.dirname(os.path.abspath(args.plot))):
+        # Found out before the timings, not after them.
+        p.error(f"argument --plot: no such directory for {args.plot!r}")
     if args.command == "info":
         print(info_text())
     elif args.command == "describe":

@@ -202,9 +202,14 @@ BackendOperandKey operand_key(const OperandSchema& operand) {
 
 } // namespace
 
+// A path with a NUL names no file; dlopen would read only the part before it.
 NativePluginLibrary::NativePluginLibrary(std::string path)
-    : path_(std::move(path)), handle_(dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL)) {
-    if (!handle_) throw std::invalid_argument("failed to load native plugin '" + path_ + "'");
+    : path_(std::move(path)),
+      handle_(path_.find('\0') == std::string::npos ? dlopen(path_.c_str(), RTLD_NOW | RTLD_LOCAL) : nullptr) {
+    if (handle_) return;
+    std::string shown; // what() ends at a NUL, so the message spells it out
+    for (char c : path_) shown += c == '\0' ? std::string("\\0") : std::string(1, c);
+    throw std::invalid_argument("failed to load native plugin '" + shown + "'");
 }
 
 NativePluginLibrary::~NativePluginLibrary() { dlclose(handle_); }

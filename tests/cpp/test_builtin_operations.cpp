@@ -91,7 +91,7 @@ INSTANTIATE_TEST_SUITE_P(
         RuleCase{"sqrt_output_kind", B::sqrt, {V(3), S()}, kVectorOut},
         RuleCase{"add_lengths", B::add, {V(3), V(4), V(3)}, "OperationSpec - vector input size mismatch"},
         RuleCase{"add_output_kind_before_sizes", B::subtract, {V(3), V(4), S()}, kVectorOut},
-        RuleCase{"vector_equal_lengths", B::vector_equal, {V(3), V(4), S()}, ""},
+        RuleCase{"vector_equal_lengths", B::vector_equal, {V(3), V(4), S()}, ""}, // other valid calls: BuiltinContract
         RuleCase{"inner_sizes_before_output", B::inner, {V(3), V(4), V(1)},
                  "OperationSpec - vector input size mismatch"},
         RuleCase{"adjoint_same_shape", B::adjoint, {M(2, 3), M(2, 3)},
@@ -101,12 +101,10 @@ INSTANTIATE_TEST_SUITE_P(
                  "OperationSpec - matrix output shape mismatch"},
         RuleCase{"matvec_output", B::matvec, {M(2, 3), V(3), V(3)},
                  "OperationSpec - matrix/vector output size mismatch"},
-        RuleCase{"kron", B::kron, {M(2, 3), M(4, 5), M(8, 15)}, ""},
         RuleCase{"kron_output", B::kron, {M(2, 3), M(4, 5), M(8, 14)},
                  "OperationSpec - Kronecker output shape mismatch"},
         RuleCase{"kron_overflow_before_output", B::kron, {M(k2p32, 1), M(k2p32, 1), M(0, 0)}, kKronOverflow},
         RuleCase{"kron_largest_fit", B::kron, {M(k2p32 - 1, 1), M(k2p32 + 1, 0), M(~std::uint64_t{0}, 0)}, ""},
-        RuleCase{"outer", B::outer, {V(2), V(3), M(2, 3)}, ""},
         RuleCase{"outer_swapped", B::outer, {V(2), V(3), M(3, 2)},
                  "OperationSpec - outer-product output shape mismatch"},
         RuleCase{"solve_rhs_size", B::solve, {LU(3), V(4)}, "OperationSpec - solve RHS size mismatch"},
@@ -116,13 +114,11 @@ INSTANTIATE_TEST_SUITE_P(
         RuleCase{"eig_output_size", B::eig, {M(3, 3), E(2)}, "OperationSpec - eigen output size mismatch"},
         RuleCase{"principal_size", B::principal_eigenvector, {M(3, 3), V(2)},
                  "OperationSpec - eigenvector output size mismatch"},
-        RuleCase{"ptrace_3", B::partial_trace_left, {M(6, 6), M(3, 3)}, ""},
         RuleCase{"ptrace_4", B::partial_trace_left, {M(6, 6), M(4, 4)}, kPartialTrace},
         RuleCase{"ptrace_0", B::partial_trace_right, {M(6, 6), M(0, 0)}, kPartialTrace},
         RuleCase{"ptrace_input_square", B::partial_trace_left, {M(6, 5), M(3, 3)}, kSquare},
         RuleCase{"power_scalar_before_square", B::matrix_power, {M(2, 3), V(1), M(2, 3)},
                  "OperationSpec - second operand must be a scalar"},
-        RuleCase{"eigvalsh_two", B::eigvalsh, {M(3, 3), V(3)}, ""},
         RuleCase{"eigh_vectors", B::eigh, {M(3, 3), V(3), M(3, 2)}, "eigh - eigenvector shape mismatch"},
         RuleCase{"eigh_count", B::eigh, {M(3, 3), V(2), M(3, 3)}, "eigh/eigvalsh - eigenvalue count mismatch"},
         RuleCase{"slogdet_second_output", B::slogdet, {M(3, 3), S(), V(1)},
@@ -165,18 +161,9 @@ TEST(BuiltinCatalogue, RegistersInTableOrderWithHandles) {
     ASSERT_EQ(registry.size(), 32u);
     const auto ids = builtin_operation_ids();
     for (std::size_t i = 0; i < ids.size(); ++i) EXPECT_EQ(registry.lookup(ids[i]).handle(), i + 1);
-    EXPECT_EQ(registry.lookup(OperationId::parse("quillmark.sqrt@1")).handle(), 1u);
-    EXPECT_EQ(registry.lookup(OperationId::parse("quillmark.logdet_positive_definite@1")).handle(), 32u);
 
-    // The registered OperationSpec checks kinds first, then runs the shape rule.
+    // Registered specs carry the published contract (their shape rules are run by every execution).
     const OperationSpec& add = registry.lookup(builtin_operation_id(B::add));
-    auto call = std::vector<OperandDescriptor>{V(3), V(4), V(3)};
-    call[1].role = 1;
-    call[2].role = kOutputRoleBit;
-    EXPECT_EQ(message_of([&] { add.validate(call); }), "OperationSpec - vector input size mismatch");
-    call[2].kind = OperandKind::scalar;
-    EXPECT_EQ(message_of([&] { add.validate(call); }),
-              "OperationSpec - operand family does not match the registered contract");
     EXPECT_EQ(add.numerics(), operation_numerics(add.id()).get());
 }
 
@@ -199,14 +186,10 @@ TEST(BuiltinCatalogue, UnknownIdentifiers) {
 
 TEST(BuiltinCatalogue, DescribeOperationSchema) {
     const OperationRegistry registry = sealed_builtins();
+    // Key orders, roles and provenance are checked through the module; these are the nested records.
     const Description d = describe_operation(registry.entry(builtin_operation_id(B::matmul)));
-    EXPECT_EQ(d.keys(), (std::vector<std::string>{"id", "handle", "roles", "numerics", "provenance"}));
-    EXPECT_EQ(d.at("roles").as_list().at(2).to_json(), R"({"role":2147483648,"access":"write","kind":"matrix"})");
-    const Description& numerics = d.at("numerics");
-    EXPECT_EQ(numerics.keys(), (std::vector<std::string>{"shapes", "constraints", "requirements", "notes"}));
-    EXPECT_EQ(numerics.at("shapes").as_list()[0].to_json(),
+    EXPECT_EQ(d.at("numerics").at("shapes").as_list()[0].to_json(),
               R"({"role":0,"rank":2,"shapes":[{"operator":"symbol","name":"m"},{"operator":"symbol","name":"k"}]})");
-    EXPECT_EQ(d.at("provenance").to_json(), R"({"kind":"builtin","version":"0.1.1"})");
 
     // The divisor, not the vector, carries the nonzero requirement.
     const Description divide = describe_operation(registry.entry(builtin_operation_id(B::divide)));

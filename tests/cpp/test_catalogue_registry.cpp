@@ -21,11 +21,6 @@ void add(OperationRegistry& registry, const char* name, std::uint32_t major) {
     registry.register_operation(OperationSpec(OperationId(name, major), unary()), RegistrationProvenance());
 }
 
-struct NameCase {
-    const char* name;
-    const char* message; // "" when valid
-};
-
 constexpr const char* kSegment = "OperationId - names must use lower-case ASCII identifier segments";
 constexpr const char* kEmptySegment = "OperationId - namespace segments must not be empty";
 constexpr const char* kMajor = "OperationId::parse - major version must be a non-zero integer";
@@ -33,58 +28,42 @@ constexpr const char* kCanonical = "OperationId::parse - expected canonical iden
 
 } // namespace
 
-class OperationIdNames : public ::testing::TestWithParam<NameCase> {};
-TEST_P(OperationIdNames, Validates) {
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { OperationId(GetParam().name, 1); }), GetParam().message);
-}
-INSTANTIATE_TEST_SUITE_P(Rules, OperationIdNames,
-                         ::testing::Values(NameCase{"a.b_1", ""}, NameCase{"", "OperationId - name must not be empty"},
-                                           NameCase{"a", "OperationId - name must be namespaced with at least one '.'"},
-                                           NameCase{".a", kEmptySegment}, NameCase{"a..b", kEmptySegment},
-                                           NameCase{"a.", kEmptySegment}, NameCase{"a.B", kSegment},
-                                           NameCase{"a.1b", kSegment}, NameCase{"a._b", kSegment},
-                                           NameCase{"a-b.c", kSegment}));
-
-class OperationIdParse : public ::testing::TestWithParam<NameCase> {};
-TEST_P(OperationIdParse, Parses) {
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { OperationId::parse(GetParam().name); }), GetParam().message);
-}
-INSTANTIATE_TEST_SUITE_P(Rules, OperationIdParse,
-                         ::testing::Values(NameCase{"a.b@4294967295", ""}, NameCase{"a.b@0", kMajor},
-                                           NameCase{"a.b@x", kMajor}, NameCase{"a.b@4294967296", kMajor},
-                                           NameCase{"a.b@1@2", kMajor}, NameCase{"a.b@-1", kMajor},
-                                           NameCase{"a.b", kCanonical}, NameCase{"@1", kCanonical},
-                                           NameCase{"a.b@", kCanonical}, NameCase{"A.b@1", kSegment}));
-
-TEST(OperationId, LeadingZerosParseToCanonicalText) {
+TEST(OperationId, NamesAndCanonicalTexts) {
+    // Texts with an '@' go through parse, the others are names with major 1.
+    const std::pair<std::string, const char*> cases[] = {
+        {"a.b_1", ""}, {"", "OperationId - name must not be empty"},
+        {"a", "OperationId - name must be namespaced with at least one '.'"},
+        {".a", kEmptySegment}, {"a..b", kEmptySegment}, {"a.", kEmptySegment}, {"a.B", kSegment}, {"a.1b", kSegment},
+        {"a._b", kSegment}, {"a-b.c", kSegment}, {"a.b@4294967295", ""}, {"a.b@0", kMajor}, {"a.b@x", kMajor},
+        {"a.b@4294967296", kMajor}, {"a.b@1@2", kMajor}, {"a.b@-1", kMajor}, {"@1", kCanonical},
+        {"a.b@", kCanonical}, {"A.b@1", kSegment}};
+    for (const auto& [text, message] : cases)
+        EXPECT_EQ(message_of<std::invalid_argument>([&] {
+                      text.find('@') == std::string::npos ? OperationId(text, 1) : OperationId::parse(text);
+                  }),
+                  message)
+            << text;
+    EXPECT_EQ(message_of<std::invalid_argument>([] { OperationId::parse("a.b"); }), kCanonical);
     EXPECT_EQ(OperationId::parse("x.y@007").to_string(), "x.y@7");
 }
 
-struct SignatureCase {
-    std::vector<RoleDeclaration> roles;
-    const char* message;
-};
-class SpecSignatures : public ::testing::TestWithParam<SignatureCase> {};
-TEST_P(SpecSignatures, ChecksInOrder) {
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { OperationSpec(OperationId("x.y", 1), GetParam().roles); }),
-              GetParam().message);
+TEST(OperationSpec, SignatureChecksInOrder) {
+    constexpr auto R = OperandAccess::read;
+    constexpr auto W = OperandAccess::write;
+    const char* no_output = "OperationSpec - operation must declare at least one output";
+    const char* output_order = "OperationSpec - output roles must be contiguous and ordered";
+    const std::pair<std::vector<RoleDeclaration>, const char*> cases[] = {
+        {{{0, R, {}}, {output_role(0), W, {}}}, ""},
+        {{}, no_output},
+        {{{0, R, {}}}, no_output},
+        {{{1, R, {}}, {output_role(0), W, {}}}, "OperationSpec - input roles must be contiguous and ordered"},
+        {{{0, W, {}}, {output_role(0), W, {}}}, "OperationSpec - input roles must use read access"},
+        {{{output_role(0), R, {}}}, "OperationSpec - output roles must use write or read-write access"},
+        {{{output_role(0), W, {}}, {0, R, {}}}, output_order},
+        {{{0, R, {}}, {output_role(1), W, {}}}, output_order}};
+    for (const auto& [roles, message] : cases)
+        EXPECT_EQ(message_of<std::invalid_argument>([&] { OperationSpec(OperationId("x.y", 1), roles); }), message);
 }
-constexpr auto R = OperandAccess::read;
-constexpr auto W = OperandAccess::write;
-constexpr const char* kNoOutput = "OperationSpec - operation must declare at least one output";
-constexpr const char* kOutputOrder = "OperationSpec - output roles must be contiguous and ordered";
-INSTANTIATE_TEST_SUITE_P(
-    Rules, SpecSignatures,
-    ::testing::Values(SignatureCase{{{0, R, {}}, {output_role(0), W, {}}}, ""}, SignatureCase{{}, kNoOutput},
-                      SignatureCase{{{0, R, {}}}, kNoOutput},
-                      SignatureCase{{{1, R, {}}, {output_role(0), W, {}}},
-                                    "OperationSpec - input roles must be contiguous and ordered"},
-                      SignatureCase{{{0, W, {}}, {output_role(0), W, {}}},
-                                    "OperationSpec - input roles must use read access"},
-                      SignatureCase{{{output_role(0), R, {}}},
-                                    "OperationSpec - output roles must use write or read-write access"},
-                      SignatureCase{{{output_role(0), W, {}}, {0, R, {}}}, kOutputOrder},
-                      SignatureCase{{{0, R, {}}, {output_role(1), W, {}}}, kOutputOrder}));
 
 TEST(OperationSpec, ValidateChecksRolesKindsThenShapes) {
     int shape_calls = 0;

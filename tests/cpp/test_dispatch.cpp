@@ -15,20 +15,14 @@
 
 using namespace quillmark;
 using quillmark::testing::message_of;
+using quillmark::testing::reasoned_message_of;
 
 namespace {
 
 using Key = BackendOperandKey;
 using enum ScalarType;
 
-template <class F> std::optional<DispatchError> dispatch_error_of(F&& f) {
-    try {
-        f();
-    } catch (const DispatchError& e) {
-        return e;
-    }
-    return std::nullopt;
-}
+template <class F> std::string dispatch_failure(F&& f) { return reasoned_message_of<DispatchError>(f); }
 
 ScalarType compute_of(ScalarType s) { return s == complex32 ? complex64 : (s == bfloat16 || s == float16 ? float32 : s); }
 ComplexLayout complex_of(ScalarType s) {
@@ -50,11 +44,13 @@ OperandDescriptor vector_descriptor(ScalarType s) {
     return d;
 }
 
-// A catalogue with a unary vector operation (handle 1) and a unary matrix operation (handle 2).
+// A catalogue with a unary vector operation (handle 1), a unary matrix operation (handle 2) and a
+// vector operation with a write and a read_write output (handle 3).
 struct Catalogue {
     OperationRegistry registry;
     OperationId unary{"test.unary", 1};
     OperationId matrix{"test.matrix", 1};
+    OperationId two_outputs{"test.two_outputs", 1};
     Catalogue() {
         auto roles = [](OperandKind k) {
             return std::vector<RoleDeclaration>{{input_role(0), OperandAccess::read, k},
@@ -62,6 +58,9 @@ struct Catalogue {
         };
         registry.register_operation(OperationSpec(unary, roles(OperandKind::vector)), RegistrationProvenance());
         registry.register_operation(OperationSpec(matrix, roles(OperandKind::matrix)), RegistrationProvenance());
+        auto two = roles(OperandKind::vector);
+        two.push_back({output_role(1), OperandAccess::read_write, OperandKind::vector});
+        registry.register_operation(OperationSpec(two_outputs, two), RegistrationProvenance());
         registry.seal();
     }
 };
@@ -80,6 +79,12 @@ BackendAdaptationRegistry permissive_adapters() {
     r.add_input_adapter(a);
     r.add_output_adapter(a);
     return r;
+}
+
+void run_once(BackendProcess p) {
+    BackendExecutionSession session;
+    BackendExecutionBindings bindings;
+    p.execute(session, bindings, true);
 }
 
 } // namespace
@@ -113,12 +118,6 @@ TEST(OperandKey, EqualityAndHashAgree) {
     }
 }
 
-TEST(RegistryKey, ConstructionRules) {
-    EXPECT_EQ(message_of<std::invalid_argument>(
-                  [] { BackendRegistryKey(BackendKind::cpu_scalar, {"a.b", 1}, {vec(float32)}, {}); }),
-              "BackendRegistryKey - at least one output is required");
-}
-
 namespace {
 // A sealed-on-demand registry over the test catalogue, with same-kind adapters unless replaced.
 struct Fixture {
@@ -141,7 +140,9 @@ struct Fixture {
 
 TEST(BackendRegistry, LifecycleErrorsLeaveItUnchanged) {
     Fixture f;
-    const BackendRegistryKey key(BackendKind::cpu_scalar, f.cat.unary, {vec(float32)}, {vec(float32)});
+    EXPECT_EQ(message_of<std::invalid_argument>(
+                  [] { BackendRegistryKey(BackendKind::cpu_scalar, {"a.b", 1}, {vec(float32)}, {}); }),
+              "BackendRegistryKey - at least one output is required");
     EXPECT_EQ(message_of<std::logic_error>([&] { f.r.find(1, BackendKind::cpu_scalar, {}, {}, f.adapters); }),
               "BackendRegistry::find - numeric catalogue is not sealed");
     f.add(BackendKind::cpu_scalar, vec(float32), vec(float32));
@@ -176,22 +177,20 @@ TEST(BackendRegistry, CopyRebuildsIndexOverTheCopies) {
 // ---- Costs and choice ----
 
 TEST(BackendRegistry, CostCountsHostAndDeviceAdaptations) {
-    struct Case {
-        Location requested, registered;
-        std::uint64_t cost;
-    };
-    for (const Case& c : {Case{Location::pageable_host, Location::pageable_host, 0},
-                          Case{Location::pinned_host, Location::pageable_host, 1},
-                          Case{Location::pageable_host, Location::pinned_host, 1},
-                          Case{Location::cuda_device, Location::pageable_host, 2},
-                          Case{Location::pageable_host, Location::cuda_device, 2}}) {
+    using L = Location;
+    const std::tuple<L, L, std::uint64_t> cases[] = {{L::pageable_host, L::pageable_host, 0},
+                                                     {L::pinned_host, L::pageable_host, 1},
+                                                     {L::pageable_host, L::pinned_host, 1},
+                                                     {L::cuda_device, L::pageable_host, 2},
+                                                     {L::pageable_host, L::cuda_device, 2}};
+    for (const auto& [requested, registered, cost] : cases) {
         Fixture f;
-        f.add(BackendKind::cpu_scalar, vec(float32, {}, c.registered), vec(float32));
+        f.add(BackendKind::cpu_scalar, vec(float32, {}, registered), vec(float32));
         f.r.seal(f.cat.registry);
-        const std::vector<Key> in{vec(float32, {}, c.requested)}, out{vec(float32)};
+        const std::vector<Key> in{vec(float32, {}, requested)}, out{vec(float32)};
         auto m = f.r.find(1, BackendKind::cpu_scalar, in, out, f.adapters);
         ASSERT_TRUE(m);
-        EXPECT_EQ(m->cost, c.cost);
+        EXPECT_EQ(m->cost, cost);
         EXPECT_FALSE(f.r.find(1, BackendKind::cpu_scalar, in, std::vector<Key>{}, f.adapters)); // arity
     }
 }
@@ -207,21 +206,15 @@ TEST(BackendRegistry, EqualCostTieFailsInsideFindEvenWithAnExactOtherKind) {
     const std::vector<Key> keys{requested};
     const std::string out = "outputs=[kind=1,location=0,storage=7,compute=7,complex=2,format=1,layout=-]";
     const std::string expected =
-        "BackendRegistry::find - ambiguous equal-cost registrations for numeric operation handle 1: "
-        "backend=0,inputs=[kind=1,location=0,storage=7,compute=7,complex=1,format=1,layout=-]," + out +
-        " | backend=0,inputs=[kind=1,location=1,storage=7,compute=7,complex=2,format=1,layout=-]," + out;
-
-    auto e = dispatch_error_of([&] { f.r.find(1, BackendKind::cpu_scalar, keys, keys, f.adapters); });
-    ASSERT_TRUE(e);
-    EXPECT_EQ(std::string(e->what()), expected);
-    EXPECT_EQ(e->reason(), ErrorReason::registry_contract_mismatch);
+        "registry_contract_mismatch: BackendRegistry::find - ambiguous equal-cost registrations for numeric "
+        "operation handle 1: backend=0,inputs=[kind=1,location=0,storage=7,compute=7,complex=1,format=1,layout=-]," +
+        out + " | backend=0,inputs=[kind=1,location=1,storage=7,compute=7,complex=2,format=1,layout=-]," + out;
+    EXPECT_EQ(dispatch_failure([&] { f.r.find(1, BackendKind::cpu_scalar, keys, keys, f.adapters); }), expected);
     EXPECT_EQ(f.r.find(1, BackendKind::cpu_simd, keys, keys, f.adapters)->cost, 0u);
 
     const OperandDescriptor d = vector_descriptor(complex64);
     BackendDispatcher dispatcher(f.r, f.adapters);
-    e = dispatch_error_of([&] { dispatcher.dispatch(1, std::vector{d}, std::vector{d}); });
-    ASSERT_TRUE(e);
-    EXPECT_EQ(std::string(e->what()), expected);
+    EXPECT_EQ(dispatch_failure([&] { dispatcher.dispatch(1, std::vector{d}, std::vector{d}); }), expected);
 }
 
 TEST(BackendDispatcher, PortableBackendWinsTiesAndSimdOnlyWhenStrictlyCheaper) {
@@ -248,18 +241,11 @@ TEST(BackendDispatcher, PortableBackendWinsTiesAndSimdOnlyWhenStrictlyCheaper) {
 
         const OperandDescriptor d = vector_descriptor(float32);
         BackendDispatcher dispatcher(f.r, f.adapters);
-        if (!c.chosen) {
-            auto e = dispatch_error_of([&] { dispatcher.dispatch(1, std::vector{d}, std::vector{d}); });
-            ASSERT_TRUE(e);
-            EXPECT_EQ(std::string(e->what()), "BackendDispatcher::dispatch - no backend entry available");
-            EXPECT_EQ(e->reason(), ErrorReason::no_backend_available);
-            continue;
-        }
-        BackendProcess p = dispatcher.dispatch(1, std::vector{d}, std::vector{d});
-        BackendExecutionSession session;
-        BackendExecutionBindings bindings;
-        p.execute(session, bindings, true);
-        EXPECT_EQ(f.log, std::vector<std::string>{std::string(backend_kind_name(*c.chosen))});
+        const std::string failure = dispatch_failure([&] { run_once(dispatcher.dispatch(1, {&d, 1}, {&d, 1})); });
+        if (!c.chosen)
+            EXPECT_EQ(failure, "no_backend_available: BackendDispatcher::dispatch - no backend entry available");
+        else
+            EXPECT_EQ(f.log, std::vector<std::string>{std::string(backend_kind_name(*c.chosen))});
     }
 }
 
@@ -271,12 +257,11 @@ TEST(BackendDispatcher, RequiresSealedRegistryAndSupportedAdaptation) {
     f.r.seal(f.cat.registry);
     BackendDispatcher dispatcher(f.r, none);
     BackendProcess p;
-    auto e = dispatch_error_of([&] {
-        dispatcher.adapt_output(p, 0, std::vector<OperandDescriptor>(1), std::vector{vec(float32)},
-                                std::vector{vec(float64)});
-    });
-    ASSERT_TRUE(e);
-    EXPECT_EQ(std::string(e->what()), "BackendDispatcher::adapt_output - unsupported operand adaptation");
+    EXPECT_EQ(dispatch_failure([&] {
+                  dispatcher.adapt_output(p, 0, std::vector<OperandDescriptor>(1), std::vector{vec(float32)},
+                                          std::vector{vec(float64)});
+              }),
+              "unsupported_adaptation: BackendDispatcher::adapt_output - unsupported operand adaptation");
     EXPECT_TRUE(p.empty());
 }
 
@@ -297,18 +282,13 @@ TEST(BackendDispatcher, RemembersAChoiceOnlyWhileTheAdaptersAreUnchanged) {
     adapters.add_input_adapter(bridging([](const Key& a, const Key& b) { return a.storage != b.storage; }));
     BackendDispatcher dispatcher(f.r, adapters);
     const std::vector<OperandDescriptor> d{vector_descriptor(float32)};
-    const auto run = [&](BackendProcess p) {
-        BackendExecutionSession session;
-        BackendExecutionBindings bindings;
-        p.execute(session, bindings, true);
-    };
-    for (int i = 0; i < 2; ++i) run(dispatcher.dispatch(1, d, d));
+    for (int i = 0; i < 2; ++i) run_once(dispatcher.dispatch(1, d, d));
     EXPECT_EQ(f.log, (std::vector<std::string>{"simd", "simd"}));
     EXPECT_EQ(dispatcher.direct_kernel(1, d, d), nullptr); // an adaptation is needed
 
     // Now both cost one adaptation, and the tie goes to cpu_scalar.
     adapters.add_input_adapter(bridging([](const Key& a, const Key& b) { return a.location != b.location; }));
-    run(dispatcher.dispatch(1, d, d));
+    run_once(dispatcher.dispatch(1, d, d));
     EXPECT_EQ(f.log.back(), "scalar");
 
     // An exact request runs its kernel without a process.
@@ -326,35 +306,23 @@ TEST(BackendDispatcher, RemembersAChoiceOnlyWhileTheAdaptersAreUnchanged) {
 TEST(BackendDispatcher, WriteOnlyOutputsTakeTheWriteOnlyBuilder) {
     // One write output and one read_write output, both needing an adaptation: only the first may
     // skip carrying the caller's contents in.
-    OperationRegistry catalogue;
-    const OperationId op{"test.two_outputs", 1};
-    catalogue.register_operation(
-        OperationSpec(op, {{input_role(0), OperandAccess::read, OperandKind::vector},
-                           {output_role(0), OperandAccess::write, OperandKind::vector},
-                           {output_role(1), OperandAccess::read_write, OperandKind::vector}}),
-        RegistrationProvenance());
-    catalogue.seal();
-    std::vector<std::string> log;
-    BackendRegistry registry;
-    registry.register_backend({BackendKind::cpu_scalar, op, {vec(float32)}, {vec(float64), vec(float64)}},
-                              marker(&log, "kernel"), RegistrationProvenance());
-    registry.seal(catalogue);
-    EXPECT_EQ(registry.write_only_outputs(catalogue.lookup(op).handle()), 1u);
-
-    const auto logging = [&log](std::string word) {
-        return [&log, word](std::size_t position, const OperandDescriptor&, const Key&, const Key&) {
-            log.push_back(word + std::to_string(position));
+    Fixture f;
+    f.r.register_backend({BackendKind::cpu_scalar, f.cat.two_outputs, {vec(float32)}, {vec(float64), vec(float64)}},
+                         marker(&f.log, "kernel"), RegistrationProvenance());
+    f.r.seal(f.cat.registry);
+    EXPECT_EQ(f.r.write_only_outputs(3), 1u);
+    const auto logging = [&f](std::string word) {
+        return [&f, word](std::size_t position, const OperandDescriptor&, const Key&, const Key&) {
+            f.log.push_back(word + std::to_string(position));
             return AdaptationSteps{};
         };
     };
     BackendAdaptationRegistry adapters;
     adapters.add_output_adapter({[](const Key& a, const Key& b) { return a.kind == b.kind; }, logging("build"),
                                  logging("write_only")});
-    BackendDispatcher dispatcher(registry, adapters);
-    const std::vector<OperandDescriptor> in{vector_descriptor(float32)};
-    const std::vector<OperandDescriptor> out{vector_descriptor(float32), vector_descriptor(float32)};
-    dispatcher.dispatch(catalogue.lookup(op).handle(), in, out);
-    EXPECT_EQ(log, (std::vector<std::string>{"write_only1", "build2"}));
+    const std::vector<OperandDescriptor> in{vector_descriptor(float32)}, out(2, vector_descriptor(float32));
+    BackendDispatcher(f.r, adapters).dispatch(3, in, out);
+    EXPECT_EQ(f.log, (std::vector<std::string>{"write_only1", "build2"}));
 }
 
 // ---- Result policy ----
@@ -388,20 +356,15 @@ TEST(ResultPolicy, AgreementAmbiguityAndExplicitDtype) {
     DenseResultRequest req{OperandKind::vector, Location::pageable_host, std::nullopt, std::nullopt};
 
     EXPECT_EQ(f.infer(1, vec(float32), req, {BackendKind::cpu_scalar}), DataTypeDescriptor(float32, float32));
-    auto e = dispatch_error_of([&] { f.infer(1, vec(float32), req); });
-    ASSERT_TRUE(e);
-    EXPECT_EQ(std::string(e->what()),
-              "ambiguous result policy: supply an output dtype or use Context.execute with explicit operand policies");
-    EXPECT_EQ(e->reason(), ErrorReason::registry_contract_mismatch);
-
+    EXPECT_EQ(dispatch_failure([&] { f.infer(1, vec(float32), req); }),
+              "registry_contract_mismatch: ambiguous result policy: supply an output dtype or use Context.execute "
+              "with explicit operand policies");
     req.output_dtype = float64;
     EXPECT_EQ(f.infer(1, vec(float32), req), DataTypeDescriptor(float64, float64));
     req.output_dtype = complex64;
-    e = dispatch_error_of([&] { f.infer(1, vec(float32), req); });
-    ASSERT_TRUE(e);
-    EXPECT_EQ(std::string(e->what()),
-              "unsupported result policy: no viable implementation for the input policies and output layout");
-    EXPECT_EQ(e->reason(), ErrorReason::no_backend_available);
+    EXPECT_EQ(dispatch_failure([&] { f.infer(1, vec(float32), req); }),
+              "no_backend_available: unsupported result policy: no viable implementation for the input policies "
+              "and output layout");
 }
 
 TEST(ResultPolicy, ComplexColumnMajorIsValidRealColumnMajorNeverViable) {
@@ -422,59 +385,37 @@ TEST(ResultPolicy, ComplexColumnMajorIsValidRealColumnMajorNeverViable) {
         f.add(BackendKind::cpu_scalar, k, k, "x", &f.cat.matrix);
         f.r.seal(f.cat.registry);
         const DenseResultRequest req{OperandKind::matrix, Location::pageable_host, c.requested, std::nullopt};
-        if (c.viable) {
+        if (c.viable)
             EXPECT_EQ(f.infer(2, k, req), DataTypeDescriptor(c.dtype, compute_of(c.dtype))) << k.to_string();
-        } else {
-            auto e = dispatch_error_of([&] { f.infer(2, k, req); });
-            ASSERT_TRUE(e) << k.to_string();
-            EXPECT_EQ(e->reason(), ErrorReason::no_backend_available);
-        }
+        else
+            EXPECT_EQ(dispatch_failure([&] { f.infer(2, k, req); }).substr(0, 21), "no_backend_available:");
     }
 }
 
 // ---- GPU placement ----
 
-struct PlacementCase {
-    const char* name;
-    std::vector<GpuPlacementRecord> records;
-    GpuPlacementPolicy policy;
-    std::optional<std::int32_t> chosen;
-    const char* error; // nullptr when valid
-};
-class GpuPlacement : public ::testing::TestWithParam<PlacementCase> {};
-TEST_P(GpuPlacement, ChoosesAndChecks) {
-    const auto& c = GetParam();
-    if (c.error) {
-        EXPECT_EQ(message_of<std::invalid_argument>([&] { validate_gpu_placement(c.records, c.policy); }), c.error);
-    } else {
-        EXPECT_EQ(validate_gpu_placement(c.records, c.policy), c.chosen);
-    }
+TEST(GpuPlacement, ChoosesAndChecks) {
+    const OperandRole I0 = 0, I1 = 1, O0 = kOutputRoleBit;
+    using S = GpuSchedulingPolicy;
+    constexpr auto allow = GpuCrossDevicePolicy::allow, reject = GpuCrossDevicePolicy::reject;
+    const auto check = [](std::vector<GpuPlacementRecord> records, S scheduling, GpuCrossDevicePolicy cross,
+                          std::optional<std::int32_t> preferred, std::optional<std::int32_t> expected,
+                          const std::string& error, std::string component = "") {
+        const GpuPlacementPolicy policy{scheduling, preferred, cross, std::move(component)};
+        if (error.empty())
+            EXPECT_EQ(validate_gpu_placement(records, policy), expected);
+        else
+            EXPECT_EQ(message_of<std::invalid_argument>([&] { validate_gpu_placement(records, policy); }), error);
+    };
+    check({{I0, 0, false}, {O0, 1, true}}, S::output_first, allow, {}, 1, "");
+    check({{I0, 0, false}, {O0, 1, true}}, S::output_first, reject, {}, {},
+          "GPU placement validation - GPU operand Input0 is on device 0 but selected execution device is 1");
+    check({{I0, {}, false}, {I1, 3, false}, {O0, 1, true}}, S::input_first, allow, {}, 3, "");
+    check({{I0, 2, true}, {I1, 0, false}}, S::output_first, allow, {}, 2, ""); // a written input is an output
+    check({{I0, {}, false}}, S::PreferredDevice, reject, 0, 0, "");
+    check({}, S::PreferredDevice, reject, {}, {}, "Exec - PreferredDevice GPU scheduling requires a preferred CUDA device",
+          "Exec");
+    check({}, S::PreferredDevice, reject, -2, {}, "GPU placement validation - preferred CUDA device must be non-negative");
+    check({{O0, -1, true}}, S::PreferredDevice, reject, -2, {},
+          "GPU placement validation - GPU operand Output0 has invalid CUDA device placement -1");
 }
-namespace {
-const OperandRole I0 = 0, I1 = 1, O0 = kOutputRoleBit;
-GpuPlacementPolicy pol(GpuSchedulingPolicy s, GpuCrossDevicePolicy x = GpuCrossDevicePolicy::reject,
-                       std::optional<std::int32_t> preferred = std::nullopt, std::string component = "") {
-    return {s, preferred, x, std::move(component)};
-}
-} // namespace
-INSTANTIATE_TEST_SUITE_P(
-    Cases, GpuPlacement,
-    ::testing::Values(
-        PlacementCase{"output_first_allow", {{I0, 0, false}, {O0, 1, true}},
-                      pol(GpuSchedulingPolicy::output_first, GpuCrossDevicePolicy::allow), 1, nullptr},
-        PlacementCase{"output_first_reject", {{I0, 0, false}, {O0, 1, true}}, pol(GpuSchedulingPolicy::output_first),
-                      std::nullopt, "GPU placement validation - GPU operand Input0 is on device 0 but selected execution device is 1"},
-        PlacementCase{"input_first", {{I0, std::nullopt, false}, {I1, 3, false}, {O0, 1, true}},
-                      pol(GpuSchedulingPolicy::input_first, GpuCrossDevicePolicy::allow), 3, nullptr},
-        PlacementCase{"written_input_is_output_side", {{I0, 2, true}, {I1, 0, false}},
-                      pol(GpuSchedulingPolicy::output_first, GpuCrossDevicePolicy::allow), 2, nullptr},
-        PlacementCase{"preferred_without_operands", {{I0, std::nullopt, false}},
-                      pol(GpuSchedulingPolicy::PreferredDevice, GpuCrossDevicePolicy::reject, 0), 0, nullptr},
-        PlacementCase{"preferred_missing", {}, pol(GpuSchedulingPolicy::PreferredDevice, GpuCrossDevicePolicy::reject, {}, "Exec"),
-                      std::nullopt, "Exec - PreferredDevice GPU scheduling requires a preferred CUDA device"},
-        PlacementCase{"preferred_negative", {}, pol(GpuSchedulingPolicy::PreferredDevice, GpuCrossDevicePolicy::reject, -2),
-                      std::nullopt, "GPU placement validation - preferred CUDA device must be non-negative"},
-        PlacementCase{"negative_device_first", {{O0, -1, true}},
-                      pol(GpuSchedulingPolicy::PreferredDevice, GpuCrossDevicePolicy::reject, -2), std::nullopt,
-                      "GPU placement validation - GPU operand Output0 has invalid CUDA device placement -1"}),
-    [](const auto& info) { return std::string(info.param.name); });

@@ -68,19 +68,6 @@ std::unique_ptr<OperandEntity> dense(ScalarType s, ScalarType c, std::array<std:
     return make_dense_host_storage(DataTypeDescriptor(s, c), kind, extent, cl, ml, std::nullopt);
 }
 
-// A sealed catalogue with one vector operation taking `inputs` inputs and one output.
-struct VectorCatalogue {
-    OperationRegistry registry;
-    OperationId op{"test.op", 1};
-    explicit VectorCatalogue(int inputs) {
-        std::vector<RoleDeclaration> roles;
-        for (int i = 0; i < inputs; ++i) roles.push_back({input_role(i), OperandAccess::read, OperandKind::vector});
-        roles.push_back({output_role(0), OperandAccess::write, OperandKind::vector});
-        registry.register_operation(OperationSpec(op, roles), RegistrationProvenance());
-        registry.seal();
-    }
-};
-
 } // namespace
 
 // ---- Process execution ----
@@ -131,31 +118,20 @@ TEST(BackendProcess, NestedExecutionInOneSessionIsRefused) {
     EXPECT_NO_THROW(run(inner, session));
 }
 
-struct PlanCase {
-    const char* name;
-    BackendKind target;
-    std::optional<std::int32_t> device;
-    std::uint32_t options;
-    const char* error;
-};
-class ExecutionPlanRules : public ::testing::TestWithParam<PlanCase> {};
-TEST_P(ExecutionPlanRules, ValidatesInOrder) {
-    const auto& c = GetParam();
-    BackendProcess p;
-    EXPECT_EQ(message_of<std::invalid_argument>([&] { p.set_execution_plan({c.target, c.device, c.options, {}}); }),
-              c.error ? c.error : "");
-    EXPECT_EQ(p.plan().has_value(), c.error == nullptr);
+TEST(BackendProcess, ExecutionPlanRulesInOrder) {
+    const char* device = "BackendProcess::set_execution_plan - CUDA device id must be non-negative";
+    const char* cpu = "BackendProcess::set_execution_plan - CPU plan cannot specify CUDA execution options";
+    const std::tuple<BackendKind, std::optional<std::int32_t>, std::uint32_t, const char*> cases[] = {
+        {BackendKind::cpu_scalar, 0, 0, cpu},      {BackendKind::cpu_simd, std::nullopt, 1, cpu},
+        {BackendKind::cuda, -1, 0, device},        {BackendKind::cpu_scalar, -1, 4, device}, // device first
+        {BackendKind::cuda, 0, 5, ""}};
+    for (const auto& [target, device_id, options, error] : cases) {
+        BackendProcess p;
+        EXPECT_EQ(message_of<std::invalid_argument>([&] { p.set_execution_plan({target, device_id, options, {}}); }),
+                  error);
+        EXPECT_EQ(p.plan().has_value(), *error == 0);
+    }
 }
-constexpr const char* kDeviceMsg = "BackendProcess::set_execution_plan - CUDA device id must be non-negative";
-constexpr const char* kCpuMsg = "BackendProcess::set_execution_plan - CPU plan cannot specify CUDA execution options";
-INSTANTIATE_TEST_SUITE_P(
-    Plans, ExecutionPlanRules,
-    ::testing::Values(PlanCase{"cpu_with_device", BackendKind::cpu_scalar, 0, 0, kCpuMsg},
-                      PlanCase{"cpu_with_options", BackendKind::cpu_simd, std::nullopt, 1, kCpuMsg},
-                      PlanCase{"cuda_negative", BackendKind::cuda, -1, 0, kDeviceMsg},
-                      PlanCase{"cpu_negative_device_first", BackendKind::cpu_scalar, -1, 4, kDeviceMsg},
-                      PlanCase{"cuda_full", BackendKind::cuda, 0, 5, nullptr}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 TEST(BackendProcess, UnusableProcessLeaksItsStepsAndRefusesEverything) {
     BackendProcess p;
@@ -184,7 +160,13 @@ TEST(BackendProcess, UnusableProcessLeaksItsStepsAndRefusesEverything) {
 // ---- Adaptation ----
 
 TEST(BackendDispatcher, InputStepsKeepBuildOrderAndRestoresFollowTheKernel) {
-    VectorCatalogue catalogue(2);
+    OperationRegistry catalogue;
+    const OperationId op{"test.op", 1};
+    catalogue.register_operation(OperationSpec(op, {{input_role(0), OperandAccess::read, OperandKind::vector},
+                                                    {input_role(1), OperandAccess::read, OperandKind::vector},
+                                                    {output_role(0), OperandAccess::write, OperandKind::vector}}),
+                                 RegistrationProvenance());
+    catalogue.seal();
     Log log;
     BackendAdaptationRegistry adapters;
     auto builder = [&log](bool output) {
@@ -202,14 +184,14 @@ TEST(BackendDispatcher, InputStepsKeepBuildOrderAndRestoresFollowTheKernel) {
 
     const Key registered = Key::make(OperandKind::vector, Location::pageable_host, complex64, complex64, SP);
     BackendRegistry registry;
-    registry.register_backend({BackendKind::cpu_simd, catalogue.op, {registered, registered}, {registered}},
+    registry.register_backend({BackendKind::cpu_simd, op, {registered, registered}, {registered}},
                               [&log] {
                                   BackendProcess p;
                                   p.push_back(step(&log, "kernel"));
                                   return p;
                               },
                               RegistrationProvenance());
-    registry.seal(catalogue.registry);
+    registry.seal(catalogue);
     BackendDispatcher dispatcher(registry, adapters);
     auto v = dense(complex64, complex64, {2, 0}, IL);
     const OperandDescriptor d = describe_operand(*v, input_role(0));
@@ -219,16 +201,6 @@ TEST(BackendDispatcher, InputStepsKeepBuildOrderAndRestoresFollowTheKernel) {
     EXPECT_EQ(log, (Log{"prepare2", "prepare0", "prepare1", "kernel", "restore2"}));
 }
 
-struct PredicateCase {
-    const char* name;
-    Key requested;
-    Key registered;
-    bool adaptable;
-};
-class CpuLayoutPredicate : public ::testing::TestWithParam<PredicateCase> {};
-TEST_P(CpuLayoutPredicate, Bridges) {
-    EXPECT_EQ(cpu_layout_can_adapt(GetParam().requested, GetParam().registered), GetParam().adaptable);
-}
 namespace {
 Key cvec(ScalarType s, ScalarType c, ComplexLayout l, Location loc = Location::pageable_host) {
     return Key::make(OperandKind::vector, loc, s, c, l);
@@ -237,57 +209,18 @@ Key cmat(ScalarType s, ComplexLayout l, MatrixLayout m, ScalarType c = complex64
     return Key::make(OperandKind::matrix, Location::pageable_host, s, c, l, m);
 }
 } // namespace
-INSTANTIATE_TEST_SUITE_P(
-    Cases, CpuLayoutPredicate,
-    ::testing::Values(
-        PredicateCase{"vector_to_split", cvec(complex64, complex64, IL), cvec(complex64, complex64, SP), true},
-        PredicateCase{"pinned_never", cvec(complex64, complex64, IL, Location::pinned_host),
-                      cvec(complex64, complex64, SP, Location::pinned_host), false},
-        PredicateCase{"complex32_native_compute", cvec(complex32, complex32, IL), cvec(complex32, complex32, SP),
-                      false},
-        PredicateCase{"complex32_widened_compute", cvec(complex32, complex64, IL), cvec(complex32, complex64, SP),
-                      true},
-        PredicateCase{"matrix_column_to_row", cmat(complex64, IL, CM), cmat(complex64, IL, RM), true},
-        PredicateCase{"real_column_never", cmat(float64, ComplexLayout::none, CM, float64),
-                      cmat(float64, ComplexLayout::none, RM, float64), false}),
-    [](const auto& info) { return std::string(info.param.name); });
 
-TEST(CpuLayoutAdaptation, AdaptedOutputIsWrittenBackAfterTheKernel) {
-    VectorCatalogue catalogue(1);
-    BackendAdaptationRegistry adapters;
-    install_cpu_layout_adapters(adapters); // the default storage hooks
-    const Key split = cvec(complex64, complex64, SP);
-    auto kernel = [](CpuExecutionContext&, BackendExecutionBindings& b) {
-        const auto in = split_vector_view<float>(b.operand(0));
-        const auto out = split_vector_view<float>(*b.mutable_operand(1));
-        for (std::uint64_t i = 0; i < in.size; ++i) {
-            out.re[i] = 2 * in.re[i];
-            out.im[i] = 2 * in.im[i];
-        }
-    };
-    BackendRegistry registry;
-    registry.register_backend({BackendKind::cpu_scalar, catalogue.op, {split}, {split}},
-                              cpu_kernel_materialiser(BackendKind::cpu_scalar, kernel), RegistrationProvenance());
-    registry.seal(catalogue.registry);
-    BackendDispatcher dispatcher(registry, adapters);
-
-    constexpr std::size_t n = 7; // one unrolled block and a tail
-    std::vector<cf> in_data(n), out_data(n);
-    for (std::size_t i = 0; i < n; ++i) in_data[i] = {float(i + 1), -float(i) / 2};
-    BorrowedDenseHostComplexInterleavedVector<PolicyC64> in(in_data.data(), n), out(out_data.data(), n);
-    BackendProcess p = dispatcher.dispatch(1, std::vector{describe_operand(in, input_role(0))},
-                                           std::vector{describe_operand(out, output_role(0))});
-    ASSERT_EQ(p.step_count(), 4u);
-    EXPECT_NE(dynamic_cast<const RestoreAdaptedStep*>(&p.step(3)), nullptr);
-    BackendExecutionSession session;
-    run(p, session, false, [&](BackendExecutionBindings& b) {
-        b.bind_read(in);
-        b.bind_write(out);
-    });
-    for (std::size_t i = 0; i < n; ++i) {
-        EXPECT_EQ(out_data[i], 2.0f * in_data[i]) << i;
-        EXPECT_EQ(in_data[i], cf(float(i + 1), -float(i) / 2)) << i;
-    }
+TEST(CpuLayoutAdaptation, PredicateBridgesHostComplexLayoutsOnly) {
+    constexpr auto pinned = Location::pinned_host;
+    const std::tuple<Key, Key, bool> cases[] = {
+        {cvec(complex64, complex64, IL), cvec(complex64, complex64, SP), true},
+        {cvec(complex64, complex64, IL, pinned), cvec(complex64, complex64, SP, pinned), false},
+        {cvec(complex32, complex32, IL), cvec(complex32, complex32, SP), false}, // native half compute
+        {cvec(complex32, complex64, IL), cvec(complex32, complex64, SP), true},
+        {cmat(complex64, IL, CM), cmat(complex64, IL, RM), true},
+        {cmat(float64, ComplexLayout::none, CM, float64), cmat(float64, ComplexLayout::none, RM, float64), false}};
+    for (const auto& [requested, registered, adaptable] : cases)
+        EXPECT_EQ(cpu_layout_can_adapt(requested, registered), adaptable) << requested.to_string();
 }
 
 struct Dims {
@@ -407,13 +340,14 @@ struct TiledCase {
     std::uint64_t n;
     bool in_place; // the output is the first input itself
     std::uint64_t threads = 1;
+    bool tiled = true; // untiled: whole operands converted before the kernel, the output written back after
 };
 class TiledElementwise : public ::testing::TestWithParam<TiledCase> {};
-TEST_P(TiledElementwise, MatchesWholeOperandResultTileByTile) {
-    const auto [n, in_place, threads] = GetParam();
+TEST_P(TiledElementwise, MatchesWholeOperandResult) {
+    const auto [n, in_place, threads, tiled] = GetParam();
     auto runtime = std::make_shared<CpuRuntimeContext>(quillmark::testing::machine_options(threads + 1, threads));
-    TiledFixture f({OperandKind::vector, OperandKind::vector}, {TileAxis::rows, TileAxis::rows, TileAxis::rows},
-                   axpy_kernel);
+    TiledFixture f({OperandKind::vector, OperandKind::vector},
+                   tiled ? KernelTiling{TileAxis::rows, TileAxis::rows, TileAxis::rows} : KernelTiling{}, axpy_kernel);
     std::vector<cd> xs = ramp(n, 1.0), ys = ramp(n, 0.25), os(n, cd(std::nan(""), 0));
     const std::vector<cd> x0 = xs, y0 = ys;
     BorrowedDenseHostComplexInterleavedVector<PolicyC128> x(xs.data(), n), y(ys.data(), n), o(os.data(), n);
@@ -422,12 +356,16 @@ TEST_P(TiledElementwise, MatchesWholeOperandResultTileByTile) {
     const std::vector<cd>& result = in_place ? xs : os;
     for (std::uint64_t i = 0; i < n; ++i) ASSERT_EQ(result[i], x0[i] + 2.0 * y0[i]) << i;
     EXPECT_EQ(ys, y0);
-    EXPECT_EQ(std::uint64_t(f.calls), (n + kTile - 1) / kTile);
+    if (!in_place) {
+        EXPECT_EQ(xs, x0);
+    }
+    EXPECT_EQ(std::uint64_t(f.calls), tiled ? (n + kTile - 1) / kTile : 1);
 }
 INSTANTIATE_TEST_SUITE_P(Lengths, TiledElementwise,
                          ::testing::Values(TiledCase{1, false}, TiledCase{kTile, false}, TiledCase{kTile + 1, false},
                                            TiledCase{5 * kTile - 3, false}, TiledCase{5 * kTile - 3, true},
-                                           TiledCase{9 * kTile + 5, false, 3}, TiledCase{9 * kTile + 5, true, 3}));
+                                           TiledCase{9 * kTile + 5, false, 3}, TiledCase{9 * kTile + 5, true, 3},
+                                           TiledCase{7, false, 1, false}, TiledCase{3 * kTile, true, 1, false}));
 
 TEST(TiledAdaptation, PartlyOverlappingOutputRunsOnWholeCopies) {
     TiledFixture f({OperandKind::vector, OperandKind::vector}, {TileAxis::rows, TileAxis::rows, TileAxis::rows},
@@ -488,6 +426,20 @@ INSTANTIATE_TEST_SUITE_P(Shapes, TiledRows,
                          ::testing::Values(std::array<std::uint64_t, 2>{5000, 3}, std::array<std::uint64_t, 2>{3, 5000},
                                            std::array<std::uint64_t, 2>{7, 1}));
 
+namespace {
+template <class R> void check_plane_copies(std::string_view name) {
+    for (std::uint64_t n : {0u, 1u, 3u, 7u, 8u, 9u, 1001u}) {
+        std::vector<std::complex<R>> src(n), back(n);
+        for (std::uint64_t i = 0; i < n; ++i) src[i] = {R(i) + R(0.25), -R(i) * 3};
+        std::vector<R> re(n), im(n);
+        interleaved_to_split(src.data(), re.data(), im.data(), n);
+        for (std::uint64_t i = 0; i < n; ++i) ASSERT_EQ(std::complex<R>(re[i], im[i]), src[i]) << name << " " << n;
+        split_to_interleaved(re.data(), im.data(), back.data(), n);
+        EXPECT_EQ(back, src) << name << " " << n;
+    }
+}
+} // namespace
+
 // The backend's wider interleaved <-> split copies stand in for the portable loops bit for bit
 // (the portable set installs none, so its turn checks the loops themselves).
 TEST(CpuLayoutAdaptation, InstalledPlaneCopiesAreExact) {
@@ -495,26 +447,8 @@ TEST(CpuLayoutAdaptation, InstalledPlaneCopiesAreExact) {
     const auto f32 = cpu::available_vector_kernels<float>();
     for (std::size_t k = 0; k < f64.size(); ++k) {
         install_complex_plane_copies({f64[k].to_split, f64[k].to_interleaved, f32[k].to_split, f32[k].to_interleaved});
-        for (std::uint64_t n : {0u, 1u, 3u, 7u, 8u, 9u, 1001u}) {
-            std::vector<cd> src(n), back(n);
-            std::vector<cf> srcf(n), backf(n);
-            for (std::uint64_t i = 0; i < n; ++i) {
-                src[i] = {double(i) + 0.25, -double(i) * 3};
-                srcf[i] = {float(i) - 0.5f, float(i) * 2};
-            }
-            std::vector<double> re(n), im(n);
-            std::vector<float> ref(n), imf(n);
-            interleaved_to_split(src.data(), re.data(), im.data(), n);
-            interleaved_to_split(srcf.data(), ref.data(), imf.data(), n);
-            for (std::uint64_t i = 0; i < n; ++i) {
-                ASSERT_EQ(cd(re[i], im[i]), src[i]) << f64[k].name << " " << n << " " << i;
-                ASSERT_EQ(cf(ref[i], imf[i]), srcf[i]) << f32[k].name << " " << n << " " << i;
-            }
-            split_to_interleaved(re.data(), im.data(), back.data(), n);
-            split_to_interleaved(ref.data(), imf.data(), backf.data(), n);
-            EXPECT_EQ(back, src) << f64[k].name << " " << n;
-            EXPECT_EQ(backf, srcf) << f32[k].name << " " << n;
-        }
+        check_plane_copies<double>(f64[k].name);
+        check_plane_copies<float>(f32[k].name);
     }
     const auto& d = cpu::default_vector_kernels<double>();
     const auto& f = cpu::default_vector_kernels<float>();

@@ -7,7 +7,6 @@
 #include <chrono>
 #include <cstdint>
 #include <mutex>
-#include <numeric>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -144,34 +143,24 @@ TEST(ParallelFor, ChunksCoverTheRangeAndRunOffTheCaller) {
     EXPECT_EQ(offset.sorted(), (std::vector<Range>{{100, 101}, {101, 102}, {102, 103}}));
 }
 
-struct SerialCase {
-    const char* name;
-    std::uint64_t threads, begin, end, work, min_work;
-};
-
-class ParallelForSerial : public ::testing::TestWithParam<SerialCase> {};
-
-TEST_P(ParallelForSerial, RunsOnceOnTheCaller) {
-    const auto& c = GetParam();
-    auto options = machine_options(8, c.threads);
-    options.min_parallel_work = c.min_work;
-    auto context = make(options);
-    ChunkLog log;
-    context->parallel_for_chunks(c.begin, c.end, c.work, log.body());
-    if (c.end <= c.begin) {
-        EXPECT_TRUE(log.ranges.empty());
-        return;
+TEST(ParallelFor, EmptyOrSmallLoopsRunOnceOnTheCaller) {
+    struct Case {
+        std::uint64_t threads, begin, end, work, min_work;
+    };
+    for (const Case& c : {Case{4, 5, 5, 1000, 1}, Case{4, 9, 3, 1000, 1}, // empty, reversed
+                          Case{7, 0, 1000, 32767, 32768}, Case{1, 0, 1000, 1u << 30, 1}}) {
+        auto options = machine_options(8, c.threads);
+        options.min_parallel_work = c.min_work;
+        ChunkLog log;
+        make(options)->parallel_for_chunks(c.begin, c.end, c.work, log.body());
+        if (c.end <= c.begin) {
+            EXPECT_TRUE(log.ranges.empty());
+            continue;
+        }
+        ASSERT_EQ(log.ranges, (std::vector<Range>{{c.begin, c.end}})) << c.threads;
+        EXPECT_EQ(log.threads[0], std::this_thread::get_id());
     }
-    ASSERT_EQ(log.ranges, (std::vector<Range>{{c.begin, c.end}}));
-    EXPECT_EQ(log.threads[0], std::this_thread::get_id());
 }
-
-INSTANTIATE_TEST_SUITE_P(Runtime, ParallelForSerial,
-                         ::testing::Values(SerialCase{"EmptyRange", 4, 5, 5, 1000, 1},
-                                           SerialCase{"ReversedRange", 4, 9, 3, 1000, 1},
-                                           SerialCase{"WorkBelowMinimum", 7, 0, 1000, 32767, 32768},
-                                           SerialCase{"OneThread", 1, 0, 1000, 1u << 30, 1}),
-                         [](const auto& info) { return std::string(info.param.name); });
 
 TEST(ParallelFor, NestedLoopRunsSeriallyOnTheWorker) {
     auto context = make(machine_options(5, 4));
@@ -210,27 +199,6 @@ TEST(ParallelFor, OneExceptionAfterEveryChunkFinished) {
     EXPECT_EQ(caught, 1);
 }
 
-TEST(ParallelFor, ManyCallersShareOneContext) {
-    auto context = make(machine_options(5, 4));
-    constexpr int kCallers = 4, kLoops = 60;
-    constexpr std::uint64_t kN = 1000;
-    std::atomic<int> wrong{0};
-    std::vector<std::thread> callers;
-    for (int c = 0; c < kCallers; ++c)
-        callers.emplace_back([&, c] {
-            for (int loop = 0; loop < kLoops; ++loop) {
-                std::vector<std::uint64_t> data(kN, 0);
-                context->parallel_for_chunks(0, kN, kN, [&](std::uint64_t b, std::uint64_t e) {
-                    for (std::uint64_t i = b; i < e; ++i) data[i] = i + static_cast<std::uint64_t>(c);
-                });
-                const auto sum = std::accumulate(data.begin(), data.end(), std::uint64_t{0});
-                if (sum != kN * (kN - 1) / 2 + kN * static_cast<std::uint64_t>(c)) wrong.fetch_add(1);
-            }
-        });
-    for (auto& t : callers) t.join();
-    EXPECT_EQ(wrong.load(), 0);
-}
-
 // ---- worker pool ----
 
 TEST(CpuWorkerPool, StopDrainsQueueThenRefuses) {
@@ -254,14 +222,20 @@ TEST(CpuWorkerPool, StopDrainsQueueThenRefuses) {
 
 // ---- operand NUMA check ----
 
-TEST(OperandNuma, UsesContextAsIsOrDerives) {
+TEST(OperandNuma, UsesContextAsIsDerivesOrRefuses) {
     auto context = make(machine_options(8));
     EXPECT_EQ(runtime_for_operand_node(context, -1), context);
-
-    auto disabled_options = machine_options(8);
-    disabled_options.numa_policy = CpuPolicy::disabled;
-    auto disabled = make(disabled_options);
+    auto options = machine_options(8);
+    options.numa_policy = CpuPolicy::disabled;
+    auto disabled = make(options);
     EXPECT_EQ(runtime_for_operand_node(disabled, 5), disabled); // not even checked
+    // Non-strict with a requested node that is not the operand's: used as it is.
+    options = machine_options(4);
+    options.numa_nodes = {2};
+    auto elsewhere = make(options);
+    EXPECT_EQ(runtime_for_operand_node(elsewhere, 0), elsewhere);
+    EXPECT_EQ(message_of<std::invalid_argument>([&] { runtime_for_operand_node(elsewhere, 3); }),
+              "CpuProcessStep - requested operand NUMA node is unavailable: 3");
 
     // No requested nodes: a context pinned to the operand's node, one CPU again held back.
     auto derived = runtime_for_operand_node(context, 0);
@@ -270,21 +244,6 @@ TEST(OperandNuma, UsesContextAsIsOrDerives) {
     EXPECT_EQ(derived->requested_numa_nodes(), (std::vector<std::uint32_t>{0}));
     EXPECT_EQ(derived->thread_count(), 7u);
     EXPECT_EQ(derived->budget(), context->budget());
-}
-
-TEST(OperandNuma, NodeOutsideTheTopology) {
-    for (CpuPolicy policy : {CpuPolicy::auto_, CpuPolicy::strict}) {
-        auto options = machine_options(4);
-        options.numa_policy = policy;
-        auto context = make(options);
-        EXPECT_EQ(message_of<std::invalid_argument>([&] { runtime_for_operand_node(context, 3); }),
-                  "CpuProcessStep - requested operand NUMA node is unavailable: 3");
-    }
-    // Non-strict with a requested node that is not the operand's: used as it is.
-    auto options = machine_options(4);
-    options.numa_nodes = {2};
-    auto context = make(options);
-    EXPECT_EQ(runtime_for_operand_node(context, 0), context);
 }
 
 // ---- host allocation ----

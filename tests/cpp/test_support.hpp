@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "core/errors.hpp"
 #include "runtime/cpu_runtime_context.hpp"
 
 namespace quillmark::testing {
@@ -16,6 +17,16 @@ template <class E = std::exception, class F> std::string message_of(F&& f) {
         f();
     } catch (const E& e) {
         return e.what();
+    }
+    return "";
+}
+
+// "reason: message" of the E (an error with a reason) that f throws; empty when f returns normally.
+template <class E, class F> std::string reasoned_message_of(F&& f) {
+    try {
+        f();
+    } catch (const E& e) {
+        return std::string(reason_name(e.reason())) + ": " + e.what();
     }
     return "";
 }

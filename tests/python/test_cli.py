@@ -13,32 +13,30 @@ def run(*args, cwd=None):
                           text=True, timeout=300, cwd=cwd, env=env)
 
 
-def test_info():
-    result = run("info")
-    assert result.returncode == 0, result.stderr
-    for fragment in ("quillmark 0.1.1", "SIMD engine", "threads", "32 (", "cpu_scalar"):
-        assert fragment in result.stdout
-
-
-@pytest.mark.parametrize("name", ["eigh", "quillmark.solve@1"])
-def test_describe(name):
-    result = run("describe", name)
-    assert result.returncode == 0, result.stderr
-    for fragment in ("roles", "Input0", "notes", "implementations", "float64"):
-        assert fragment in result.stdout
-
-
-def test_describe_unknown_operation_fails_cleanly():
-    result = run("describe", "no_such_operation")
-    assert result.returncode == 2
-    assert "not registered" in result.stderr and "Traceback" not in result.stderr
-
-
-def test_check_passes_every_operation():
-    result = run("check", "--dtypes", "float64", "complex64")
+@pytest.mark.parametrize("args, fragments", [
+    (["info"], ["quillmark 0.1.1", "SIMD engine", "threads", "32 (", "cpu_scalar"]),
+    (["describe", "eigh"], ["roles", "Input0", "notes", "implementations", "float64"]),
+    (["describe", "quillmark.solve@1"], ["roles", "Input0", "notes", "implementations", "float64"]),
+    (["check", "--dtypes", "float64", "complex64"], ["64 passed, 0 failed"]),
+])
+def test_command(args, fragments):
+    result = run(*args)
     assert result.returncode == 0, result.stdout + result.stderr
-    assert "64 passed, 0 failed" in result.stdout
-    assert "FAIL" not in result.stdout
+    assert all(fragment in result.stdout for fragment in fragments), result.stdout
+
+
+@pytest.mark.parametrize("args, fragment", [
+    (["describe", "no_such_operation"], "not registered"),
+    (["bench", "--sizes", "-3"], "--sizes: must be at least 1"),
+    (["bench", "--threads", "-1"], "--threads: must be at least 0"),
+    (["bench", "--threads", "4096", "--sizes", "8"], "requested CPU thread count exceeds"),
+    (["bench", "--plot", "/no/such/dir/x.png"], "--plot: no such directory"),
+    (["check", "--dtypes", "int32"], "invalid choice: 'int32'"),
+])
+def test_bad_arguments_fail_cleanly(args, fragment):
+    result = run(*args)
+    assert result.returncode == 2
+    assert fragment in result.stderr and "Traceback" not in result.stderr, result.stderr
 
 
 def test_bench_tiny(tmp_path):

@@ -27,13 +27,6 @@ def test_huge_structured_operands_fail_cleanly(make, order):
         make(order)
 
 
-@pytest.mark.parametrize("left, right", [((2**33, 0), (2**33, 0)), ((0, 2**32), (0, 2**32))])
-def test_kron_output_shape_overflow_is_refused(ctx, left, right):
-    # Zero-width factors exist in NumPy at any height; the product's shape does not fit 64 bits.
-    with pytest.raises(ValueError, match="Kronecker product output shape overflow"):
-        run(ctx, "quillmark.kron@1", [np.zeros(left), np.zeros(right)], [np.zeros((0, 0))])
-
-
 def resident_bytes():
     with open("/proc/self/statm") as statm:
         return int(statm.read().split()[1]) * 4096
@@ -42,17 +35,12 @@ def resident_bytes():
 def mixed_round(ctx, rng, i):
     """Successful and failing executions, structured operands made and dropped."""
     a = rng.standard_normal((12, 12))
-    out = np.zeros((12, 12))
-    run(ctx, "quillmark.matmul@1", [a, a], [out])
+    out = run(ctx, "quillmark.matmul@1", [a, a], [np.zeros((12, 12))])
     x = rng.standard_normal(64).astype(np.complex64)
-    y = np.zeros(64, np.complex64)
-    run(ctx, "quillmark.add@1", [x, x], [y])
-    lu = quillmark.LUOperand(a + 12 * np.eye(12))
-    run(ctx, "quillmark.lu_factor@1", [], [lu])
-    rhs = rng.standard_normal(12)
-    run(ctx, "quillmark.solve@1", [lu], [rhs])
-    eig = quillmark.EigenOperand(6, "complex128")
-    run(ctx, "quillmark.eig@1", [a[:6, :6].astype(np.complex128)], [eig])
+    y = run(ctx, "quillmark.add@1", [x, x], [np.zeros(64, np.complex64)])
+    lu = run(ctx, "quillmark.lu_factor@1", [], [quillmark.LUOperand(a + 12 * np.eye(12))])
+    run(ctx, "quillmark.solve@1", [lu], [rng.standard_normal(12)])
+    run(ctx, "quillmark.eig@1", [a[:6, :6].astype(np.complex128)], [quillmark.EigenOperand(6, "complex128")])
     failing = [
         lambda: run(ctx, "quillmark.add@1", [x, x[:3]], [y]),  # ValueError from the shape rule
         lambda: run(ctx, "quillmark.lu_factor@1", [], [quillmark.LUOperand(np.zeros((8, 8)))]),  # NativeError

@@ -1,7 +1,9 @@
 """Native plugins compiled from C at test time and loaded in forked children, so that a loader
 crash fails one test instead of the run."""
 
+import functools
 import gc
+import itertools
 import multiprocessing
 import os
 import shutil
@@ -17,7 +19,7 @@ import pytest
 import quillmark
 from quillmark import _native
 
-from conftest import host
+from conftest import random_array, run
 
 ROOT = Path(__file__).resolve().parents[2]
 SOURCE = Path(__file__).parent / "plugins" / "probe_plugin.c"
@@ -39,15 +41,8 @@ def compile_plugin(source, output, *defines):
 @pytest.fixture(scope="module")
 def plugin(tmp_path_factory):
     """plugin(*defines) -> path of the probe plugin built with those -D switches."""
-    root = tmp_path_factory.mktemp("plugins")
-    built = {}
-
-    def build(*defines):
-        if defines not in built:
-            built[defines] = compile_plugin(SOURCE, root / f"probe_{len(built)}.so", *defines)
-        return built[defines]
-
-    return build
+    root, numbers = tmp_path_factory.mktemp("plugins"), itertools.count()
+    return functools.cache(lambda *defines: compile_plugin(SOURCE, root / f"probe_{next(numbers)}.so", *defines))
 
 
 def _child(send, fn, args):
@@ -76,13 +71,19 @@ def in_child(fn, *args):
     return outcome
 
 
+def passes_in_child(fn, *args):
+    """fn(*args), which asserts on its own results, in a forked child."""
+    outcome = in_child(fn, *args)
+    assert outcome == ("ok", None), outcome
+
+
 def snapshot(catalogue):
     """Everything describe says about every operation, for comparing builders."""
     return {op: catalogue.describe(op) for op in catalogue.operations()}
 
 
-def refusal_leaves_builder(path, preload=()):
-    """Load `path` after `preload` and report the failure, checking that the refused plugin left
+def refusal(path, preload):
+    """Loads `path` after `preload` and reports the failure, checking that the refused plugin left
     the builder exactly as a builder that never saw it."""
     builder, reference = _native.ContextBuilder(), _native.ContextBuilder()
     for other in preload:
@@ -98,14 +99,19 @@ def refusal_leaves_builder(path, preload=()):
     return failure
 
 
-def expect_refusal(outcome, kind, message, **attrs):
+def expect_refusal(path, kind, message, preload=(), **attrs):
+    """Loading `path` (in a child) fails with `kind`, `message` and the given attributes."""
+    outcome = in_child(refusal, path, preload)
     assert outcome[0] == "ok", outcome
     assert outcome[1] != "loaded", "the plugin was accepted"
     got_kind, got_message, got_attrs = outcome[1]
     assert (got_kind, got_message) == (kind, message)
-    for name, value in attrs.items():
-        assert got_attrs[name] == value
+    assert {name: got_attrs[name] for name in attrs} == attrs
 
+
+INIT_FAILED = "native plugin initialisation failed with plugin status "
+IGNORED = "native plugin ignored a failed host registration: "
+RESERVED = ('PLUGIN_ID="quillmark"', 'OP_NS="quillmark.probe"')
 
 REGISTRATION_FAULTS = {
     1: "native plugin supplied a null kernel registration",
@@ -143,171 +149,121 @@ REGISTRATION_FAULTS = {
 @pytest.mark.parametrize("fault", sorted(REGISTRATION_FAULTS))
 def test_refused_registration_that_the_plugin_ignores(plugin, fault):
     # Seven good kernels (declaring seven operations) come before the faulty one; none may remain.
-    outcome = in_child(refusal_leaves_builder, plugin(f"FAULT={fault}", "IGNORE_FAILURE"))
-    expect_refusal(outcome, "ValueError",
-                   "native plugin ignored a failed host registration: " + REGISTRATION_FAULTS[fault])
+    expect_refusal(plugin(f"FAULT={fault}", "IGNORE_FAILURE"), "ValueError", IGNORED + REGISTRATION_FAULTS[fault])
 
 
+# (defines, message) refused with ValueError; (defines, message, status name) with NativeError, whose
+# native status is the number in the message.
 LOAD_FAULTS = [
-    (("INIT_STATUS=3", 'INIT_MESSAGE="boom"'), "NativeError",
-     "native plugin initialisation failed with plugin status 3: boom",
-     {"status_name": "QUILLMARK_STATUS_RUNTIME_ERROR", "native_status": 3}),
-    (("INIT_STATUS=42",), "NativeError", "native plugin initialisation failed with plugin status 42",
-     {"status_name": "QUILLMARK_STATUS_UNKNOWN", "native_status": 42}),
+    (("INIT_STATUS=3", 'INIT_MESSAGE="boom"'), INIT_FAILED + "3: boom", "RUNTIME_ERROR"),
+    (("INIT_STATUS=42",), INIT_FAILED + "42", "UNKNOWN"),
     # A refused registration that the plugin passes on carries the host's reason.
-    (("FAULT=13",), "NativeError",
-     "native plugin initialisation failed with plugin status 1: native plugin declared an invalid scalar type",
-     {"status_name": "QUILLMARK_STATUS_INVALID_ARGUMENT", "native_status": 1}),
-    (("METADATA_SIZE=48",), "ValueError", "quillmark_plugin_metadata has an invalid struct_size", {}),
-    (("ABI_REVISION=2",), "ValueError", "native plugin ABI revision mismatch: expected 1, received 2", {}),
-    (("MALFORMED_ID", "NO_KERNELS"), "ValueError", "plugin ID is malformed", {}),
-    (("MALFORMED_VERSION",), "ValueError", "plugin version is malformed", {}),
-    (('PLUGIN_VERSION=""',), "ValueError", "native plugin version must not be empty", {}),
-    (("CUDA_MIN=11000",), "ValueError", "native CPU plugin declared CUDA runtime requirements", {}),
-    (("CUDA_MAX=12000",), "ValueError", "native CPU plugin declared CUDA runtime requirements", {}),
-    (('PLUGIN_ID=""', "NO_KERNELS"), "ValueError", "OperationId - namespace segments must not be empty", {}),
-    (('PLUGIN_ID="quillmark"', 'OP_NS="quillmark.probe"'), "ValueError", "native plugin may not use the reserved 'quillmark' namespace", {}),
-    (('PLUGIN_ID="quillmark.ext"',), "ValueError",
-     "native plugin may not use the reserved 'quillmark' namespace", {}),
-    (("NO_KERNELS",), "ValueError", "native plugin must register at least one kernel", {}),
+    (("FAULT=13",), INIT_FAILED + "1: native plugin declared an invalid scalar type", "INVALID_ARGUMENT"),
+    (("METADATA_SIZE=48",), "quillmark_plugin_metadata has an invalid struct_size"),
+    (("ABI_REVISION=2",), "native plugin ABI revision mismatch: expected 1, received 2"),
+    (("MALFORMED_ID", "NO_KERNELS"), "plugin ID is malformed"),
+    (("MALFORMED_VERSION",), "plugin version is malformed"),
+    (('PLUGIN_VERSION=""',), "native plugin version must not be empty"),
+    (("CUDA_MIN=11000",), "native CPU plugin declared CUDA runtime requirements"),
+    (("CUDA_MAX=12000",), "native CPU plugin declared CUDA runtime requirements"),
+    (('PLUGIN_ID=""', "NO_KERNELS"), "OperationId - namespace segments must not be empty"),
+    (RESERVED, "native plugin may not use the reserved 'quillmark' namespace"),
+    (('PLUGIN_ID="quillmark.ext"',), "native plugin may not use the reserved 'quillmark' namespace"),
+    (("NO_KERNELS",), "native plugin must register at least one kernel"),
     # Several faults at once: the earliest step wins.
-    (("INIT_STATUS=2", "ABI_REVISION=2", "METADATA_SIZE=48"), "NativeError",
-     "native plugin initialisation failed with plugin status 2", {"status_name": "QUILLMARK_STATUS_UNSUPPORTED"}),
-    (("METADATA_SIZE=48", "FAULT=13", "IGNORE_FAILURE"), "ValueError",
-     "quillmark_plugin_metadata has an invalid struct_size", {}),
-    (("FAULT=13", "IGNORE_FAILURE", "ABI_REVISION=2"), "ValueError",
-     "native plugin ignored a failed host registration: native plugin declared an invalid scalar type", {}),
-    (("ABI_REVISION=2", 'PLUGIN_VERSION=""'), "ValueError",
-     "native plugin ABI revision mismatch: expected 1, received 2", {}),
-    (('PLUGIN_VERSION=""', "CUDA_MIN=5"), "ValueError", "native plugin version must not be empty", {}),
-    (("CUDA_MIN=5", 'PLUGIN_ID="quillmark"', 'OP_NS="quillmark.probe"'), "ValueError",
-     "native CPU plugin declared CUDA runtime requirements", {}),
-    (('PLUGIN_ID="quillmark"', 'OP_NS="quillmark.probe"', "FAULT=5", "IGNORE_FAILURE"), "ValueError",
-     "native plugin ignored a failed host registration: native plugin registered CUDA code with CUDA disabled", {}),
+    (("INIT_STATUS=2", "ABI_REVISION=2", "METADATA_SIZE=48"), INIT_FAILED + "2", "UNSUPPORTED"),
+    (("METADATA_SIZE=48", "FAULT=13", "IGNORE_FAILURE"), "quillmark_plugin_metadata has an invalid struct_size"),
+    (("FAULT=13", "IGNORE_FAILURE", "ABI_REVISION=2"), IGNORED + "native plugin declared an invalid scalar type"),
+    (("ABI_REVISION=2", 'PLUGIN_VERSION=""'), "native plugin ABI revision mismatch: expected 1, received 2"),
+    (('PLUGIN_VERSION=""', "CUDA_MIN=5"), "native plugin version must not be empty"),
+    (("CUDA_MIN=5", *RESERVED), "native CPU plugin declared CUDA runtime requirements"),
+    ((*RESERVED, "FAULT=5", "IGNORE_FAILURE"), IGNORED + "native plugin registered CUDA code with CUDA disabled"),
 ]
 
 
-@pytest.mark.parametrize("defines, kind, message, attrs", LOAD_FAULTS, ids=lambda v: None)
-def test_refused_plugin(plugin, defines, kind, message, attrs):
-    outcome = in_child(refusal_leaves_builder, plugin(*defines))
-    if kind == "NativeError":
-        attrs = {"library": "native plugin", "reason": "library_failure", **attrs}
-    expect_refusal(outcome, kind, message, **attrs)
+@pytest.mark.parametrize("fault", LOAD_FAULTS, ids=lambda fault: "-".join(fault[0]))
+def test_refused_plugin(plugin, fault):
+    defines, message, *status_name = fault
+    if not status_name:
+        return expect_refusal(plugin(*defines), "ValueError", message)
+    status = int(message[len(INIT_FAILED):].split(":")[0])
+    expect_refusal(plugin(*defines), "NativeError", message, library="native plugin", reason="library_failure",
+                   native_status=status, status_name="QUILLMARK_STATUS_" + status_name[0])
 
 
 def test_kernels_outside_the_namespace_and_second_loads_are_refused(plugin):
     probe = plugin()
     foreign = plugin('PLUGIN_ID="other"', 'OP_NS="probe"')
-    expect_refusal(in_child(refusal_leaves_builder, foreign, (probe,)), "ValueError",
-                   "native kernel operation 'probe.scale@1' is outside plugin namespace 'other'")
+    expect_refusal(foreign, "ValueError", "native kernel operation 'probe.scale@1' is outside plugin namespace 'other'",
+                   (probe,))
     # Loading the same library again would register the same kernels a second time.
-    expect_refusal(in_child(refusal_leaves_builder, probe, (probe,)), "ValueError",
-                   "BackendRegistry::register_backend - duplicate registration for probe.scale@1")
+    expect_refusal(probe, "ValueError", "BackendRegistry::register_backend - duplicate registration for probe.scale@1",
+                   (probe,))
 
 
 def test_path_errors_are_value_errors(tmp_path, plugin):
     no_entry = compile_plugin(SOURCE, tmp_path / "no_entry.so", "quillmark_plugin_init=other_init")
     cases = [("", "QuillmarkContextBuilder::load_plugin - path must not be empty"),
              (str(tmp_path / "missing.so"), f"failed to load native plugin '{tmp_path / 'missing.so'}'"),
-             (no_entry, f"failed to resolve 'quillmark_plugin_init' in native plugin '{no_entry}'")]
+             (no_entry, f"failed to resolve 'quillmark_plugin_init' in native plugin '{no_entry}'"),
+             # a loadable plugin before the NUL: nothing may be loaded
+             (f"{plugin()}\0x", f"failed to load native plugin '{plugin()}\\0x'")]
     for path, message in cases:
-        expect_refusal(in_child(refusal_leaves_builder, path), "ValueError", message)
+        expect_refusal(path, "ValueError", message)
 
 
-def run_probe_kernels(path):
+def check_probe_kernels(path):
+    """Runs in the child and asserts there: the declared kernels against NumPy, and their failures."""
     catalogue = _native.ContextBuilder().load_plugin(path).build()
     ctx = _native.Context(catalogue=catalogue)
     rng = np.random.default_rng(7)
-    results = {"operations": catalogue.operations(), "describe": catalogue.describe("probe.lu_det@1")}
+    assert catalogue.operations()[-7:] == ("probe.scale@1", "probe.conj@1", "probe.flip@1", "probe.lu_det@1",
+                                           "probe.refuse@1", "probe.wait@1", "probe.eigen_mix@1")
+    described = catalogue.describe("probe.lu_det@1")
+    native = {"kind": "native", "version": "1.0", "owner": "probe", "description": "kernels for the loader tests"}
+    assert described["provenance"] == native and described["numerics"] is None
+    assert [(role["role"], role["kind"]) for role in described["roles"]] == [(0, "lu"), (2**31, "scalar")]
+    [implementation] = described["implementations"]
+    assert (implementation["backend"], implementation["provenance"], implementation["numerics"]) == \
+        ("cpu_scalar", native, None)
 
     x = rng.standard_normal(5)
-    y = np.zeros(5)
-    ctx.execute("probe.scale@1", {"Input0": np.array(-1.5), "Input1": x, "Output0": y},
-                host(["Input0", "Input1", "Output0"]))
-    results["scale"] = (x, y)
-
+    np.testing.assert_array_equal(run(ctx, "probe.scale@1", [np.array(-1.5), x], [np.zeros(5)]), -1.5 * x)
     # The caller's interleaved arrays are adapted to the kernel's split planes and back.
-    z = (rng.standard_normal(6) + 1j * rng.standard_normal(6)).astype(np.complex64)
-    w = np.zeros(6, np.complex64)
-    ctx.execute("probe.conj@1", {"Input0": z, "Output0": w}, host(["Input0", "Output0"]))
-    results["conj"] = (z, w)
-
-    m = rng.standard_normal((3, 4)) + 1j * rng.standard_normal((3, 4))
-    flipped = np.zeros_like(m)
-    ctx.execute("probe.flip@1", {"Input0": m, "Output0": flipped}, host(["Input0", "Output0"]))
-    results["flip"] = (m, flipped)
+    z = random_array(rng, 6, np.complex64)
+    np.testing.assert_array_equal(run(ctx, "probe.conj@1", [z], [np.zeros(6, np.complex64)]), np.conj(z))
+    m = random_array(rng, (3, 4), np.complex128)
+    np.testing.assert_array_equal(run(ctx, "probe.flip@1", [m], [np.zeros_like(m)]), np.conj(m[::-1]))
 
     a = rng.standard_normal((5, 5))
-    lu = _native.LUOperand(a.copy(), "float64")
-    ctx.execute("quillmark.lu_factor@1", {"Output0": lu}, {"Output0": "host"})
-    det = np.zeros((), np.float64)
-    ctx.execute("probe.lu_det@1", {"Input0": lu, "Output0": det}, host(["Input0", "Output0"]))
-    results["lu_det"] = (a, float(det))
+    lu = run(ctx, "quillmark.lu_factor@1", [], [_native.LUOperand(a.copy(), "float64")])
+    assert run(ctx, "probe.lu_det@1", [lu], [np.zeros(())]) == pytest.approx(np.linalg.det(a), rel=1e-12)
+    eig = run(ctx, "quillmark.eig@1", [random_array(rng, (4, 4), np.complex64)], [_native.EigenOperand(4, "complex64")])
+    mixed = run(ctx, "probe.eigen_mix@1", [eig], [np.zeros(4, np.complex64)])
+    np.testing.assert_allclose(mixed, eig.values * eig.vectors[0], rtol=1e-6)
 
-    eig = _native.EigenOperand(4, "complex64")
-    ctx.execute("quillmark.eig@1", {"Input0": rng.standard_normal((4, 4)).astype(np.complex64), "Output0": eig},
-                host(["Input0", "Output0"]))
-    mixed = np.zeros(4, np.complex64)
-    ctx.execute("probe.eigen_mix@1", {"Input0": eig, "Output0": mixed}, host(["Input0", "Output0"]))
-    results["eigen_mix"] = (eig.values, eig.vectors, mixed)
-
-    failures = []
-    bad_y = np.full(4, 7.0)
-    for operation, bindings in [
-        ("probe.scale@1", {"Input0": np.array(2.0), "Input1": x.copy(), "Output0": bad_y}),
-        *[("probe.refuse@1", {"Input0": np.array([float(s), 1.0]), "Output0": np.full(2, 7.0)})
-          for s in (1, 2, 3, 4, 42)],
-    ]:
-        before = {role: array.copy() for role, array in bindings.items()}
-        try:
-            ctx.execute(operation, bindings, host(bindings))
-        except _native.NativeError as e:
-            untouched = all(np.array_equal(before[r], bindings[r]) for r in bindings)
-            failures.append((str(e), {a: getattr(e, a) for a in ATTRS if hasattr(e, a)}, untouched))
-    results["failures"] = failures
-    return results
+    failures = [("probe.scale@1", [np.array(2.0), x], np.full(4, 7.0), 1, "INVALID_ARGUMENT",
+                 "native kernel on the CPU scalar backend failed with plugin status 1: probe.scale - length mismatch")]
+    names = {1: "INVALID_ARGUMENT", 2: "UNSUPPORTED", 3: "RUNTIME_ERROR", 4: "INTERNAL_ERROR", 42: "UNKNOWN"}
+    failures += [("probe.refuse@1", [np.array([float(s), 1.0])], np.full(2, 7.0), s, name,
+                  f"native kernel on the CPU SIMD backend failed with plugin status {s}: refused with {s}")
+                 for s, name in names.items()]
+    for operation, inputs, out, status, name, message in failures:
+        before = [v.copy() for v in inputs + [out]]
+        with pytest.raises(_native.NativeError) as info:
+            run(ctx, operation, inputs, [out])
+        assert str(info.value) == message
+        assert {a: getattr(info.value, a) for a in ATTRS[:-1]} == {
+            "operation": operation, "reason": "library_failure", "library": "native plugin",
+            "native_status": status, "status_name": "QUILLMARK_STATUS_" + name}
+        assert all(np.array_equal(b, v) for b, v in zip(before, inputs + [out]))
 
 
 def test_declared_operations_run_through_execute(plugin):
-    outcome = in_child(run_probe_kernels, plugin())
-    assert outcome[0] == "ok", outcome
-    r = outcome[1]
-    assert r["operations"][-7:] == ("probe.scale@1", "probe.conj@1", "probe.flip@1", "probe.lu_det@1",
-                                    "probe.refuse@1", "probe.wait@1", "probe.eigen_mix@1")
-    described = r["describe"]
-    native = {"kind": "native", "version": "1.0", "owner": "probe", "description": "kernels for the loader tests"}
-    assert described["provenance"] == native
-    assert [role["kind"] for role in described["roles"]] == ["lu", "scalar"]
-    assert [role["role"] for role in described["roles"]] == [0, 2**31]
-    [implementation] = described["implementations"]
-    assert implementation["backend"] == "cpu_scalar" and implementation["provenance"] == native
-    assert implementation["numerics"] is None and described["numerics"] is None
-
-    x, y = r["scale"]
-    np.testing.assert_array_equal(y, -1.5 * x)
-    z, w = r["conj"]
-    np.testing.assert_array_equal(w, np.conj(z))
-    m, flipped = r["flip"]
-    np.testing.assert_array_equal(flipped, np.conj(m[::-1]))
-    a, det = r["lu_det"]
-    assert det == pytest.approx(np.linalg.det(a), rel=1e-12)
-    values, vectors, mixed = r["eigen_mix"]
-    np.testing.assert_allclose(mixed, values * vectors[0], rtol=1e-6)
-
-    messages = [failure[0] for failure in r["failures"]]
-    assert messages == [
-        "native kernel on the CPU scalar backend failed with plugin status 1: probe.scale - length mismatch",
-        *[f"native kernel on the CPU SIMD backend failed with plugin status {s}: refused with {s}"
-          for s in (1, 2, 3, 4, 42)]]
-    names = ["INVALID_ARGUMENT", "INVALID_ARGUMENT", "UNSUPPORTED", "RUNTIME_ERROR", "INTERNAL_ERROR", "UNKNOWN"]
-    for (_, attrs, untouched), status, name in zip(r["failures"], (1, 1, 2, 3, 4, 42), names):
-        assert attrs == {"operation": attrs["operation"], "reason": "library_failure", "library": "native plugin",
-                         "native_status": status, "status_name": "QUILLMARK_STATUS_" + name}
-        assert untouched
-    assert [attrs["operation"] for _, attrs, _ in r["failures"]][:2] == ["probe.scale@1", "probe.refuse@1"]
+    passes_in_child(check_probe_kernels, plugin())
 
 
-def run_while_another_thread_waits(path):
+def check_kernel_runs_without_the_interpreter_lock(path):
     ctx = _native.Context(catalogue=_native.ContextBuilder().load_plugin(path).build())
     flag, out = np.zeros(1), np.zeros(1)
 
@@ -316,15 +272,12 @@ def run_while_another_thread_waits(path):
             pass
         flag[0] = 1.0
 
-    helper = threading.Thread(target=release, daemon=True)
-    helper.start()
-    ctx.execute("probe.wait@1", {"Input0": flag, "Output0": out}, host(["Input0", "Output0"]))
-    helper.join(10)
-    return float(flag[0])
+    threading.Thread(target=release, daemon=True).start()
+    run(ctx, "probe.wait@1", [flag], [out])  # the kernel fails unless the flag is set while it waits
 
 
 def test_kernel_runs_without_the_interpreter_lock(plugin):
-    assert in_child(run_while_another_thread_waits, plugin()) == ("ok", 1.0)
+    passes_in_child(check_kernel_runs_without_the_interpreter_lock, plugin())
 
 
 def mapped(path):
@@ -333,82 +286,52 @@ def mapped(path):
         return any(line.rstrip().endswith(real) for line in maps)
 
 
-def track_library_lifetime(path, refused):
-    states = [mapped(path)]
+def check_library_lifetime(path, refused, namespace):
+    assert not mapped(path)
     builder = _native.ContextBuilder()
-    try:
+    with pytest.raises(ValueError):
         builder.load_plugin(refused)
-    except (ValueError, _native.NativeError):
-        pass
-    states.append(mapped(refused))
+    assert not mapped(refused)
     builder.load_plugin(path)
-    states.append(mapped(path))
     catalogue = builder.build()
     del builder
     gc.collect()
-    states.append(mapped(path))
+    assert mapped(path)
     ctx = _native.Context(catalogue=catalogue)
-    y = np.zeros(2)
-    ctx.execute("probe.scale@1", {"Input0": np.array(3.0), "Input1": np.ones(2), "Output0": y},
-                host(["Input0", "Input1", "Output0"]))
     del catalogue
-    gc.collect()
-    states.append(mapped(path))  # the context still holds the catalogue
+    gc.collect()  # the context still holds the catalogue, and the catalogue the library
+    assert run(ctx, f"{namespace}.scale@1", [np.array(3.0), np.ones(2)], [np.zeros(2)]).tolist() == [3.0, 3.0]
     del ctx
     gc.collect()
-    states.append(mapped(path))
-    return states, y.tolist()
+    assert not mapped(path)
 
 
-def test_library_lives_as_long_as_a_catalogue(plugin):
-    outcome = in_child(track_library_lifetime, plugin(), plugin("ABI_REVISION=2"))
-    assert outcome == ("ok", ([False, False, True, True, True, False], [3.0, 3.0]))
+# The second plugin also shows that the reserved word is refused only as a whole segment.
+@pytest.mark.parametrize("defines, namespace", [((), "probe"), (('PLUGIN_ID="quillmarkx"',), "quillmarkx")])
+def test_library_lives_as_long_as_a_catalogue(plugin, defines, namespace):
+    passes_in_child(check_library_lifetime, plugin(*defines), plugin("ABI_REVISION=2"), namespace)
 
 
-def test_reserved_word_only_as_a_whole_segment(plugin):
-    def load(path):
-        return _native.ContextBuilder().load_plugin(path).build().operations()[-7:]
-
-    outcome = in_child(load, plugin('PLUGIN_ID="quillmarkx"'))
-    assert outcome[0] == "ok" and outcome[1][0] == "quillmarkx.scale@1"
-
-
-EXAMPLE = ROOT / "examples" / "plugin"
-
-
-def example_command():
-    """The build command documented at the top of examples/plugin/axpy.c."""
-    text = (EXAMPLE / "axpy.c").read_text()
-    return next(line.strip(" *") for line in text.splitlines() if line.strip(" *").startswith("cc "))
-
-
-def run_example(path):
+def check_example(path):
     ctx = _native.Context(catalogue=_native.ContextBuilder().load_plugin(path).build())
     rng = np.random.default_rng(3)
-    results = []
     for dtype in (np.float32, np.float64, np.complex64):
         x = rng.standard_normal(9).astype(dtype)
         y = rng.standard_normal(9).astype(dtype)
         a = np.array(0.5 - 2j if dtype == np.complex64 else -2.5, dtype=dtype)
-        out = y.copy()
-        ctx.execute("example.axpy@1", {"Input0": a, "Input1": x, "Output0": out}, host(["Input0", "Input1", "Output0"]))
-        results.append((a, x, y, out))
-    try:
-        ctx.execute("example.axpy@1", {"Input0": np.array(1.0), "Input1": np.ones(3), "Output0": np.ones(4)},
-                    host(["Input0", "Input1", "Output0"]))
-    except _native.NativeError as e:
-        results.append((str(e), e.status_name))
-    return results
+        np.testing.assert_allclose(run(ctx, "example.axpy@1", [a, x], [y.copy()]), a * x + y, rtol=1e-6)
+    with pytest.raises(_native.NativeError) as info:
+        run(ctx, "example.axpy@1", [np.array(1.0), np.ones(3)], [np.ones(4)])
+    assert (str(info.value), info.value.status_name) == ("native kernel on the CPU scalar backend failed with plugin "
+                                                         "status 1: example.axpy - x and y differ in length (3 and 4)",
+                                                         "QUILLMARK_STATUS_INVALID_ARGUMENT")
 
 
 def test_example_plugin_builds_with_its_documented_command_and_runs(tmp_path):
-    command = example_command().replace("$(python ", f"$({sys.executable} ")
-    command = command.replace("-o axpy_plugin.so", f"-o {tmp_path / 'axpy_plugin.so'}")
+    # The build command documented at the top of the example's source.
+    text = (ROOT / "examples" / "plugin" / "axpy.c").read_text()
+    command = next(line.strip(" *") for line in text.splitlines() if line.strip(" *").startswith("cc "))
+    command = command.replace("$(python ", f"$({sys.executable} ").replace("-o axpy_plugin.so",
+                                                                            f"-o {tmp_path / 'axpy_plugin.so'}")
     subprocess.run(command, shell=True, check=True, cwd=ROOT)
-    outcome = in_child(run_example, str(tmp_path / "axpy_plugin.so"))
-    assert outcome[0] == "ok", outcome
-    *runs, failure = outcome[1]
-    for a, x, y, out in runs:
-        np.testing.assert_allclose(out, a * x + y, rtol=1e-6)
-    assert failure == ("native kernel on the CPU scalar backend failed with plugin status 1: "
-                       "example.axpy - x and y differ in length (3 and 4)", "QUILLMARK_STATUS_INVALID_ARGUMENT")
+    passes_in_child(check_example, str(tmp_path / "axpy_plugin.so"))

@@ -19,14 +19,8 @@ FORCED = os.environ.get("QUILLMARK_CPU_SIMD_RUNTIME")
 
 
 def cpu_flags():
-    try:
-        with open("/proc/cpuinfo") as f:
-            for line in f:
-                if line.startswith("flags"):
-                    return set(line.split(":", 1)[1].split())
-    except OSError:
-        pass
-    return set()
+    with open("/proc/cpuinfo") as f:
+        return set(next((line for line in f if line.startswith("flags")), ":").split(":", 1)[1].split())
 
 
 HAS_AVX512 = {"avx512f", "avx512dq", "avx512cd", "avx512bw", "avx512vl"} <= cpu_flags()
@@ -54,13 +48,10 @@ SHAPES = [(1, 1, 1), (3, 5, 7), (8, 8, 8), (17, 9, 13), (33, 64, 5), (70, 129, 6
 @pytest.mark.parametrize("orders", ["CCC", "FCC", "CFF", "FFF"])
 def test_products(ctx, rng, m, k, n, orders):
     a, b = c64(rng, (m, k), orders[0]), c64(rng, (k, n), orders[1])
-    out = np.zeros((m, n), C64, order=orders[2])
-    run(ctx, "quillmark.matmul@1", [a, b], [out])
+    out = run(ctx, "quillmark.matmul@1", [a, b], [np.zeros((m, n), C64, order=orders[2])])
     assert_close(out, wide(a) @ wide(b), scale=np.sqrt(k))
-
-    x, y = c64(rng, k), np.zeros(m, C64)
-    run(ctx, "quillmark.matvec@1", [a, x], [y])
-    assert_close(y, wide(a) @ wide(x), scale=np.sqrt(k))
+    x = c64(rng, k)
+    assert_close(run(ctx, "quillmark.matvec@1", [a, x], [np.zeros(m, C64)]), wide(a) @ wide(x), scale=np.sqrt(k))
 
 
 @pytest.mark.parametrize("rows,cols", [(1, 1), (3, 7), (33, 17), (64, 40)])
@@ -68,52 +59,39 @@ def test_products(ctx, rng, m, k, n, orders):
 def test_transpose_adjoint(ctx, rng, rows, cols, order):
     a = c64(rng, (rows, cols), order)
     for op, want in [("transpose", a.T), ("adjoint", a.conj().T)]:
-        out = np.zeros((cols, rows), C64, order=order)
-        run(ctx, f"quillmark.{op}@1", [a], [out])
+        out = run(ctx, f"quillmark.{op}@1", [a], [np.zeros((cols, rows), C64, order=order)])
         np.testing.assert_array_equal(out, want)
 
 
 @pytest.mark.parametrize("d,q", [(1, 3), (3, 2), (5, 4), (9, 3)])
 def test_partial_traces(ctx, rng, d, q):
-    x, y = c64(rng, (q, q)), c64(rng, (d, d))
-    a = np.kron(wide(x), wide(y)).astype(C64)
-    out = np.zeros((d, d), C64)
-    run(ctx, "quillmark.partial_trace_left@1", [a], [out])
-    assert_close(out, np.trace(wide(x)) * wide(y), scale=q)
-    a = np.kron(wide(y), wide(x)).astype(C64)
-    run(ctx, "quillmark.partial_trace_right@1", [a], [out])
-    assert_close(out, np.trace(wide(x)) * wide(y), scale=q)
+    x, y = wide(c64(rng, (q, q))), wide(c64(rng, (d, d)))
+    for side, a in [("left", np.kron(x, y)), ("right", np.kron(y, x))]:
+        out = run(ctx, f"quillmark.partial_trace_{side}@1", [a.astype(C64)], [np.zeros((d, d), C64)])
+        assert_close(out, np.trace(x) * y, scale=q)
 
 
 @pytest.mark.parametrize("n", [1, 5, 12])
 @pytest.mark.parametrize("exponent", [0, 1, 2, 7])
 def test_eye_and_matrix_power(ctx, rng, n, exponent):
-    eye = np.full((n, n), 9, C64)
-    run(ctx, "quillmark.eye@1", [], [eye])
-    np.testing.assert_array_equal(eye, np.eye(n, dtype=C64))
-
+    np.testing.assert_array_equal(run(ctx, "quillmark.eye@1", [], [np.full((n, n), 9, C64)]), np.eye(n))
     a = (c64(rng, (n, n)) / np.sqrt(n)).astype(C64)
-    out = np.zeros((n, n), C64)
-    run(ctx, "quillmark.matrix_power@1", [a, np.array(exponent, np.int32)], [out])
+    out = run(ctx, "quillmark.matrix_power@1", [a, np.array(exponent, np.int32)], [np.zeros((n, n), C64)])
     assert_close(out, np.linalg.matrix_power(wide(a), exponent), scale=n * max(exponent, 1))
 
 
 @pytest.mark.parametrize("n", [1, 6, 31])
 def test_solve_from_lu(ctx, rng, n):
     a = c64(rng, (n, n)) + n * np.eye(n, dtype=C64)
-    lu = quillmark.LUOperand(a)
-    run(ctx, "quillmark.lu_factor@1", [], [lu])
+    lu = run(ctx, "quillmark.lu_factor@1", [], [quillmark.LUOperand(a)])
     rhs = c64(rng, n)
-    x = rhs.copy()
-    run(ctx, "quillmark.solve@1", [lu], [x])
-    assert_close(wide(a) @ wide(x), wide(rhs), scale=n)
+    assert_close(wide(a) @ wide(run(ctx, "quillmark.solve@1", [lu], [rhs.copy()])), wide(rhs), scale=n)
 
 
 @pytest.mark.parametrize("n", [1, 4, 9, 24])
 def test_eig(ctx, rng, n):
     a = c64(rng, (n, n))
-    eig = quillmark.EigenOperand(n, "complex64")
-    run(ctx, "quillmark.eig@1", [a], [eig])
+    eig = run(ctx, "quillmark.eig@1", [a], [quillmark.EigenOperand(n, "complex64")])
     values, vectors = wide(eig.values), wide(eig.vectors)
     residual = wide(a) @ vectors - vectors * values
     assert np.linalg.norm(residual) <= 1e-3 * np.linalg.norm(wide(a)) * n
@@ -127,8 +105,7 @@ def test_principal_eigenvector(ctx, rng, n):
     values = np.linspace(0.1, 0.5, n).astype(np.complex128)
     values[n // 2] = 3.0 + 1.0j
     a = (q @ np.diag(values) @ q.conj().T).astype(C64)
-    v = np.zeros(n, C64)
-    run(ctx, "quillmark.principal_eigenvector@1", [a], [v])
+    v = run(ctx, "quillmark.principal_eigenvector@1", [a], [np.zeros(n, C64)])
     assert abs(np.linalg.norm(v) - 1) < 1e-5
     assert abs(abs(np.vdot(q[:, n // 2], wide(v))) - 1) < 1e-4
     top = v[np.argmax(np.abs(v))]
@@ -166,16 +143,10 @@ def test_under_forced_engine(engine):
 @pytest.mark.parametrize("value,error", [("avx2", "ValueError"), ("", "ValueError")]
                          + ([] if HAS_AVX512 else [("AVX512", "RuntimeError")]))
 def test_failed_selection_fails_execution_without_fallback(value, error):
-    script = (
-        "import numpy as np, quillmark\n"
-        "ctx = quillmark.Context()\n"
-        "a = np.ones((2, 2), np.complex64)\n"
-        "try:\n"
-        "    ctx.execute('quillmark.matmul@1', {'Input0': a, 'Input1': a, 'Output0': a.copy()},\n"
-        "                {'Input0': 'host', 'Input1': 'host', 'Output0': 'host'})\n"
-        "except Exception as e:\n"
-        "    print(type(e).__name__, e)\n"
-    )
+    script = ("import numpy as np, quillmark\nfrom conftest import run\na = np.ones((2, 2), np.complex64)\n"
+              "try:\n    run(quillmark.Context(), 'quillmark.matmul@1', [a, a], [a.copy()])\n"
+              "except Exception as e:\n    print(type(e).__name__, e)\n")
     env = dict(os.environ, QUILLMARK_CPU_SIMD_RUNTIME=value)
-    child = subprocess.run([sys.executable, "-c", script], env=env, capture_output=True, text=True)
+    child = subprocess.run([sys.executable, "-c", script], env=env, capture_output=True, text=True,
+                           cwd=os.path.dirname(__file__))
     assert child.stdout.startswith(error), child.stdout + child.stderr

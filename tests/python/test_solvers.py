@@ -2,6 +2,7 @@
 one at a time, and the blocked factorisations against the NumPy/SciPy answers at orders past the
 block size. (Worker threads against the serial bits: test_blocked_lu.cpp, which can simulate a
 machine with spare CPUs.)"""
+import ml_dtypes
 import numpy as np
 import pytest
 from conftest import FLOATING, TOLERANCE, positive_definite, random_array, real_dtype, run
@@ -48,10 +49,15 @@ def test_blocked_factorisations_match_references(ctx, rng, dtype, n):
 
 # The operand gathers its values into column-major storage tile by tile: every element must land
 # in place whatever the source's strides and however the order divides into tiles.
-@pytest.mark.parametrize("dtype", [np.float16, np.float32, np.complex64, np.complex128])
+@pytest.mark.parametrize("dtype", [np.float16, ml_dtypes.bfloat16, np.float32, np.float64, np.complex64, np.complex128])
 @pytest.mark.parametrize("n", [1, 31, 33, 70])
 @pytest.mark.parametrize("view", ["C", "F", "strided"])
 def test_lu_operand_takes_values_of_any_layout(rng, dtype, n, view):
     a = random_array(rng, (2 * n, 2 * n), dtype)
     values = {"C": np.ascontiguousarray(a[:n, :n]), "F": np.asfortranarray(a[:n, :n]), "strided": a[::2, ::2]}[view]
-    assert _native.LUOperand(values).factors.tobytes() == np.ascontiguousarray(values).tobytes()
+    lu = _native.LUOperand(values)
+    assert (lu.dtype, lu.size, lu.swaps) == (np.dtype(dtype).name, n, 0)
+    factors = lu.factors
+    assert factors.tobytes() == np.ascontiguousarray(values).tobytes()
+    factors[...] = 0  # an exported copy, not a view of the operand
+    assert lu.factors.tobytes() == np.ascontiguousarray(values).tobytes()

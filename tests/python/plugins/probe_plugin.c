@@ -75,12 +75,15 @@ static int records_ok(const quillmark_kernel_invocation* inv, uint64_t count, ui
     }
     return 1;
 }
+/* Every kernel's signature; none uses its user data. */
+#define KERNEL(name)                                                                                               \
+    static quillmark_status name(void* user __attribute__((unused)), const quillmark_kernel_invocation* inv,        \
+                                 const quillmark_error_capture* error)
 #define CHECK_RECORDS(count, backend)                                                                      \
     if (!records_ok(inv, count, backend)) return fail(error, QUILLMARK_STATUS_INTERNAL_ERROR, "bad invocation records")
 
 /* y = a * x; checks its own shapes. */
-static quillmark_status scale(void* user, const quillmark_kernel_invocation* inv, const quillmark_error_capture* error) {
-    (void)user;
+KERNEL(scale) {
     CHECK_RECORDS(3, QUILLMARK_BACKEND_CPU_SCALAR);
     const quillmark_buffer_descriptor* a = inv->operands[0].buffers;
     const quillmark_buffer_descriptor* x = inv->operands[1].buffers;
@@ -93,9 +96,7 @@ static quillmark_status scale(void* user, const quillmark_kernel_invocation* inv
 }
 
 /* y = conj(x) on split planes. */
-static quillmark_status conj_split(void* user, const quillmark_kernel_invocation* inv,
-                                   const quillmark_error_capture* error) {
-    (void)user;
+KERNEL(conj_split) {
     CHECK_RECORDS(2, QUILLMARK_BACKEND_CPU_SCALAR);
     const quillmark_operand_entry* x = &inv->operands[0];
     const quillmark_operand_entry* y = &inv->operands[1];
@@ -112,8 +113,7 @@ static quillmark_status conj_split(void* user, const quillmark_kernel_invocation
 }
 
 /* out[i][j] = conj(in[rows-1-i][j]) on interleaved row-major complex128. */
-static quillmark_status flip(void* user, const quillmark_kernel_invocation* inv, const quillmark_error_capture* error) {
-    (void)user;
+KERNEL(flip) {
     CHECK_RECORDS(2, QUILLMARK_BACKEND_CPU_SCALAR);
     const quillmark_buffer_descriptor* in = inv->operands[0].buffers;
     const quillmark_buffer_descriptor* out = inv->operands[1].buffers;
@@ -132,9 +132,7 @@ static quillmark_status flip(void* user, const quillmark_kernel_invocation* inv,
 }
 
 /* The determinant from packed LU factors, pivots and swap count. */
-static quillmark_status lu_det(void* user, const quillmark_kernel_invocation* inv,
-                               const quillmark_error_capture* error) {
-    (void)user;
+KERNEL(lu_det) {
     CHECK_RECORDS(2, QUILLMARK_BACKEND_CPU_SCALAR);
     const quillmark_operand_entry* lu = &inv->operands[0];
     if (lu->buffer_count != 3 || lu->buffers[0].role != QUILLMARK_BUFFER_LU_FACTORS ||
@@ -155,9 +153,7 @@ static quillmark_status lu_det(void* user, const quillmark_kernel_invocation* in
 }
 
 /* out[i] = values[i] * vectors[0][i]: reads both buffers of an eigen operand (complex64). */
-static quillmark_status eigen_mix(void* user, const quillmark_kernel_invocation* inv,
-                                  const quillmark_error_capture* error) {
-    (void)user;
+KERNEL(eigen_mix) {
     CHECK_RECORDS(2, QUILLMARK_BACKEND_CPU_SCALAR);
     const quillmark_operand_entry* eig = &inv->operands[0];
     const uint64_t n = eig->buffers[0].element_count;
@@ -178,9 +174,7 @@ static quillmark_status eigen_mix(void* user, const quillmark_kernel_invocation*
 }
 
 /* Fails with the status in x[0]. */
-static quillmark_status refuse(void* user, const quillmark_kernel_invocation* inv,
-                               const quillmark_error_capture* error) {
-    (void)user;
+KERNEL(refuse) {
     CHECK_RECORDS(2, QUILLMARK_BACKEND_CPU_SIMD);
     const int status = (int)((const double*)inv->operands[0].buffers[0].data)[0];
     char message[64];
@@ -189,9 +183,7 @@ static quillmark_status refuse(void* user, const quillmark_kernel_invocation* in
 }
 
 /* Marks out[0], then waits (bounded) until another thread sets flag[0]. */
-static quillmark_status wait_flag(void* user, const quillmark_kernel_invocation* inv,
-                                  const quillmark_error_capture* error) {
-    (void)user;
+KERNEL(wait_flag) {
     CHECK_RECORDS(2, QUILLMARK_BACKEND_CPU_SCALAR);
     volatile const double* flag = (volatile const double*)inv->operands[0].buffers[0].data;
     volatile double* out = (volatile double*)inv->operands[1].buffers[0].data;
@@ -202,31 +194,34 @@ static quillmark_status wait_flag(void* user, const quillmark_kernel_invocation*
     return QUILLMARK_STATUS_OK;
 }
 
-static quillmark_backend_operand operand(uint32_t role, uint32_t access, uint32_t kind, uint32_t storage,
-                                         uint32_t complex, uint32_t layout) {
-    quillmark_backend_operand o = {sizeof o, role, access, kind, QUILLMARK_LOCATION_PAGEABLE_HOST,
-                                   storage, complex, layout, storage};
-    return o;
-}
+/* Host-resident, computing in its storage type. */
+#define OPERAND(role, access, kind, storage, complex, layout)                                                     \
+    {sizeof(quillmark_backend_operand), role, access, QUILLMARK_OPERAND_##kind, QUILLMARK_LOCATION_PAGEABLE_HOST,    \
+     storage, complex, layout, storage}
+#define ROW_MAJOR QUILLMARK_MATRIX_LAYOUT_ROW_MAJOR
+#define VECTORS_F64 {OPERAND(0, READ, VECTOR, F64, NONE, 0), OPERAND(1, WRITE, VECTOR, F64, NONE, 0)}
+
+static const quillmark_backend_operand scale_ops[3] = {OPERAND(0, READ, SCALAR, F64, NONE, 0),
+                                                       OPERAND(1, READ, VECTOR, F64, NONE, 0),
+                                                       OPERAND(2, WRITE, VECTOR, F64, NONE, 0)};
+static const quillmark_backend_operand split_ops[2] = {OPERAND(0, READ, VECTOR, C64, SPLIT, 0),
+                                                       OPERAND(1, WRITE, VECTOR, C64, SPLIT, 0)};
+static const quillmark_backend_operand flip_ops[2] = {OPERAND(0, READ, MATRIX, C128, INTERLEAVED, ROW_MAJOR),
+                                                      OPERAND(1, WRITE, MATRIX, C128, INTERLEAVED, ROW_MAJOR)};
+static const quillmark_backend_operand lu_ops[2] = {OPERAND(0, READ, LU, F64, NONE, 0),
+                                                    OPERAND(1, WRITE, SCALAR, F64, NONE, 0)};
+static const quillmark_backend_operand eigen_ops[2] = {OPERAND(0, READ, EIGEN, C64, INTERLEAVED, 0),
+                                                       OPERAND(1, WRITE, VECTOR, C64, INTERLEAVED, 0)};
+static const quillmark_backend_operand refuse_ops[2] = VECTORS_F64, wait_ops[2] = VECTORS_F64;
+static quillmark_backend_operand fault_ops[3];
 
 static quillmark_kernel_spec spec(const char* name, uint32_t backend, const quillmark_backend_operand* operands,
                                   uint64_t count, quillmark_kernel_fn kernel) {
-    quillmark_kernel_spec s;
-    memset(&s, 0, sizeof s);
-    s.struct_size = sizeof s;
-    s.operation.struct_size = sizeof s.operation;
-    s.operation.name = text(name);
-    s.operation.major = 1;
-    s.backend = backend;
-    s.operands = operands;
-    s.operand_count = count;
-    s.kernel = kernel;
+    quillmark_kernel_spec s = {.struct_size = sizeof s, .backend = backend, .operands = operands,
+                               .operand_count = count, .kernel = kernel};
+    s.operation = (quillmark_operation_id){.struct_size = sizeof s.operation, .name = text(name), .major = 1};
     return s;
 }
-
-static quillmark_backend_operand scale_ops[3], split_ops[2], flip_ops[2], lu_ops[2], eigen_ops[2], refuse_ops[2],
-    wait_ops[2];
-static quillmark_backend_operand fault_ops[3];
 
 /* A second kernel of OP_NS.scale (on the SIMD backend) with FAULT's defect; NULL means a null spec. */
 static const quillmark_kernel_spec* fault_kernel(quillmark_kernel_spec* s) {
@@ -250,8 +245,8 @@ static const quillmark_kernel_spec* fault_kernel(quillmark_kernel_spec* s) {
     case 15: fault_ops[1].matrix_layout = 3; break;
     case 16: fault_ops[1].access = 0; break;
     case 17: fault_ops[1].compute_type = C128; break;
-    case 18: fault_ops[0] = operand(0, READ, QUILLMARK_OPERAND_SCALAR, C64, SPLIT, 0); break;
-    case 19: fault_ops[1].matrix_layout = QUILLMARK_MATRIX_LAYOUT_ROW_MAJOR; break;
+    case 18: fault_ops[0] = (quillmark_backend_operand)OPERAND(0, READ, SCALAR, C64, SPLIT, 0); break;
+    case 19: fault_ops[1].matrix_layout = ROW_MAJOR; break;
     case 20: s->operand_count = 2; break;
     case 21: fault_ops[2].access = READ; break;
     case 22: fault_ops[1].kind = QUILLMARK_OPERAND_MATRIX; fault_ops[1].matrix_layout = 1; break;
@@ -259,11 +254,11 @@ static const quillmark_kernel_spec* fault_kernel(quillmark_kernel_spec* s) {
     case 24: s->operation.name = text(OP_NS ".peek"); fault_ops[2].access = READ; break;
     case 25:
         s->operation.name = text(OP_NS ".split_lu");
-        fault_ops[2] = operand(2, WRITE, QUILLMARK_OPERAND_LU, C64, SPLIT, 0);
+        fault_ops[2] = (quillmark_backend_operand)OPERAND(2, WRITE, LU, C64, SPLIT, 0);
         break;
     case 26:
         s->operation.name = text(OP_NS ".grid");
-        fault_ops[2] = operand(2, WRITE, QUILLMARK_OPERAND_MATRIX, F64, NONE, 0);
+        fault_ops[2] = (quillmark_backend_operand)OPERAND(2, WRITE, MATRIX, F64, NONE, 0);
         break;
     case 27: s->operation.name = text(OP_NS ".swapped"); fault_ops[1].role_index = 2; break;
     case 28: s->operation.name = text(OP_NS ".Bad"); break;
@@ -291,21 +286,6 @@ QUILLMARK_PLUGIN_EXPORT quillmark_status quillmark_plugin_init(const quillmark_h
 #ifdef MALFORMED_VERSION
     metadata->plugin_version.data = NULL;
 #endif
-
-    scale_ops[0] = operand(0, READ, QUILLMARK_OPERAND_SCALAR, F64, NONE, 0);
-    scale_ops[1] = operand(1, READ, QUILLMARK_OPERAND_VECTOR, F64, NONE, 0);
-    scale_ops[2] = operand(2, WRITE, QUILLMARK_OPERAND_VECTOR, F64, NONE, 0);
-    split_ops[0] = operand(0, READ, QUILLMARK_OPERAND_VECTOR, C64, SPLIT, 0);
-    split_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_VECTOR, C64, SPLIT, 0);
-    flip_ops[0] = operand(0, READ, QUILLMARK_OPERAND_MATRIX, C128, INTERLEAVED, QUILLMARK_MATRIX_LAYOUT_ROW_MAJOR);
-    flip_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_MATRIX, C128, INTERLEAVED, QUILLMARK_MATRIX_LAYOUT_ROW_MAJOR);
-    lu_ops[0] = operand(0, READ, QUILLMARK_OPERAND_LU, F64, NONE, 0);
-    lu_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_SCALAR, F64, NONE, 0);
-    eigen_ops[0] = operand(0, READ, QUILLMARK_OPERAND_EIGEN, C64, INTERLEAVED, 0);
-    eigen_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_VECTOR, C64, INTERLEAVED, 0);
-    refuse_ops[0] = operand(0, READ, QUILLMARK_OPERAND_VECTOR, F64, NONE, 0);
-    refuse_ops[1] = operand(1, WRITE, QUILLMARK_OPERAND_VECTOR, F64, NONE, 0);
-    memcpy(wait_ops, refuse_ops, sizeof wait_ops);
 
     quillmark_kernel_spec specs[8];
     const quillmark_kernel_spec* order[8];
