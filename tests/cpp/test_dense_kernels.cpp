@@ -308,8 +308,8 @@ TYPED_TEST(DenseKernels, VectorEqualRules) {
     EXPECT_EQ(equal(x, y), 0);
     if constexpr (!X::integer) {
         const double inf = std::numeric_limits<double>::infinity(), nan = std::numeric_limits<double>::quiet_NaN();
-        for (const auto [a, b, want] : {std::array<double, 3>{inf, inf, 1}, {-inf, -inf, 1}, {inf, -inf, 0}, {1.0, inf, 0},
-                                        {nan, nan, 0}, {nan, 1.0, 0}, {0.0, -0.0, 1}})
+        for (const auto [a, b, want] : {std::array<double, 3>{inf, inf, 1}, {-inf, -inf, 1}, {inf, -inf, 0},
+                                        {1.0, inf, 0}, {nan, nan, 0}, {nan, 1.0, 0}, {0.0, -0.0, 1}})
             for (bool imag : {false, X::complex}) { // the imaginary component alone decides too
                 auto value = [&](double v) {
                     if constexpr (X::complex) return imag ? V(0.5, v) : V(v, 0);

@@ -96,13 +96,13 @@ void check_interleaved_dot(const VectorKernelSet<double>& k, const VectorKernelS
             a[2 * lda + 1] = -0.0;
             a[2 * (3 * lda + n - 1)] = std::numeric_limits<double>::infinity();
         }
-        std::vector<double> ar(rows * lda), ai(rows * lda), xr(n), xi(n), yr(rows), yi(rows), packed(2 * n), y(2 * rows);
+        std::vector<double> ar(rows * lda), ai(rows * lda), xr(n), xi(n), yr(rows), yi(rows);
+        std::vector<double> packed(2 * n), y(2 * rows), want(2 * rows);
         for (u64 i = 0; i < a.size(); ++i) (i % 2 ? ai : ar)[i / 2] = a[i];
         for (u64 j = 0; j < x.size(); ++j) (j % 2 ? xi : xr)[j / 2] = x[j];
         reference.split_dot_rows(rows, n, ar.data(), ai.data(), lda, xr.data(), xi.data(), yr.data(), yi.data());
         k.pack_dot_x(n, x.data(), packed.data());
         k.interleaved_dot_rows(rows, n, a.data(), lda, packed.data(), y.data());
-        std::vector<double> want(2 * rows);
         for (u64 r = 0; r < rows; ++r) want[2 * r] = yr[r], want[2 * r + 1] = yi[r];
         EXPECT_TRUE(quillmark::testing::same_bits(y, want)) << k.name << " n=" << n;
     }
