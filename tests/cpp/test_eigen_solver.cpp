@@ -164,7 +164,7 @@ TYPED_TEST(EigenTyped, BlockTriangularSpectrumIsTheUnionOfTheBlocks) {
                 const Zd v(dist(gen), dist(gen));
                 return block[i] > block[j] ? Zd(0) : v;
             });
-            const Decomposed d = run_eig(a, kLayouts[layout == kLayouts[0]]);
+            const Decomposed d = run_eig(a, kLayouts[layout == kLayouts[0]]); // vectors in the other layout
             EXPECT_LT(worst_residual(a, d), 100 * n * eps_of<C>());
             // Single precision deflates at a relative 1e-4, which moves sensitive pairs by about as much.
             const double tolerance = std::max(1e3 * eps_of<C>(), 10 * default_eigen_options<C>().convergence_tolerance);
