@@ -236,22 +236,6 @@ TEST(EigenSolver, PartlyReducedMatricesAcrossPanels) {
     }
 }
 
-// A real matrix is reduced in real arithmetic; handed over as complex it takes the complex path.
-// Both must find the same spectrum.
-TEST(EigenSolver, RealAndComplexPathsAgree) {
-    for (const Index n : {Index(3), Index(34), Index(70)}) {
-        std::mt19937 gen(40 + unsigned(n));
-        std::normal_distribution<double> dist;
-        std::vector<double> values(n * n);
-        for (double& v : values) v = dist(gen);
-        const auto real = build<double>(n, MatrixLayout::column_major, [&](Index i, Index j) { return Zd(values[i * n + j]); });
-        const auto complex = build<std::complex<double>>(n, MatrixLayout::row_major,
-                                                         [&](Index i, Index j) { return Zd(values[i * n + j]); });
-        const Decomposed r = run_eig(real, MatrixLayout::row_major), c = run_eig(complex, MatrixLayout::row_major);
-        for (const Zd& w : r.values) EXPECT_LT(nearest(w, c.values), 1e-11 * std::sqrt(double(n))) << n;
-    }
-}
-
 TEST(EigenSolver, BadlyScaledAndLargeMatricesAreAccurate) {
     // Entries spanning 2^+-60: without balancing the small eigenvalues drown in rounding.
     std::mt19937 gen(21);
