@@ -4,6 +4,7 @@
 
 #include <bit>
 #include <cmath>
+#include <complex>
 #include <cstdint>
 #include <future>
 #include <vector>
@@ -96,4 +97,17 @@ TEST(LowPrecision, Complex32RoundTripsPerComponent) {
     EXPECT_EQ(c.real.bits, float16_bits_from_float(1.0f / 3.0f));
     EXPECT_EQ(c.imag.bits, 0xFC00);
     EXPECT_TRUE(std::isinf(static_cast<std::complex<float>>(c).imag()));
+}
+
+// Some GCC releases vectorise a pair of double -> float -> double round trips into no rounding
+// at all; the build switches that vectoriser off where they do (CMakeLists.txt).
+__attribute__((noinline)) void narrow_pair(const std::complex<double>& h, std::complex<double>& w) {
+    w = std::complex<double>(std::complex<float>(h));
+}
+
+TEST(LowPrecision, NarrowedPairsKeepTheirSingleRounding) {
+    volatile double x = 0.1, y = 0.3;
+    std::complex<double> w;
+    narrow_pair({x, y}, w);
+    EXPECT_EQ(w, std::complex<double>(static_cast<float>(x), static_cast<float>(y)));
 }

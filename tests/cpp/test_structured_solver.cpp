@@ -443,8 +443,6 @@ TYPED_TEST(StructuredTyped, EighIsTheSortedLoopResultInBothLayouts) {
         const std::vector<Z> h = hermitian_of(symmetric(n, unsigned(n), shape), n);
         std::vector<C> narrow(n * n);
         for (u64 i = 0; i < n * n; ++i) narrow[i] = make<C>(h[i].real(), h[i].imag());
-        // Widened in a loop of its own: GCC 12 at -O2 forwards the unrounded value when a complex
-        // narrowing is stored and read back in one statement group.
         std::vector<W> wide(narrow.begin(), narrow.end()), v_ref;
         const std::vector<double> d_ref = textbook_jacobi(wide, n, &v_ref, hermitian_tolerance<C>(n));
         // The loop itself: W V = V diag(d) and V^H V = I.
