@@ -128,11 +128,9 @@ const JacobiKernelSet& default_jacobi_kernels() {
                       ErrorReason::non_convergence);
 }
 
-namespace {
-
 template <class T>
-std::vector<double> jacobi_sweeps(const std::vector<T>& w, std::uint64_t n, double tol, std::vector<T>* vt,
-                                  const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx) {
+std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, double tol, std::vector<T>* vt,
+                                     const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx) {
     constexpr bool complex = kComplexElement<T>;
     constexpr u64 planes = complex ? 2 : 1;
     constexpr u64 R = kJacobiPanelRows;
@@ -283,14 +281,6 @@ std::vector<double> jacobi_sweeps(const std::vector<T>& w, std::uint64_t n, doub
         }
     }
     return diag;
-}
-
-} // namespace
-
-template <class T>
-std::vector<double> jacobi_hermitian(const std::vector<T>& w, std::uint64_t n, double tol, std::vector<T>* vt,
-                                     const JacobiKernelSet& kernels, const CpuRuntimeContext* ctx) {
-    return jacobi_sweeps(w, n, tol, vt, kernels, ctx);
 }
 
 template std::vector<double> jacobi_hermitian<double>(const std::vector<double>&, u64, double, std::vector<double>*,
